@@ -1,0 +1,10 @@
+# Everything that is installed and called.
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(SAFEC REQUIRED IMPORTED_TARGET libsafec)
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+pkg_check_modules(YAMLCPP REQUIRED IMPORTED_TARGET yaml-cpp)
+find_package(spdlog REQUIRED)
+if(QURN_BUILD_TESTS)
+  find_package(GTest REQUIRED)
+endif()

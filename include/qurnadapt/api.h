@@ -1,0 +1,25 @@
+/* Linkage of every public declaration and the result codes that they share. */
+#ifndef QURNADAPT_API_H
+#define QURNADAPT_API_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+/* Marks the names that the shared library exports; everything else stays hidden. */
+#define QURN_API __attribute__((visibility("default")))
+
+#ifdef __cplusplus
+#define QURN_BEGIN_DECLS extern "C" {
+#define QURN_END_DECLS }
+#else
+#define QURN_BEGIN_DECLS
+#define QURN_END_DECLS
+#endif
+
+#define QURN_OK 0U                  /* Success. */
+#define QURN_FAILED 0xFFFFFFFFU     /* A failure of the function's own. */
+#define QURN_INVALID_ARGUMENT 2U    /* Invalid argument, maintenance calls. */
+#define QURN_NO_KEEP_ALIVE_HOOK 6U  /* No keep-alive hook is registered. */
+#define QURN_EXIT_STATUS 88         /* Exit status of a process that the library ends. */
+
+#endif

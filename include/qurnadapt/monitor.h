@@ -1,0 +1,136 @@
+/* The task dead-loop monitor: registration, heartbeats, hooks and the detection pass. */
+#ifndef QURNADAPT_MONITOR_H
+#define QURNADAPT_MONITOR_H
+
+#include <qurnadapt/api.h>
+#include <time.h>
+
+QURN_BEGIN_DECLS
+
+/* How many threads of a process can be monitored at once. */
+#define FRAME_MONITOR_CAPACITY 64U
+/* Capacity of a monitored thread's name, terminator included. */
+#define FRAME_TASK_NAME_LEN 16U
+
+/* A monitored thread's slot, 0 to 63, kept by that thread and passed by pointer. */
+typedef uint64_t FrameDeadloopHandle;
+
+/* A thread's own dead-loop hook, run once its dead-loop report is written; without one the process
+ * ends with status 88. Gets a copy of the slot, the POSIX thread id and the silence in
+ * milliseconds; its result is not read. Runs on the detection thread, under the event-set lock but
+ * under no monitor lock: every monitor operation may be called, FRAME_MntRegSetAndEventProc may
+ * not. */
+typedef uint32_t (*FrameDeadloopInfoHook)(FrameDeadloopHandle* handle, uint64_t threadId,
+                                          uint32_t elapsedMs);
+
+/* The process-wide hook of second-threshold events. Gets the POSIX thread id, the kernel thread id,
+ * the silence in milliseconds and the thread's exception policy (0 or 1). Runs inside the detection
+ * pass with the monitor's lock read-held and the thread's own lock held: it must not register or
+ * stop a thread, set a process-wide hook, or operate on the thread that it is told about. */
+typedef void (*FrameThreadDeadloopWarningHook)(uint64_t threadId, uint32_t tid, uint32_t elapsedMs,
+                                               uint32_t exceptionPolicy);
+
+/* The process-wide hook of third-threshold events, run after the thread's own hook, with the
+ * arguments of the warning hook and the freedom of FrameDeadloopInfoHook. */
+typedef void (*FrameThreadDeadloopHook)(uint64_t threadId, uint32_t tid, uint32_t elapsedMs,
+                                        uint32_t exceptionPolicy);
+
+/* Everything that describes one monitored thread; all zero while its slot is free. Thresholds and
+ * times are in milliseconds. */
+typedef struct FrameMonitorTaskInfo {
+  uint8_t ucValid;        /* 1 while a thread is registered here. */
+  uint8_t ucDetectSwitch; /* 0 = its silence is not measured. */
+  uint8_t ucTimeoutLevel; /* 0 to 3: the highest threshold reported. */
+  uint32_t uiTid;         /* Kernel thread id. */
+  uint64_t ulThreadId;    /* POSIX thread id of the owner. */
+  uint32_t uiFirstThreshold;
+  uint32_t uiSecondThreshold;
+  uint32_t uiThirdThreshold;
+  uint32_t uiExceptionPolicy; /* 0 or 1, handed to the process-wide hooks. */
+  FrameDeadloopInfoHook pfnDeadloopInfoHook;
+  struct timespec stDetectTime; /* CLOCK_MONOTONIC_COARSE; the silence counts from here. */
+  char acTaskName[FRAME_TASK_NAME_LEN];
+} FrameMonitorTaskInfo;
+
+/* Registers the calling thread with three silence thresholds in seconds, each at least 1 and none
+ * below the one before; 4294967 and above are kept as 4294967295 ms. Stores the slot through
+ * handle. A thread that registers again keeps its slot, hook, policy and switch, and starts its
+ * silence and its thresholds anew. Returns 0, 2 for a null handle or bad thresholds, 0xFFFFFFFF
+ * when the monitor is not initialised or all 64 slots are taken. Thread-safe. */
+QURN_API uint32_t Frame_SetHeartbeatToMon(FrameDeadloopHandle* handle, uint32_t firstThreshold,
+                                          uint32_t secondThreshold, uint32_t thirdThreshold);
+
+/* The calling thread is alive: its silence starts anew. Returns 0, 2 for a bad handle or one of
+ * another thread, 0xFFFFFFFF when the monitor is not initialised or the clock cannot be read.
+ * Thread-safe; takes no more than one uncontended read lock, one mutex and one clock read. */
+QURN_API uint32_t Frame_SendHeartbeatToMon(const FrameDeadloopHandle* handle);
+
+/* Ends the calling thread's registration; its variable is left as it is. Returns 0, 2 for a bad
+ * handle, 0xFFFFFFFF when the monitor is not initialised or the slot is not the caller's.
+ * Thread-safe. */
+QURN_API uint32_t Frame_StopHeartbeatToMon(const FrameDeadloopHandle* handle);
+
+/* Sets the hook of the thread in the slot, null to remove it; any thread may do so. Returns 0, 2
+ * for a bad handle, 0xFFFFFFFF when the monitor is not initialised or the slot is free. The hook is
+ * kept across a re-registration and dropped with the slot. Thread-safe. */
+QURN_API uint32_t Frame_RegDeadloopInfoHook(const FrameDeadloopHandle* handle,
+                                            FrameDeadloopInfoHook hook);
+
+/* ---- Internal steps, exported for the framework's diagnostics ---- */
+
+/* Initialises the monitor and fills the legacy heart function set. Runs when the library is loaded
+ * and again at start-up, where it changes nothing. Returns 0 or 0xFFFFFFFF. */
+QURN_API uint32_t FRAME_TaskDeadloopInit(void);
+QURN_API uint32_t FrameTaskDeadloopCtrlInit(void);
+QURN_API bool FrameIsDeadloopThresholdValid(uint32_t firstThreshold, uint32_t secondThreshold,
+                                            uint32_t thirdThreshold);
+QURN_API bool FrameIsTaskDeadloopHandleValid(const FrameDeadloopHandle* handle);
+
+/* Finds or takes a slot for the calling thread; the monitor's lock is write-held. */
+QURN_API uint32_t FrameSetMonitorTaskInfo(FrameDeadloopHandle* handle, uint32_t firstThreshold,
+                                          uint32_t secondThreshold, uint32_t thirdThreshold);
+/* Fills a free slot (0 to 63); the monitor's lock is write-held. */
+QURN_API uint32_t FrameAddMonitorTaskInfo(uint64_t slot, uint64_t threadId, uint32_t firstThreshold,
+                                          uint32_t secondThreshold, uint32_t thirdThreshold);
+/* Restarts a record's silence with new thresholds in seconds; its lock is held by the caller. */
+QURN_API uint32_t FrameUpdateMonitorTaskKeyInfo(FrameMonitorTaskInfo* info, uint32_t firstThreshold,
+                                                uint32_t secondThreshold, uint32_t thirdThreshold);
+/* Frees the calling thread's slot (0 to 63); the monitor's lock is write-held. */
+QURN_API uint32_t FrameRemoveMonitorTaskInfo(uint64_t slot);
+
+/* One detection pass over all slots. Detection thread only. */
+QURN_API void FRAME_TaskDeadloopMonitorEntry(void);
+/* Milliseconds since the record's detect time, 0xFFFFFFFF when the clock cannot be read. */
+QURN_API uint32_t FrameGetTaskElapsedTime(const FrameMonitorTaskInfo* info);
+/* True when the thread has ended; its slot has then been freed. Its lock is held. */
+QURN_API bool FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info);
+/* Whether the process has a thread of this kernel thread id. */
+QURN_API bool FrameIsMonitorTaskExist(int32_t tid);
+/* The threshold rules: whether one fires for a record, and what it does. The record's lock is held;
+ * detection thread only. */
+QURN_API bool FrameIsInfoThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
+QURN_API bool FrameIsWarnThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
+QURN_API bool FrameIsFatalThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
+QURN_API void FrameInfoThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,
+                                              uint32_t elapsedMs);
+QURN_API void FrameWarnThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,
+                                              uint32_t elapsedMs);
+QURN_API void FrameFatalThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,
+                                               uint32_t elapsedMs);
+/* Runs the hooks of the last third-threshold event, or ends the process with status 88 where the
+ * thread has none. Detection thread only, after the report. */
+QURN_API void FrameDeadloopFatalAction(void);
+/* A section's own hook: hands the event to the framework's hook of that thread and returns its
+ * result, or ends the process with status 88 where the framework keeps none. */
+QURN_API uint32_t FrameSdkDeadloopAction(FrameDeadloopHandle* handle, uint64_t threadId,
+                                         uint32_t elapsedMs);
+/* Logs a text of the framework's dead-loop library: level 0 information, 1 warning, 2 error, any
+ * other is dropped. Thread-safe. */
+QURN_API void FrameDeadloopLogoutHook(uint32_t level, const char* text);
+/* Registers the monitor's capability with the framework's dead-loop library. Returns 0 or the
+ * framework's code. */
+QURN_API uint32_t FrameRegDeadloopCapability(void);
+
+QURN_END_DECLS
+
+#endif

@@ -1,0 +1,30 @@
+/* What the stand-in platform offers beyond the platform interface, for hosts, examples and tests.
+ *
+ * Environment variables, read when the library is loaded:
+ *   TOV_COMP_CFG        path of the component configuration file (parameter 12), read at each use
+ *   TOV_LOG_LEVEL       "info" (default), "warning", "error" or "off"
+ *   TOV_LOG_TARGET      "stderr" (default), "syslog", or "file:PATH" with rotation
+ *   TOV_LOG_FILE_BYTES  size at which a log file is rotated, default 10485760; five are kept
+ */
+#ifndef TOVPLATFORM_STAND_IN_H
+#define TOVPLATFORM_STAND_IN_H
+
+#include <qurnadapt/platform.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Sets the dead-loop hook that the framework keeps for a thread, null to drop it. Returns 0, or
+ * 0xFFFFFFFF when 64 threads have one already. Thread-safe. */
+uint32_t TovStandInDeadloopHookSet(uint64_t threadId, TovDeadloopHook hook);
+
+/* Adds a record to a box region, 0 to 7; the oldest of 20 gives way, and longer texts are cut at
+ * 127 characters. Returns 0, or 0xFFFFFFFF for another region. Thread-safe. */
+uint32_t TovStandInBoxWrite(uint32_t region, const char* text);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

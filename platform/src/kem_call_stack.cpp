@@ -1,0 +1,170 @@
+// Stands in for the KEM call stack and stack bounds. Both run in a signal handler, on the
+// interrupted thread, which may hold any lock of the process: they allocate nothing and lock
+// nothing.
+//
+// The walk is the compiler's own unwinder, started in the handler; it finds unwind tables without
+// the loader's lock. Where the tables end, frame pointers may add callers.
+#include <pthread.h>
+#include <qurnadapt/platform.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <unwind.h>
+
+#include <cerrno>
+
+#include "internal/machine_context.h"
+
+namespace {
+
+// ---- bounds of the main thread's stack, prepared at load
+
+struct PreparedStack {
+  pthread_t thread;
+  uint64_t start;
+  uint64_t end;
+};
+
+constinit PreparedStack g_mainStack{};
+
+_Unwind_Reason_Code ignoreFrame(_Unwind_Context* /*frame*/, void* /*unused*/) {
+  return _URC_NO_REASON;
+}
+
+void prepareMainStack() {
+  pthread_attr_t attributes;
+  void* start = nullptr;
+  size_t size = 0;
+  if (getpid() != syscall(SYS_gettid) || pthread_getattr_np(pthread_self(), &attributes) != 0) {
+    return;
+  }
+  if (pthread_attr_getstack(&attributes, &start, &size) == 0) {
+    const auto lowest = reinterpret_cast<uint64_t>(start);
+    g_mainStack = {pthread_self(), lowest, lowest + size};
+  }
+  pthread_attr_destroy(&attributes);
+}
+
+// The first walk of a process binds the unwinder's own calls and sets up its tables; that happens
+// here, never in a handler.
+__attribute__((constructor)) void prepareAtLoad() {
+  prepareMainStack();
+  _Unwind_Backtrace(ignoreFrame, nullptr);
+}
+
+// ---- the walk
+
+struct Position {
+  uint64_t stackPointer;
+  uint64_t framePointer;
+};
+
+struct Walk {
+  uint64_t interruptedPc;
+  uint64_t* addresses;
+  uint32_t capacity;
+  uint32_t depth;
+  uint32_t framesSkipped;
+  bool reachedInterrupted;
+  bool reachedBottom;
+  Position last;  // of the last frame in the result
+
+  [[nodiscard]] bool full() const { return depth >= capacity; }
+  void add(uint64_t address) { addresses[depth++] = address; }
+};
+
+// More frames than a handler and its callees can have between the walk and the interrupted code.
+constexpr uint32_t kMostHandlerFrames = 32;
+
+_Unwind_Reason_Code visitFrame(_Unwind_Context* frame, void* argument) {
+  Walk& walk = *static_cast<Walk*>(argument);
+  const uint64_t address = _Unwind_GetIP(frame);
+  if (!walk.reachedInterrupted) {
+    if (address != walk.interruptedPc) {
+      return ++walk.framesSkipped < kMostHandlerFrames ? _URC_NO_REASON : _URC_NORMAL_STOP;
+    }
+    walk.reachedInterrupted = true;
+  } else if (address == 0) {
+    walk.reachedBottom = true;
+    return _URC_NORMAL_STOP;
+  } else {
+    walk.add(address);
+  }
+  walk.last = {_Unwind_GetCFA(frame), _Unwind_GetGR(frame, qurn::kFramePointerDwarfRegister)};
+  return walk.full() ? _URC_NORMAL_STOP : _URC_NO_REASON;
+}
+
+// Asks the kernel to read the eight bytes, which fails where we would fault: an invalid request
+// number makes the call change nothing.
+bool isReadable(uint64_t address) {
+  constexpr int kInvalidRequest = ~0;
+  syscall(SYS_rt_sigprocmask, kInvalidRequest, address, nullptr, sizeof(uint64_t));
+  return errno == EINVAL;
+}
+
+// The end of the stack that the calling thread runs on, 0 when it cannot be told. Other than on the
+// main thread, the threads library keeps a thread's control block at the top of its stack.
+uint64_t stackEndFor(uint64_t stackPointer) {
+  const uint64_t self = pthread_self();
+  if (self == g_mainStack.thread) {
+    return stackPointer >= g_mainStack.start && stackPointer < g_mainStack.end ? g_mainStack.end
+                                                                               : 0;
+  }
+  return stackPointer < self ? self : 0;
+}
+
+// Follows saved frame pointers upwards from the last known frame, inside the stack only. Each link
+// must be aligned, above the one before, and readable.
+void walkFramePointers(Walk& walk) {
+  const uint64_t end = stackEndFor(walk.last.stackPointer);
+  uint64_t lowest = walk.last.stackPointer;
+  uint64_t frame = walk.last.framePointer;
+  constexpr uint64_t kFrameBytes = 2 * sizeof(uint64_t);
+  while (!walk.full() && end > kFrameBytes && frame >= lowest && frame <= end - kFrameBytes &&
+         frame % sizeof(uint64_t) == 0 && isReadable(frame) &&
+         isReadable(frame + sizeof(uint64_t))) {
+    const auto* link = reinterpret_cast<const uint64_t*>(frame);
+    if (link[1] == 0) {
+      return;
+    }
+    walk.add(link[1]);
+    lowest = frame + kFrameBytes;
+    frame = link[0];
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+uint32_t KEM_ExceptCallStackGetEx(void* context, uint32_t maxDepth, uint32_t /*option*/,
+                                  uint64_t* addresses, uint32_t* depth) {
+  if (context == nullptr || addresses == nullptr || depth == nullptr || maxDepth == 0) {
+    return QURN_INVALID_ARGUMENT;
+  }
+  const uint64_t* registers = qurn::machineWords(context);
+  Walk walk{};
+  walk.interruptedPc = registers[qurn::kProgramCounterWord];
+  walk.addresses = addresses;
+  walk.capacity = maxDepth;
+  walk.last = {registers[qurn::kStackPointerWord], registers[qurn::kFramePointerWord]};
+  walk.add(walk.interruptedPc);  // whatever the unwinder says
+  _Unwind_Backtrace(visitFrame, &walk);
+  if (!walk.reachedBottom) {
+    walkFramePointers(walk);
+  }
+  *depth = walk.depth;
+  return QURN_OK;
+}
+
+uint32_t KEM_TaskStackInfoGet(uint32_t selector, FrameTaskStackInfo* info) {
+  const auto here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
+  if (selector != 0 || info == nullptr || pthread_self() != g_mainStack.thread ||
+      here < g_mainStack.start || here >= g_mainStack.end) {
+    return QURN_FAILED;
+  }
+  info->start = g_mainStack.start;
+  info->size = g_mainStack.end - g_mainStack.start;
+  return QURN_OK;
+}
+
+}  // extern "C"

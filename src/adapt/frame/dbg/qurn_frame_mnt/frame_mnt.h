@@ -1,0 +1,30 @@
+// What the files of this unit share: its log path, the process identity and the few steps that
+// cross from one concern to another.
+#pragma once
+
+#include <qurnadapt/maintenance.h>
+
+#include "internal/unit_log.h"
+
+namespace qurn::mnt {
+
+inline constexpr char kUnit[] =
+    "build/src/adapt/frame/dbg/CMakeFiles/adaptmnt.dir/src/qurn_frame_mnt";
+
+struct FrameProcInfo {
+  uint32_t pid;
+  char procName[FRAME_PROC_NAME_LEN];
+};
+
+// Filled once at the start of FRAME_MntInit, before the detection thread exists; read-only after.
+const FrameProcInfo& procInfo() noexcept;
+
+// Sets the detection period unless it is set already. Returns whether it did.
+bool setPeriodIfUnset(uint32_t periodMs) noexcept;
+
+// Creates the event control's epoll instance; false with errno set on failure.
+bool createEpollInstance() noexcept;
+
+}  // namespace qurn::mnt
+
+#define MNT_LOG(level, ...) QURN_LOG_AS(LOG_InnerPrint, qurn::mnt::kUnit, level, __VA_ARGS__)

@@ -1,0 +1,223 @@
+// The dead-loop signal and what its handler captures. The handler runs on the stuck thread, in
+// signal context: it works in memory prepared by FrameDeadloopInit and uses async-signal-safe calls
+// only. Everything else runs at start-up or on the detection thread.
+#include <pthread.h>
+#include <qurnadapt/keep_alive.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+
+#include "capture_record.h"
+#include "frame_mnt.h"
+#include "internal/machine_context.h"
+#include "internal/safe_strings.h"
+
+namespace qurn::mnt {
+
+constinit FrameDeadloopDumpCtrl g_dump{};
+
+namespace {
+
+constexpr uint32_t kDefaultPeriodMs = 10000;
+constexpr uint64_t kBytesBelowStackPointer = 512;
+constexpr uint16_t kBusyAttempts = 5;
+constexpr size_t kRegisterBytes = std::min(sizeof(FrameDeadloopDumpInfo::registers),
+                                           sizeof(mcontext_t));
+
+int deadloopSignal() noexcept { return SIGRTMIN + 2; }
+
+// The interrupted code must not see a changed errno.
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() noexcept : saved_(errno) {}
+  ~ErrnoKeeper() { errno = saved_; }
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+ private:
+  const int saved_;
+};
+
+// Handlers on different threads take turns with the one record; a handler that has waited for five
+// seconds gives up.
+bool takeRecord() noexcept {
+  for (uint16_t attempts = kBusyAttempts; attempts > 0; --attempts) {
+    if (g_dump.captureBusy.exchange(1, std::memory_order_seq_cst) == 0) {
+      return true;
+    }
+    sleep(1);
+  }
+  return false;
+}
+
+// The depth and the length come before the release of the flag and the status, so that whoever sees
+// the status sees the finished record.
+void publish(uint32_t depth, uint32_t stackLength) noexcept {
+  g_dump.capturedDepth = depth;
+  g_dump.capturedStackLength = stackLength;
+  g_dump.captureBusy.store(0, std::memory_order_release);
+  g_dump.status.store(FRAME_DEADLOOP_STATUS_CAPTURED, std::memory_order_release);
+}
+
+void capture(FrameDeadloopDumpInfo* dumpInfo, void* context) noexcept {
+  uint32_t depth = 0;
+  uint32_t stackLength = 0;
+  memcpy_s(dumpInfo->registers, sizeof(dumpInfo->registers), machineWords(context), kRegisterBytes);
+  KEM_ExceptCallStackGetEx(context, FRAME_CALL_STACK_DEPTH, 0, g_dump.callStack, &depth);
+  FrameStackMemoryGet(dumpInfo, &stackLength);
+  FrameStackContentGet(dumpInfo, g_dump.callStack, depth);
+  publish(depth, stackLength);
+}
+
+}  // namespace
+}  // namespace qurn::mnt
+
+using namespace qurn::mnt;
+
+extern "C" {
+
+uint32_t FrameDeadloopInit(void) {
+  if (FrameIsDeadloopInited() != 0) {
+    MNT_LOG(TOV_LOG_WARNING, "Deadloop is already inited.");
+    return QURN_OK;
+  }
+  g_dump.captureBusy.store(0, std::memory_order_release);
+  if (FrameDeadLoopSignalFuncReg() != QURN_OK) {
+    return QURN_FAILED;
+  }
+  uint64_t* callStack = nullptr;
+  char* symbolText = nullptr;
+  FrameDeadloopDumpInfo* dumpInfo = nullptr;
+  if (FrameDeadloopStackMemAlloc(&callStack, &symbolText, &dumpInfo) == nullptr) {
+    MNT_LOG(TOV_LOG_ERROR, "Deadloop dfx init fail, stack memory alloc fail.");
+    return QURN_FAILED;
+  }
+  g_dump.callStack = callStack;
+  g_dump.symbolText = symbolText;
+  g_dump.dumpInfo.store(dumpInfo, std::memory_order_release);
+  g_dump.status.store(FRAME_DEADLOOP_STATUS_IDLE, std::memory_order_release);
+  setPeriodIfUnset(kDefaultPeriodMs);
+  g_dump.inited.store(1, std::memory_order_release);
+  return QURN_OK;
+}
+
+uint32_t FrameIsDeadloopInited(void) { return g_dump.inited.load(std::memory_order_acquire); }
+
+uint32_t FrameDeadLoopSignalFuncReg(void) {
+  struct sigaction action {};
+  sigaction(deadloopSignal(), nullptr, &action);
+  action.sa_sigaction = FrameDeadLoopSignalHandle;
+  action.sa_flags = SA_SIGINFO | SA_RESTART;
+  if (const int ret = sigaction(deadloopSignal(), &action, nullptr); ret != 0) {
+    MNT_LOG(TOV_LOG_ERROR, "Deadloop dfx init fail, set sig action fail, ret = %d.", ret);
+    return QURN_FAILED;
+  }
+  return QURN_OK;
+}
+
+void* FrameDeadloopStackMemAlloc(uint64_t** addresses, char** symbolText,
+                                 FrameDeadloopDumpInfo** dumpInfo) {
+  auto* memory = static_cast<CaptureMemory*>(TOV_MemAllocF(sizeof(CaptureMemory), kUnit, __LINE__, 0));
+  if (memory == nullptr) {
+    MNT_LOG(TOV_LOG_ERROR, "Deadloop dfx init fail, memory alloc fail.");
+    return nullptr;
+  }
+  memset_s(memory, sizeof(*memory), 0, sizeof(*memory));
+  *addresses = memory->callStack;
+  *symbolText = memory->symbolText;
+  *dumpInfo = &memory->dumpInfo;
+  return memory;
+}
+
+uint32_t FrameGetDeadloopStatus(void) { return g_dump.status.load(std::memory_order_acquire); }
+
+uint32_t FrameThreadDeadloopPrint(pthread_t thread) {
+  FrameDeadloopDumpInfo* dumpInfo = g_dump.dumpInfo.load(std::memory_order_acquire);
+  if (thread == 0 || thread == ~pthread_t{0} || dumpInfo == nullptr) {
+    MNT_LOG(TOV_LOG_ERROR,
+            "Thread deadloop print unsuccessfully, thread %x or parameter is invalid.",
+            static_cast<uint32_t>(thread));
+    return QURN_FAILED;
+  }
+  FRAME_KeepAliveReport();
+  memset_s(dumpInfo, sizeof(*dumpInfo), 0, sizeof(*dumpInfo));
+  if (const uint32_t ret = FrameDeadloopSignalSend(thread); ret != QURN_OK) {
+    MNT_LOG(TOV_LOG_ERROR, "Thread deadloop send signal unsuccessfully. (ret=%u)", ret);
+    return QURN_FAILED;
+  }
+  return QURN_OK;
+}
+
+uint32_t FrameDeadloopSignalSend(pthread_t thread) {
+  const auto shortId = static_cast<uint32_t>(thread);
+  g_dump.status.store(FRAME_DEADLOOP_STATUS_SIGNALED, std::memory_order_release);
+  MNT_LOG(TOV_LOG_INFO, "Signal %d send to thread %u.", deadloopSignal(), shortId);
+  if (pthread_kill(thread, deadloopSignal()) != 0) {
+    MNT_LOG(TOV_LOG_ERROR, "Signal %d send to thread %u unsuccessfully.", deadloopSignal(),
+            shortId);
+    g_dump.status.store(FRAME_DEADLOOP_STATUS_IDLE, std::memory_order_release);
+    return QURN_FAILED;
+  }
+  FRAME_KeepAliveReport();
+  return QURN_OK;
+}
+
+void FrameDeadLoopSignalHandle(int sig, siginfo_t* info, void* context) {
+  const ErrnoKeeper errnoKeeper;
+  FrameDeadloopDumpInfo* dumpInfo = g_dump.dumpInfo.load(std::memory_order_acquire);
+  if (sig != deadloopSignal() || info == nullptr || context == nullptr || dumpInfo == nullptr ||
+      !takeRecord()) {
+    return;
+  }
+  // A finished record belongs to the detection thread until its report is written; a signal that
+  // nobody asked for must not tear it.
+  if (FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED) {
+    g_dump.captureBusy.store(0, std::memory_order_release);
+    return;
+  }
+  capture(dumpInfo, context);
+}
+
+void FrameStackMemoryGet(FrameDeadloopDumpInfo* dumpInfo, uint32_t* length) {
+  FrameTaskStackInfo bounds{0, 0};
+  if (KEM_TaskStackInfoGet(0, &bounds) != 0) {
+    bounds = {0, 0};
+    FrameTaskStackInfoGet(&bounds);
+  }
+  const uint64_t sp = FrameStackSpGet(dumpInfo->registers);
+  if (bounds.start == 0 || bounds.size == 0 || sp == 0) {
+    return;
+  }
+  uint32_t count = FRAME_STACK_DUMP_BYTES;
+  FrameDumpStackInfoGet(sp, bounds.start, bounds.size, &dumpInfo->stackDumpStart, &count);
+  count = std::min(count, FRAME_STACK_DUMP_BYTES);
+  memcpy_s(dumpInfo->stackBytes, FRAME_STACK_DUMP_BYTES,
+           reinterpret_cast<const void*>(dumpInfo->stackDumpStart), count);
+  *length = count;
+}
+
+void FrameStackContentGet(FrameDeadloopDumpInfo* dumpInfo, const uint64_t* addresses,
+                          uint32_t depth) {
+  uint32_t stored = 0;
+  for (uint32_t i = 0; i < std::min(depth, FRAME_CALL_STACK_DEPTH); ++i) {
+    if (addresses[i] != 0) {
+      dumpInfo->callStack[stored++].address = addresses[i];
+    }
+  }
+}
+
+uint64_t FrameStackSpGet(const uint64_t* registers) { return registers[qurn::kStackPointerWord]; }
+
+void FrameDumpStackInfoGet(uint64_t sp, uint64_t start, uint64_t size, uint64_t* dumpStart,
+                           uint32_t* length) {
+  const uint64_t below = sp < kBytesBelowStackPointer ? 0 : sp - kBytesBelowStackPointer;
+  const uint64_t from = std::max(start, below);
+  const uint64_t end = start + size;
+  *dumpStart = from;
+  *length = from >= end ? 0 : static_cast<uint32_t>(std::min<uint64_t>(*length, end - from));
+}
+
+}  // extern "C"

@@ -1,0 +1,210 @@
+// Start-up of the maintenance subsystem, its detection thread, and the detection tick. Start-up runs
+// on the framework's thread; everything from FrameDeadloopTaskProcEntry on runs on the detection
+// thread.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <qurnadapt/capture.h>
+#include <qurnadapt/event_sets.h>
+#include <qurnadapt/keep_alive.h>
+#include <qurnadapt/monitor.h>
+#include <qurnadapt/report.h>
+#include <qurnadapt/timer.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "frame_mnt.h"
+#include "internal/safe_strings.h"
+#include "internal/scoped_fd.h"
+
+namespace qurn::mnt {
+namespace {
+
+constexpr char kDetectionThreadName[] = "tovDeadloopTask";
+static_assert(sizeof(kDetectionThreadName) <= FRAME_TASK_NAME_LEN);
+
+constexpr char kTimerSetName[] = "tov_timer";
+constexpr uint32_t kPluginPeriodMs = 10000;
+
+constinit FrameProcInfo g_procInfo{};
+constinit std::atomic<uint32_t> g_periodDelay{0};
+
+struct StartStep {
+  uint32_t (*run)();
+  const char* failure;
+};
+
+constexpr StartStep kStartSteps[] = {
+    {FrameExceptionInit, "Frame exception operation unsuccessfully, ret=%#x."},
+    {FrameKeepAliveInit, "Frame keep alive operation unsuccessfully, ret=%#x."},
+    {FRAME_TaskDeadloopInit, "Frame task deadloop init unsuccessfully, ret=%#x."},
+    {FrameRegDeadloopCapability, "Frame register deadloop capability unsuccessfully, ret=%#x."},
+    {FrameDeadloopInit, "Deadloop init unsuccessfully, ret=%#x."},
+    {FRAME_PeriodTaskInit, "Period task create unsuccessfully, ret=%#x."},
+};
+
+// Scans the first line of a status file. The scan goes to a buffer of its own because the library's
+// bounded scan does not look at the destination's size.
+void readProcessName(int statusFd, char* name, uint32_t nameLen) noexcept {
+  char text[128] = {};
+  const ssize_t length = read(statusFd, text, sizeof(text) - 1);
+  if (length < 0) {
+    return;
+  }
+  text[length] = '\0';
+  char scanned[FRAME_PROC_NAME_LEN] = {};
+  if (sscanf_s(text, "Name:%31s", scanned) == 1 && strlen(scanned) < nameLen) {
+    strcpy_s(name, nameLen, scanned);
+  }
+}
+
+// Builds the timer loop of the detection thread; false when a step failed and has been logged.
+bool setUpDetection(FrameTimerCtrl** timerCtrl) noexcept {
+  FrameInitMntEpollEventCtrl();
+  if (!createEpollInstance()) {
+    MNT_LOG(TOV_LOG_ERROR, "Frame deadloop proc entry, epoll create unsuccessfully.");
+    return false;
+  }
+  int32_t timerFd = -1;
+  if (FRAME_TimerCtrlInit(timerCtrl) != QURN_OK ||
+      FRAME_TimerCreate(*timerCtrl, FrameChooseDeadloopDetectTime(), FrameDeadloopDetectCallback,
+                        nullptr, &timerFd) != QURN_OK) {
+    return false;
+  }
+  if (FRAME_MntRegSetAndEventProc(kTimerSetName, FrameTimerEventProc, *timerCtrl) != QURN_OK) {
+    MNT_LOG(TOV_LOG_ERROR, "Frame deadloop proc entry, reg set and event proc unsuccessfully.");
+    return false;
+  }
+  epoll_event event{};
+  if (FRAME_MntEpollCtl(kTimerSetName, EPOLL_CTL_ADD, timerFd, &event) != QURN_OK) {
+    MNT_LOG(TOV_LOG_ERROR, "Frame deadloop proc entry, add event to epoll fd unsuccessfully.");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+const FrameProcInfo& procInfo() noexcept { return g_procInfo; }
+
+bool setPeriodIfUnset(uint32_t periodMs) noexcept {
+  uint32_t unset = 0;
+  return g_periodDelay.compare_exchange_strong(unset, periodMs, std::memory_order_relaxed);
+}
+
+}  // namespace qurn::mnt
+
+using namespace qurn::mnt;
+
+extern "C" {
+
+uint32_t FRAME_MntInit(void) {
+  FrameGetProcInfo(&g_procInfo.pid, g_procInfo.procName, sizeof(g_procInfo.procName));
+  for (const StartStep& step : kStartSteps) {
+    if (const uint32_t ret = step.run(); ret != QURN_OK) {
+      MNT_LOG(TOV_LOG_ERROR, step.failure, ret);
+      return ret;
+    }
+  }
+  return QURN_OK;
+}
+
+void FrameGetProcInfo(uint32_t* pid, char* name, uint32_t nameLen) {
+  if (name == nullptr || pid == nullptr) {
+    return;
+  }
+  *pid = static_cast<uint32_t>(getpid());
+  char path[128] = {};
+  if (snprintf_s(path, sizeof(path), "/proc/%u/status", *pid) < 0) {
+    return;
+  }
+  const qurn::ScopedFd status(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (status.valid()) {
+    readProcessName(status.get(), name, nameLen);
+  }
+}
+
+uint32_t FRAME_PeriodTaskInit(void) {
+  pthread_t thread{};
+  const int ret = pthread_create(&thread, nullptr, FrameDeadloopTaskProcEntry, nullptr);
+  if (ret != 0) {
+    MNT_LOG(TOV_LOG_ERROR, "Frame period task init unsuccessfully. (ret = %d)", ret);
+    return QURN_FAILED;
+  }
+  pthread_detach(thread);
+  return QURN_OK;
+}
+
+void* FrameDeadloopTaskProcEntry(void* /*arg*/) {
+  prctl(PR_SET_NAME, kDetectionThreadName);
+  FrameTimerCtrl* timerCtrl = nullptr;
+  if (setUpDetection(&timerCtrl)) {
+    FRAME_MntDispatch();
+  }
+  FrameMntClearEpollEventCtrl();
+  if (timerCtrl != nullptr) {
+    FRAME_TimerCtrlRuin(timerCtrl);
+  }
+  return nullptr;
+}
+
+uint32_t FrameChooseDeadloopDetectTime(void) {
+  return g_periodDelay.load(std::memory_order_relaxed);
+}
+
+uint32_t FrameSetDeadloopPeriodDelay(uint32_t value) {
+  if (FrameIsDeadloopInited() != 0) {
+    MNT_LOG(TOV_LOG_ERROR, "Deadloop is already inited, set periodDelay unsuccessfully.");
+    return QURN_FAILED;
+  }
+  if (FrameChooseDeadloopDetectTime() != 0) {
+    MNT_LOG(TOV_LOG_ERROR,
+            "Deadloop periodDelay is already inited, set periodDelay unsuccessfully.");
+    return QURN_FAILED;
+  }
+  if (value == 0) {
+    MNT_LOG(TOV_LOG_ERROR, "Deadloop periodDelay is invalid. (value = %u)", value);
+    return QURN_FAILED;
+  }
+  return setPeriodIfUnset(value) ? QURN_OK : QURN_FAILED;
+}
+
+uint32_t FrameDeadloopDetectCallback(void* /*param*/) {
+  FRAME_KeepAliveReport();
+  FRAME_TaskDeadloopMonitorEntry();
+  FrameWriteDeadloopInfo();
+  FrameRuloPluginCheckAndRepairDeadloop();
+  FrameTriggerCheckExit();
+  return QURN_OK;
+}
+
+void FrameRuloPluginCheckAndRepairDeadloop(void) {
+  using RepairFunction = void (*)();
+  static constinit bool resolved = false;
+  static constinit RepairFunction repair = nullptr;
+  static constinit uint32_t ticks = 0;
+
+  if (!resolved) {
+    repair = reinterpret_cast<RepairFunction>(
+        dlsym(RTLD_DEFAULT, "RuloPluginCheckAndRepairDeadloop"));
+    resolved = true;
+  }
+  if (repair == nullptr) {
+    return;
+  }
+  const uint32_t periodMs = FrameChooseDeadloopDetectTime();
+  if (periodMs <= kPluginPeriodMs) {
+    // A direct call before start-up finds no period yet; it counts as a tick like any other.
+    const uint32_t ticksPerRun = periodMs == 0 ? 1 : kPluginPeriodMs / periodMs;
+    if (++ticks < ticksPerRun) {
+      return;
+    }
+    ticks = 0;
+  }
+  repair();
+}
+
+}  // extern "C"

@@ -1,0 +1,264 @@
+// The detection pass and what each threshold does. Runs on the detection thread; during a pass the
+// monitor's lock is held for reading and each node's info mutex while it is handled.
+#include <dirent.h>
+#include <qurnadapt/capture.h>
+#include <qurnadapt/keep_alive.h>
+#include <qurnadapt/timer.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "internal/safe_strings.h"
+#include "monitor_table.h"
+
+namespace qurn::monitor {
+namespace {
+
+constexpr uint8_t kInfoLevel = 1;
+constexpr uint8_t kWarnLevel = 2;
+constexpr uint8_t kFatalLevel = 3;
+
+struct FrameThresholdRule {
+  uint8_t level;  // reached by the action
+  bool (*isTimeout)(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
+  void (*act)(uint64_t slot, FrameMonitorTaskInfo* info, uint32_t elapsedMs);
+};
+
+// Each action raises the level that the next rule asks for, so a long silence climbs all three in
+// one pass.
+constexpr std::array<FrameThresholdRule, 3> kRules{{
+    {kInfoLevel, FrameIsInfoThresholdTimeout, FrameInfoThresholdTimeoutAction},
+    {kWarnLevel, FrameIsWarnThresholdTimeout, FrameWarnThresholdTimeoutAction},
+    {kFatalLevel, FrameIsFatalThresholdTimeout, FrameFatalThresholdTimeoutAction},
+}};
+
+enum class PassStep { kNextSlot, kEndOfPass };
+
+bool isMeasured(const FrameMonitorTaskInfo& info) noexcept {
+  return info.ucValid != 0 && info.ucDetectSwitch != 0 && timeoutLevel(info) != kFatalLevel;
+}
+
+PassStep applyRules(uint64_t slot, FrameMonitorTaskInfo& info, uint32_t elapsedMs) noexcept {
+  for (const FrameThresholdRule& rule : kRules) {
+    if (!rule.isTimeout(&info, elapsedMs)) {
+      continue;
+    }
+    if (FrameIsTerminatedTaskReleased(&info)) {
+      return PassStep::kNextSlot;
+    }
+    rule.act(slot, &info, elapsedMs);
+    if (timeoutLevel(info) == kFatalLevel) {
+      return PassStep::kEndOfPass;
+    }
+  }
+  return PassStep::kNextSlot;
+}
+
+PassStep measureNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
+  FrameMonitorTaskInfo& info = ctrl.astNode[slot].stTaskInfo;
+  int32_t elapsedMs = 0;
+  {
+    const NodeLock lock(ctrl.astNode[slot]);
+    if (!isMeasured(info)) {
+      return PassStep::kNextSlot;
+    }
+    FRAME_KeepAliveReport();
+    elapsedMs = static_cast<int32_t>(FrameGetTaskElapsedTime(&info));
+    if (elapsedMs >= 0) {
+      return applyRules(slot, info, static_cast<uint32_t>(elapsedMs));
+    }
+  }
+  MONITOR_LOG(TOV_LOG_ERROR, "Task deadloop entry, task elapsed time error. (%d)", elapsedMs);
+  return PassStep::kNextSlot;
+}
+
+
+// One threshold's line, logged where its action is, so that each carries its own source line.
+#define LOG_THRESHOLD(level, ordinal, info, elapsedMs)                                            \
+  MONITOR_LOG(level,                                                                              \
+              "Frame task deadloop detect, task [%s:%d] trigger " ordinal                         \
+              " threshold timeout.(elapsed time = %u, first threshold = %u, second threshold = "  \
+              "%u, third threshold = %u)",                                                        \
+              (info)->acTaskName, static_cast<int32_t>((info)->uiTid), elapsedMs,                 \
+              (info)->uiFirstThreshold, (info)->uiSecondThreshold, (info)->uiThirdThreshold)
+
+// What the fatal action needs of a node and the control, copied under their locks because the hooks
+// run without any: they may stop, register or tune any thread, this one included.
+struct FatalView {
+  FrameMonitorTaskInfo info;
+  FrameThreadDeadloopHook processHook;
+};
+
+FatalView viewFatalNode(FrameTaskDeadloopCtrl& ctrl) noexcept {
+  const ReadLock ctrlLock(ctrl.stCtrlLock);
+  const NodeLock nodeLock(ctrl.astNode[ctrl.ulFatalTaskIndex]);
+  return {ctrl.astNode[ctrl.ulFatalTaskIndex].stTaskInfo, ctrl.pfnDeadloopHook};
+}
+
+void runThreadHook(const FrameTaskDeadloopCtrl& ctrl, const FrameMonitorTaskInfo& info) noexcept {
+  MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, deadloop process hook start.");
+  FrameDeadloopHandle slot = ctrl.ulFatalTaskIndex;
+  info.pfnDeadloopInfoHook(&slot, info.ulThreadId, ctrl.uiFatalElapsedTime);
+  MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, deadloop process hook end.");
+}
+
+void runProcessHook(const FrameTaskDeadloopCtrl& ctrl, const FatalView& view) noexcept {
+  MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, deadloop process global hook start.");
+  view.processHook(view.info.ulThreadId, view.info.uiTid, ctrl.uiFatalElapsedTime,
+                   view.info.uiExceptionPolicy);
+  MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, deadloop process global hook end.");
+}
+
+}  // namespace
+}  // namespace qurn::monitor
+
+using namespace qurn::monitor;
+
+extern "C" {
+
+void FRAME_TaskDeadloopMonitorEntry(void) {
+  FrameTaskDeadloopCtrl* ctrl = monitor();
+  if (ctrl == nullptr || FrameGetDeadloopStatus() != FRAME_DEADLOOP_STATUS_IDLE) {
+    return;
+  }
+  const qurn::ReadLock lock(ctrl->stCtrlLock);
+  if (ctrl->uiTaskNum == 0) {
+    return;
+  }
+  for (uint64_t slot = 0; slot < FRAME_MONITOR_CAPACITY; ++slot) {
+    if (measureNode(*ctrl, slot) == PassStep::kEndOfPass) {
+      return;
+    }
+  }
+}
+
+uint32_t FrameGetTaskElapsedTime(const FrameMonitorTaskInfo* info) {
+  timespec now{};
+  if (clock_gettime(CLOCK_MONOTONIC_COARSE, &now) != 0) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Frame get task elapsed time, current time get unsuccessfully. (errno: %d)", errno);
+    return QURN_FAILED;
+  }
+  return static_cast<uint32_t>(FRAME_GetTimespecDiff(&info->stDetectTime, &now));
+}
+
+bool FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info) {
+  const auto tid = static_cast<int32_t>(info->uiTid);
+  if (FrameIsMonitorTaskExist(tid)) {
+    return false;
+  }
+  MONITOR_LOG(TOV_LOG_INFO, "Task deadloop entry, task[%s:%d] terminated.", info->acTaskName, tid);
+  if (memset_s(info, sizeof(*info), 0, sizeof(*info)) != 0) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Task deadloop entry, task[%s:%d] reset unsuccessfully. (errno: %d)",
+                info->acTaskName, tid, errno);
+  } else if (FrameTaskDeadloopCtrl* ctrl = monitor(); ctrl != nullptr) {
+    --ctrl->uiTaskNum;
+  }
+  return true;
+}
+
+bool FrameIsMonitorTaskExist(int32_t tid) {
+  char path[64] = {};
+  if (snprintf_s(path, sizeof(path), "/proc/%d/task/%d", getpid(), tid) < 0) {
+    return false;
+  }
+  DIR* directory = opendir(path);
+  if (directory == nullptr) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Check thread exist, tid %d not exist.", tid);
+    return false;
+  }
+  if (closedir(directory) != 0) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Check thread exist, tid dir close unsuccessfully. (errno: %d)", errno);
+    return false;
+  }
+  return true;
+}
+
+bool FrameIsInfoThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs) {
+  return elapsedMs >= info->uiFirstThreshold && timeoutLevel(*info) == 0;
+}
+
+bool FrameIsWarnThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs) {
+  return elapsedMs >= info->uiSecondThreshold && timeoutLevel(*info) == kInfoLevel;
+}
+
+bool FrameIsFatalThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs) {
+  return elapsedMs >= info->uiThirdThreshold && timeoutLevel(*info) == kWarnLevel;
+}
+
+void FrameInfoThresholdTimeoutAction(uint64_t /*slot*/, FrameMonitorTaskInfo* info,
+                                     uint32_t elapsedMs) {
+  LOG_THRESHOLD(TOV_LOG_INFO, "first", info, elapsedMs);
+  setTimeoutLevel(*info, kInfoLevel);
+  FRAME_KeepAliveReport();
+}
+
+void FrameWarnThresholdTimeoutAction(uint64_t /*slot*/, FrameMonitorTaskInfo* info,
+                                     uint32_t elapsedMs) {
+  LOG_THRESHOLD(TOV_LOG_WARNING, "second", info, elapsedMs);
+  setTimeoutLevel(*info, kWarnLevel);
+  const FrameTaskDeadloopCtrl* ctrl = monitor();
+  if (ctrl != nullptr && ctrl->pfnWarningHook != nullptr) {
+    MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, global warn hook start.");
+    ctrl->pfnWarningHook(info->ulThreadId, info->uiTid, elapsedMs, info->uiExceptionPolicy);
+    MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, global warn hook end.");
+  }
+  FRAME_KeepAliveReport();
+}
+
+void FrameFatalThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,
+                                      uint32_t elapsedMs) {
+  LOG_THRESHOLD(TOV_LOG_ERROR, "third", info, elapsedMs);
+  setTimeoutLevel(*info, kFatalLevel);
+  FrameThreadDeadloopPrint(info->ulThreadId);
+  FRAME_KeepAliveReport();
+  if (FrameTaskDeadloopCtrl* ctrl = monitor(); ctrl != nullptr) {
+    ctrl->uiFatalElapsedTime = elapsedMs;
+    ctrl->ulFatalTaskIndex = slot;
+  }
+}
+
+void FrameDeadloopFatalAction(void) {
+  FrameTaskDeadloopCtrl* ctrl = monitor();
+  if (ctrl == nullptr) {
+    return;
+  }
+  const FatalView atStart = viewFatalNode(*ctrl);
+  if (atStart.info.ucTimeoutLevel != kFatalLevel) {
+    return;
+  }
+  if (atStart.info.pfnDeadloopInfoHook == nullptr) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Task(%s) deadloop detected with no process hook, execute default strategy.",
+                atStart.info.acTaskName);
+    FrameKeepAliveStop();
+  }
+  runThreadHook(*ctrl, atStart.info);
+  FRAME_KeepAliveReport();
+  // The thread's hook may have changed either; the process-wide one acts on what holds now.
+  if (const FatalView now = viewFatalNode(*ctrl); now.processHook != nullptr) {
+    runProcessHook(*ctrl, now);
+  }
+  FRAME_KeepAliveReport();
+}
+
+uint32_t FrameSdkDeadloopAction(FrameDeadloopHandle* /*handle*/, uint64_t threadId,
+                                uint32_t elapsedMs) {
+  const TovDeadloopHook hook = TovDeadloopGetHookByThreadId(threadId);
+  if (hook == nullptr) {
+    FrameKeepAliveStop();
+  }
+  return hook(threadId, elapsedMs);
+}
+
+void FrameDeadloopLogoutHook(uint32_t level, const char* text) {
+  constexpr std::array<uint32_t, 3> kLevels{TOV_LOG_INFO, TOV_LOG_WARNING, TOV_LOG_ERROR};
+  if (level < kLevels.size()) {
+    MONITOR_LOG(kLevels[level], "%s", text);
+  }
+}
+
+}  // extern "C"

@@ -1,0 +1,321 @@
+// The monitor table: its initialisation at load time, registration, heartbeat and stop. Called by
+// the monitored threads; nothing here allocates.
+#include <qurnadapt/keep_alive.h>
+#include <qurnadapt/legacy_heart.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "internal/safe_strings.h"
+#include "monitor_table.h"
+
+namespace qurn::monitor {
+namespace {
+
+constexpr uint32_t kMillisecondsPerSecond = 1000;
+constexpr uint32_t kFirstUnrepresentableSeconds = 4294967;
+constexpr uint32_t kLongestMs = 0xFFFFFFFF;
+
+constinit FrameTaskDeadloopCtrl g_ctrl{};
+constinit std::atomic<FrameTaskDeadloopCtrl*> g_monitor{nullptr};
+
+uint32_t thresholdMs(uint32_t seconds) noexcept {
+  return seconds < kFirstUnrepresentableSeconds ? seconds * kMillisecondsPerSecond : kLongestMs;
+}
+
+bool isOwnedByCaller(const FrameMonitorTaskInfo& info) noexcept {
+  return info.ucValid != 0 && info.ulThreadId == pthread_self();
+}
+
+// What the table says about the calling thread. FRAME_MONITOR_CAPACITY stands for "none".
+struct SlotSearch {
+  uint64_t owned = FRAME_MONITOR_CAPACITY;
+  uint64_t firstFree = FRAME_MONITOR_CAPACITY;
+};
+
+// Looks for the caller's registration in the whole table before a free slot may be taken.
+SlotSearch findSlots(FrameTaskDeadloopCtrl& ctrl) noexcept {
+  SlotSearch found;
+  for (uint64_t slot = 0; slot < FRAME_MONITOR_CAPACITY; ++slot) {
+    FrameDeadloopMonitorNode& node = ctrl.astNode[slot];
+    const NodeLock lock(node);
+    if (isOwnedByCaller(node.stTaskInfo)) {
+      found.owned = slot;
+      break;
+    }
+    if (node.stTaskInfo.ucValid == 0 && found.firstFree == FRAME_MONITOR_CAPACITY) {
+      found.firstFree = slot;
+    }
+  }
+  return found;
+}
+
+}  // namespace
+
+FrameTaskDeadloopCtrl* monitor() noexcept { return g_monitor.load(std::memory_order_acquire); }
+
+NodeLock::NodeLock(FrameDeadloopMonitorNode& node) noexcept : node_(node) {
+  if (pthread_mutex_lock(&node_.stInfoMutex) != 0) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop lock mistake, errno(%d).", errno);
+  }
+}
+
+NodeLock::~NodeLock() {
+  if (pthread_mutex_unlock(&node_.stInfoMutex) != 0) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop unlock mistake errno(%d).", errno);
+  }
+}
+
+void waitForRegistrations(FrameTaskDeadloopCtrl& ctrl) noexcept {
+  const ReadLock barrier(ctrl.stCtrlLock);
+}
+
+}  // namespace qurn::monitor
+
+using namespace qurn::monitor;
+
+extern "C" {
+
+__attribute__((constructor)) static void initialiseAtLoad(void) { FRAME_TaskDeadloopInit(); }
+
+uint32_t FRAME_TaskDeadloopInit(void) {
+  const TovHeartFunSet heart{Frame_SetHeartbeatToMon, Frame_SendHeartbeatToMon,
+                             Frame_StopHeartbeatToMon, Frame_RegDeadloopInfoHook, FRAME_NodeReboot};
+  if (const uint32_t ret = ZotHeartFunReg(&heart); ret != QURN_OK) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Frame task deadloop init, funcs register to zot unsuccessfully. (ret = %#x)", ret);
+    return QURN_FAILED;
+  }
+  if (const uint32_t ret = FrameTaskDeadloopCtrlInit(); ret != QURN_OK) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop init, ctrl init unsuccessfully. (ret = %#x)",
+                ret);
+    return QURN_FAILED;
+  }
+  return QURN_OK;
+}
+
+uint32_t FrameTaskDeadloopCtrlInit(void) {
+  if (g_ctrl.ucIsInited != 0) {
+    return QURN_OK;
+  }
+  memset_s(&g_ctrl, sizeof(g_ctrl), 0, sizeof(g_ctrl));
+  if (pthread_rwlock_init(&g_ctrl.stCtrlLock, nullptr) != 0) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Frame task deadloop ctrl init, ctrl mutex init unsuccessfully. (errno: %d)",
+                errno);
+    return QURN_FAILED;
+  }
+  for (FrameDeadloopMonitorNode& node : g_ctrl.astNode) {
+    if (pthread_mutex_init(&node.stInfoMutex, nullptr) != 0) {
+      MONITOR_LOG(TOV_LOG_ERROR,
+                  "Frame task deadloop ctrl init, info mutex init unsuccessfully. (errno: %d)",
+                  errno);
+      return QURN_FAILED;
+    }
+  }
+  g_ctrl.ucIsInited = 1;
+  g_monitor.store(&g_ctrl, std::memory_order_release);
+  return QURN_OK;
+}
+
+bool FrameIsDeadloopThresholdValid(uint32_t firstThreshold, uint32_t secondThreshold,
+                                   uint32_t thirdThreshold) {
+  if (firstThreshold != 0 && firstThreshold <= secondThreshold &&
+      secondThreshold <= thirdThreshold) {
+    return true;
+  }
+  MONITOR_LOG(TOV_LOG_ERROR,
+              "Frame task deadloop detect, threshold invalid. (first threshold = %u, second "
+              "threshold = %u, third threshold = %u)",
+              firstThreshold, secondThreshold, thirdThreshold);
+  return false;
+}
+
+bool FrameIsTaskDeadloopHandleValid(const FrameDeadloopHandle* handle) {
+  if (handle != nullptr && *handle < FRAME_MONITOR_CAPACITY) {
+    return true;
+  }
+  MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop detect, handle invalid.");
+  return false;
+}
+
+uint32_t Frame_SetHeartbeatToMon(FrameDeadloopHandle* handle, uint32_t firstThreshold,
+                                 uint32_t secondThreshold, uint32_t thirdThreshold) {
+  if (handle == nullptr ||
+      !FrameIsDeadloopThresholdValid(firstThreshold, secondThreshold, thirdThreshold)) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Set heartbeat param unsuccessfully, param invalid.");
+    return QURN_INVALID_ARGUMENT;
+  }
+  FrameTaskDeadloopCtrl* ctrl = monitor();
+  if (ctrl == nullptr) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Set heartbeat param unsuccessfully, deadloop monitor not init.");
+    return QURN_FAILED;
+  }
+  uint32_t ret = QURN_FAILED;
+  {
+    const qurn::WriteLock lock(ctrl->stCtrlLock);
+    ret = FrameSetMonitorTaskInfo(handle, firstThreshold, secondThreshold, thirdThreshold);
+  }
+  if (ret != QURN_OK) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Set heartbeat param unsuccessfully, set param unsuccessfully.");
+    return QURN_FAILED;
+  }
+  return QURN_OK;
+}
+
+uint32_t FrameSetMonitorTaskInfo(FrameDeadloopHandle* handle, uint32_t firstThreshold,
+                                 uint32_t secondThreshold, uint32_t thirdThreshold) {
+  const SlotSearch found = findSlots(g_ctrl);
+  if (found.owned != FRAME_MONITOR_CAPACITY) {
+    FrameDeadloopMonitorNode& node = g_ctrl.astNode[found.owned];
+    const NodeLock lock(node);
+    if (FrameUpdateMonitorTaskKeyInfo(&node.stTaskInfo, firstThreshold, secondThreshold,
+                                      thirdThreshold) != QURN_OK) {
+      MONITOR_LOG(TOV_LOG_ERROR,
+                  "Frame set monitor task info, task key info update unsuccessfully.");
+      return QURN_FAILED;
+    }
+    *handle = found.owned;
+    return QURN_OK;
+  }
+  if (found.firstFree == FRAME_MONITOR_CAPACITY) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Frame set monitor task info, monitor task out of bounds. (max = %u)",
+                FRAME_MONITOR_CAPACITY);
+    return QURN_FAILED;
+  }
+  if (FrameAddMonitorTaskInfo(found.firstFree, pthread_self(), firstThreshold, secondThreshold,
+                              thirdThreshold) != QURN_OK) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Frame set monitor task info, add monitor task unsuccessfully.");
+    return QURN_FAILED;
+  }
+  *handle = found.firstFree;
+  ++g_ctrl.uiTaskNum;
+  return QURN_OK;
+}
+
+uint32_t FrameAddMonitorTaskInfo(uint64_t slot, uint64_t threadId, uint32_t firstThreshold,
+                                 uint32_t secondThreshold, uint32_t thirdThreshold) {
+  FrameDeadloopMonitorNode& node = g_ctrl.astNode[slot];
+  FrameMonitorTaskInfo& info = node.stTaskInfo;
+  const NodeLock lock(node);
+  if (prctl(PR_GET_NAME, info.acTaskName) != 0) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Frame add monitor task info, monitor task name set unsuccessfully. (errno: %d)",
+                errno);
+    return QURN_FAILED;
+  }
+  if (FrameUpdateMonitorTaskKeyInfo(&info, firstThreshold, secondThreshold, thirdThreshold) !=
+      QURN_OK) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Frame add monitor task info, task key info set unsuccessfully.");
+    return QURN_FAILED;
+  }
+  info.ulThreadId = threadId;
+  info.uiTid = static_cast<uint32_t>(syscall(SYS_gettid));
+  info.ucDetectSwitch = 1;
+  info.ucValid = 1;
+  return QURN_OK;
+}
+
+uint32_t FrameUpdateMonitorTaskKeyInfo(FrameMonitorTaskInfo* info, uint32_t firstThreshold,
+                                       uint32_t secondThreshold, uint32_t thirdThreshold) {
+  if (clock_gettime(CLOCK_MONOTONIC_COARSE, &info->stDetectTime) != 0) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Frame update monitor task info, get current time unsuccessfully. (errno: %d)",
+                errno);
+    return QURN_FAILED;
+  }
+  setTimeoutLevel(*info, 0);
+  info->uiFirstThreshold = thresholdMs(firstThreshold);
+  info->uiSecondThreshold = thresholdMs(secondThreshold);
+  info->uiThirdThreshold = thresholdMs(thirdThreshold);
+  return QURN_OK;
+}
+
+uint32_t Frame_SendHeartbeatToMon(const FrameDeadloopHandle* handle) {
+  if (!FrameIsTaskDeadloopHandleValid(handle)) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Send heartbeat unsuccessfully, input handle invalid.");
+    return QURN_INVALID_ARGUMENT;
+  }
+  FrameTaskDeadloopCtrl* ctrl = monitor();
+  if (ctrl == nullptr) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Send heartbeat unsuccessfully, deadloop monitor not init.");
+    return QURN_FAILED;
+  }
+  waitForRegistrations(*ctrl);
+  FrameDeadloopMonitorNode& node = ctrl->astNode[*handle];
+  bool isOwner = false;
+  int clockResult = 0;
+  {
+    const NodeLock lock(node);
+    isOwner = isOwnedByCaller(node.stTaskInfo);
+    if (isOwner) {
+      clockResult = clock_gettime(CLOCK_MONOTONIC_COARSE, &node.stTaskInfo.stDetectTime);
+    }
+  }
+  if (!isOwner) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Send heartbeat unsuccessfully, handle not match.");
+    return QURN_INVALID_ARGUMENT;
+  }
+  if (clockResult != 0) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Send heartbeat unsuccessfully, update detect time unsuccessfully. (errno: %d)",
+                errno);
+    return QURN_FAILED;
+  }
+  return QURN_OK;
+}
+
+uint32_t Frame_StopHeartbeatToMon(const FrameDeadloopHandle* handle) {
+  if (!FrameIsTaskDeadloopHandleValid(handle)) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Stop heartbeat unsuccessfully, input handle invalid.");
+    return QURN_INVALID_ARGUMENT;
+  }
+  FrameTaskDeadloopCtrl* ctrl = monitor();
+  if (ctrl == nullptr) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Stop heartbeat unsuccessfully, deadloop monitor not init.");
+    return QURN_FAILED;
+  }
+  uint32_t ret = QURN_FAILED;
+  {
+    const qurn::WriteLock lock(ctrl->stCtrlLock);
+    ret = FrameRemoveMonitorTaskInfo(*handle);
+    if (ret == QURN_OK) {
+      --ctrl->uiTaskNum;
+    }
+  }
+  if (ret != QURN_OK) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Stop heartbeat unsuccessfully, monitor task not exist.");
+    return QURN_FAILED;
+  }
+  return QURN_OK;
+}
+
+uint32_t FrameRemoveMonitorTaskInfo(uint64_t slot) {
+  FrameDeadloopMonitorNode& node = g_ctrl.astNode[slot];
+  bool isOwner = false;
+  int resetResult = 0;
+  {
+    const NodeLock lock(node);
+    isOwner = isOwnedByCaller(node.stTaskInfo);
+    if (isOwner) {
+      resetResult =
+          memset_s(&node.stTaskInfo, sizeof(node.stTaskInfo), 0, sizeof(node.stTaskInfo));
+    }
+  }
+  if (!isOwner) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Frame remove monitor task info, handle not match.");
+    return QURN_FAILED;
+  }
+  if (resetResult != 0) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Frame remove monitor task info, task info reset unsuccessfully. (errno: %d)",
+                errno);
+    return QURN_FAILED;
+  }
+  return QURN_OK;
+}
+
+}  // extern "C"

@@ -1,0 +1,12 @@
+// The legacy message calls: the framework has no message buffers, so nothing is allocated or sent.
+#include <qurnadapt/legacy_fixed.h>
+
+extern "C" {
+
+void* ZOT_MsgAlloc() { return nullptr; }
+uint32_t ZOT_MsgFree() { return 0; }
+uint32_t ZOT_SEND_MSG() { return 0; }
+uint32_t ZOT_SEND_URGENT_MSG() { return 0; }
+uint32_t ZOT_ZotMsgHeaderLenCheck() { return 1; }
+
+}  // extern "C"

@@ -1,0 +1,37 @@
+// Everything that differs between the supported architectures: where a signal's user context keeps
+// the registers that a stack walk starts from.
+#pragma once
+
+#include <ucontext.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qurn {
+
+#if defined(__x86_64__)
+inline constexpr std::size_t kStackPointerWord = REG_RSP;
+inline constexpr std::size_t kProgramCounterWord = REG_RIP;
+inline constexpr std::size_t kFramePointerWord = REG_RBP;
+inline constexpr int kFramePointerDwarfRegister = 6;
+static_assert(sizeof(mcontext_t) == 256);
+static_assert(offsetof(mcontext_t, gregs) == 0 && sizeof(greg_t) == sizeof(uint64_t));
+#elif defined(__aarch64__)
+// fault address, x0 to x30, sp, pc, pstate
+inline constexpr std::size_t kStackPointerWord = 32;
+inline constexpr std::size_t kProgramCounterWord = 33;
+inline constexpr std::size_t kFramePointerWord = 30;
+inline constexpr int kFramePointerDwarfRegister = 29;
+static_assert(offsetof(mcontext_t, sp) == kStackPointerWord * sizeof(uint64_t));
+static_assert(offsetof(mcontext_t, pc) == kProgramCounterWord * sizeof(uint64_t));
+#else
+#error "unsupported architecture"
+#endif
+
+// The machine context as the 64-bit words that the constants above index.
+inline const uint64_t* machineWords(const void* userContext) noexcept {
+  return reinterpret_cast<const uint64_t*>(
+      &static_cast<const ucontext_t*>(userContext)->uc_mcontext);
+}
+
+}  // namespace qurn
