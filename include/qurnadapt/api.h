@@ -16,10 +16,10 @@
 #define QURN_END_DECLS
 #endif
 
-#define QURN_OK 0U                  /* Success. */
-#define QURN_FAILED 0xFFFFFFFFU     /* A failure of the function's own. */
-#define QURN_INVALID_ARGUMENT 2U    /* Invalid argument, maintenance calls. */
-#define QURN_NO_KEEP_ALIVE_HOOK 6U  /* No keep-alive hook is registered. */
-#define QURN_EXIT_STATUS 88         /* Exit status of a process that the library ends. */
+#define QURN_OK 0U                 /* Success. */
+#define QURN_FAILED 0xFFFFFFFFU    /* A failure of the function's own. */
+#define QURN_INVALID_ARGUMENT 2U   /* Invalid argument, maintenance calls. */
+#define QURN_NO_KEEP_ALIVE_HOOK 6U /* No keep-alive hook is registered. */
+#define QURN_EXIT_STATUS 88        /* Exit status of a process that the library ends. */
 
 #endif

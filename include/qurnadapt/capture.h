@@ -55,7 +55,8 @@ QURN_API uint32_t FrameThreadDeadloopPrint(pthread_t thread);
 /* ---- Internal steps ---- */
 
 QURN_API uint32_t FrameDeadLoopSignalFuncReg(void);
-/* One zero-filled block for the three parts that are handed out, never freed; null without memory.*/
+/* One zero-filled block for the three parts that are handed out, never freed; null without
+ * memory.*/
 QURN_API void* FrameDeadloopStackMemAlloc(uint64_t** addresses, char** symbolText,
                                           FrameDeadloopDumpInfo** dumpInfo);
 QURN_API uint32_t FrameDeadloopSignalSend(pthread_t thread);

@@ -14,7 +14,7 @@ QURN_BEGIN_DECLS
  * process function that receives it, and not to be kept or freed. */
 typedef struct FrameMntEpollData {
   char setName[FRAME_MNT_SET_NAME_LEN];
-  int32_t fd; /* The registered descriptor. */
+  int32_t fd;                     /* The registered descriptor. */
   struct FrameMntEpollData* next; /* The library's own bookkeeping. */
 } FrameMntEpollData;
 

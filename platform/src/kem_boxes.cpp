@@ -1,5 +1,6 @@
-// Stands in for KEM box regions and output hooks: a few numbered regions of short text records, kept
-// in fixed memory. Hooks are called without the lock, so they may log or write records themselves.
+// Stands in for KEM box regions and output hooks: a few numbered regions of short text records,
+// kept in fixed memory. Hooks are called without the lock, so they may log or write records
+// themselves.
 #include <qurnadapt/platform.h>
 #include <tovplatform/stand_in.h>
 

@@ -1,5 +1,5 @@
-// Stands in for the KEM signal-capture facility: one handler for each of the signals 1 to 31, really
-// installed. A second registration of a signal replaces the first.
+// Stands in for the KEM signal-capture facility: one handler for each of the signals 1 to 31,
+// really installed. A second registration of a signal replaces the first.
 #include <qurnadapt/platform.h>
 
 #include <array>

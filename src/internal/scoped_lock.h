@@ -21,7 +21,9 @@ class MutexLock {
 
 class ReadLock {
  public:
-  explicit ReadLock(pthread_rwlock_t& lock) noexcept : lock_(lock) { pthread_rwlock_rdlock(&lock_); }
+  explicit ReadLock(pthread_rwlock_t& lock) noexcept : lock_(lock) {
+    pthread_rwlock_rdlock(&lock_);
+  }
   ~ReadLock() { pthread_rwlock_unlock(&lock_); }
   ReadLock(const ReadLock&) = delete;
   ReadLock& operator=(const ReadLock&) = delete;

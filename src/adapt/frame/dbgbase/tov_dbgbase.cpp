@@ -16,7 +16,8 @@
 
 namespace {
 
-constexpr char kUnit[] = "build/src/adapt/frame/dbgbase/CMakeFiles/adaptdbgbase.dir/src/tov_dbgbase";
+constexpr char kUnit[] =
+    "build/src/adapt/frame/dbgbase/CMakeFiles/adaptdbgbase.dir/src/tov_dbgbase";
 #define DBGBASE_LOG(level, ...) QURN_LOG_AS(LOG_InnerPrint, kUnit, level, __VA_ARGS__)
 
 constexpr uint32_t kMistakeBox = 3;
@@ -32,7 +33,9 @@ struct FreeText {
   void operator()(char* text) const noexcept { free(text); }
 };
 
-uint32_t showBox(uint32_t region) noexcept { return KEM_BoxextRecordShow(region, 0, 20, 0xFFFFFFFF); }
+uint32_t showBox(uint32_t region) noexcept {
+  return KEM_BoxextRecordShow(region, 0, 20, 0xFFFFFFFF);
+}
 
 }  // namespace
 
@@ -58,8 +61,8 @@ uint32_t ZotKemBoxRedirectHook(void* /*ignored*/, const char* text) {
 uint32_t ZotKemBoxRecordDump(void) {
   KEM_HookPrint(ZotKemLogPrintHook);
   if (const uint32_t ret = showBox(kMistakeBox); ret != QURN_OK) {
-    DBGBASE_LOG(TOV_LOG_ERROR,
-                "Get Kelva box record mistake log unsuccessfully. RetCode(%#x).", ret);
+    DBGBASE_LOG(TOV_LOG_ERROR, "Get Kelva box record mistake log unsuccessfully. RetCode(%#x).",
+                ret);
   }
   KEM_BoxextRegionClean(kMistakeBox);
   if (const uint32_t ret = showBox(kExceptionBox); ret != QURN_OK) {
@@ -71,8 +74,8 @@ uint32_t ZotKemBoxRecordDump(void) {
 
 uint32_t ZotKemRunLogFuncReg(void) {
   if (const uint32_t ret = KEM_BoxextRedirectHookReg(ZotKemBoxRedirectHook); ret != QURN_OK) {
-    DBGBASE_LOG(TOV_LOG_ERROR,
-                "Frame Kelva run log func register unsuccessfully, RetCode(%#x).", ret);
+    DBGBASE_LOG(TOV_LOG_ERROR, "Frame Kelva run log func register unsuccessfully, RetCode(%#x).",
+                ret);
     return QURN_FAILED;
   }
   return QURN_OK;

@@ -25,7 +25,8 @@ constexpr uint32_t kDueToleranceMs = 10;
 struct FrameKeepAliveCtrl {
   std::atomic<bool> taken;  // a registration has been accepted
   std::atomic<uint32_t> keepAlivePeriod;
-  std::atomic<FrameKeepAliveHook> keepAliveHook;  // published last: param and period are set by then
+  std::atomic<FrameKeepAliveHook>
+      keepAliveHook;  // published last: param and period are set by then
   std::atomic<void*> keepAliveParam;
 };
 
@@ -113,8 +114,8 @@ uint32_t FrameKeepAliveParamInit(void* yaml) {
     MNT_LOG(TOV_LOG_WARNING, "Keepalive parameter init, watchDogType user config none.");
     return QURN_OK;
   }
-  MNT_LOG(TOV_LOG_ERROR,
-          "Keepalive parameter init, global component mode invalid. (value = %s)", type);
+  MNT_LOG(TOV_LOG_ERROR, "Keepalive parameter init, global component mode invalid. (value = %s)",
+          type);
   return QURN_FAILED;
 }
 

@@ -1,6 +1,6 @@
 // The dead-loop report. Runs on the detection thread, after the signal handler has published its
-// record. Turning addresses into names allocates and takes the loader's lock; the record is complete
-// by then, whatever that costs.
+// record. Turning addresses into names allocates and takes the loader's lock; the record is
+// complete by then, whatever that costs.
 #include <execinfo.h>
 #include <qurnadapt/keep_alive.h>
 #include <qurnadapt/monitor.h>
@@ -28,10 +28,10 @@ using qurn::mnt::kUnit;
 constexpr uint32_t kNameRoom = FRAME_SYMBOL_NAME_LEN + 1;
 
 constexpr std::array<const char*, 31> kSignalNames{
-    "SIGHUP",  "SIGINT",    "SIGQUIT", "SIGILL",  "SIGTRAP", "SIGABRT", "SIGBUS",  "SIGFPE",
-    "SIGKILL", "SIGUSR1",   "SIGSEGV", "SIGUSR2", "SIGPIPE", "SIGALRM", "SIGTERM", "SIGSTKFLT",
-    "SIGCHLD", "SIGCONT",   "SIGSTOP", "SIGTSTP", "SIGTTIN", "SIGTTOU", "SIGURG",  "SIGXCPU",
-    "SIGXFSZ", "SIGVTALRM", "SIGPROF", "SIGWINCH", "SIGIO",  "SIGPWR",  "SIGSYS"};
+    "SIGHUP",  "SIGINT",    "SIGQUIT", "SIGILL",   "SIGTRAP", "SIGABRT", "SIGBUS",  "SIGFPE",
+    "SIGKILL", "SIGUSR1",   "SIGSEGV", "SIGUSR2",  "SIGPIPE", "SIGALRM", "SIGTERM", "SIGSTKFLT",
+    "SIGCHLD", "SIGCONT",   "SIGSTOP", "SIGTSTP",  "SIGTTIN", "SIGTTOU", "SIGURG",  "SIGXCPU",
+    "SIGXFSZ", "SIGVTALRM", "SIGPROF", "SIGWINCH", "SIGIO",   "SIGPWR",  "SIGSYS"};
 
 struct FreeSymbols {
   void operator()(char** symbols) const noexcept { free(static_cast<void*>(symbols)); }

@@ -24,8 +24,8 @@ namespace {
 constexpr uint32_t kDefaultPeriodMs = 10000;
 constexpr uint64_t kBytesBelowStackPointer = 512;
 constexpr uint16_t kBusyAttempts = 5;
-constexpr size_t kRegisterBytes = std::min(sizeof(FrameDeadloopDumpInfo::registers),
-                                           sizeof(mcontext_t));
+constexpr size_t kRegisterBytes =
+    std::min(sizeof(FrameDeadloopDumpInfo::registers), sizeof(mcontext_t));
 
 int deadloopSignal() noexcept { return SIGRTMIN + 2; }
 
@@ -120,7 +120,8 @@ uint32_t FrameDeadLoopSignalFuncReg(void) {
 
 void* FrameDeadloopStackMemAlloc(uint64_t** addresses, char** symbolText,
                                  FrameDeadloopDumpInfo** dumpInfo) {
-  auto* memory = static_cast<CaptureMemory*>(TOV_MemAllocF(sizeof(CaptureMemory), kUnit, __LINE__, 0));
+  auto* memory =
+      static_cast<CaptureMemory*>(TOV_MemAllocF(sizeof(CaptureMemory), kUnit, __LINE__, 0));
   if (memory == nullptr) {
     MNT_LOG(TOV_LOG_ERROR, "Deadloop dfx init fail, memory alloc fail.");
     return nullptr;

@@ -1,5 +1,6 @@
 // The bounds of the calling thread's stack, from the process memory map. Runs in signal context on
-// a stuck thread: fixed buffers, no library call beyond open, read, lseek, close and bounded copies.
+// a stuck thread: fixed buffers, no library call beyond open, read, lseek, close and bounded
+// copies.
 #include <fcntl.h>
 #include <pthread.h>
 #include <qurnadapt/capture.h>

@@ -1,6 +1,6 @@
-// Start-up of the maintenance subsystem, its detection thread, and the detection tick. Start-up runs
-// on the framework's thread; everything from FrameDeadloopTaskProcEntry on runs on the detection
-// thread.
+// Start-up of the maintenance subsystem, its detection thread, and the detection tick. Start-up
+// runs on the framework's thread; everything from FrameDeadloopTaskProcEntry on runs on the
+// detection thread.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -188,8 +188,8 @@ void FrameRuloPluginCheckAndRepairDeadloop(void) {
   static constinit uint32_t ticks = 0;
 
   if (!resolved) {
-    repair = reinterpret_cast<RepairFunction>(
-        dlsym(RTLD_DEFAULT, "RuloPluginCheckAndRepairDeadloop"));
+    repair =
+        reinterpret_cast<RepairFunction>(dlsym(RTLD_DEFAULT, "RuloPluginCheckAndRepairDeadloop"));
     resolved = true;
   }
   if (repair == nullptr) {

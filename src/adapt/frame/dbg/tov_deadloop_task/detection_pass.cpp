@@ -73,14 +73,13 @@ PassStep measureNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
   return PassStep::kNextSlot;
 }
 
-
 // One threshold's line, logged where its action is, so that each carries its own source line.
-#define LOG_THRESHOLD(level, ordinal, info, elapsedMs)                                            \
-  MONITOR_LOG(level,                                                                              \
-              "Frame task deadloop detect, task [%s:%d] trigger " ordinal                         \
-              " threshold timeout.(elapsed time = %u, first threshold = %u, second threshold = "  \
-              "%u, third threshold = %u)",                                                        \
-              (info)->acTaskName, static_cast<int32_t>((info)->uiTid), elapsedMs,                 \
+#define LOG_THRESHOLD(level, ordinal, info, elapsedMs)                                           \
+  MONITOR_LOG(level,                                                                             \
+              "Frame task deadloop detect, task [%s:%d] trigger " ordinal                        \
+              " threshold timeout.(elapsed time = %u, first threshold = %u, second threshold = " \
+              "%u, third threshold = %u)",                                                       \
+              (info)->acTaskName, static_cast<int32_t>((info)->uiTid), elapsedMs,                \
               (info)->uiFirstThreshold, (info)->uiSecondThreshold, (info)->uiThirdThreshold)
 
 // What the fatal action needs of a node and the control, copied under their locks because the hooks
@@ -150,8 +149,7 @@ bool FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info) {
   }
   MONITOR_LOG(TOV_LOG_INFO, "Task deadloop entry, task[%s:%d] terminated.", info->acTaskName, tid);
   if (memset_s(info, sizeof(*info), 0, sizeof(*info)) != 0) {
-    MONITOR_LOG(TOV_LOG_ERROR,
-                "Task deadloop entry, task[%s:%d] reset unsuccessfully. (errno: %d)",
+    MONITOR_LOG(TOV_LOG_ERROR, "Task deadloop entry, task[%s:%d] reset unsuccessfully. (errno: %d)",
                 info->acTaskName, tid, errno);
   } else if (FrameTaskDeadloopCtrl* ctrl = monitor(); ctrl != nullptr) {
     --ctrl->uiTaskNum;
@@ -170,8 +168,8 @@ bool FrameIsMonitorTaskExist(int32_t tid) {
     return false;
   }
   if (closedir(directory) != 0) {
-    MONITOR_LOG(TOV_LOG_ERROR,
-                "Check thread exist, tid dir close unsuccessfully. (errno: %d)", errno);
+    MONITOR_LOG(TOV_LOG_ERROR, "Check thread exist, tid dir close unsuccessfully. (errno: %d)",
+                errno);
     return false;
   }
   return true;

@@ -301,8 +301,7 @@ uint32_t FrameRemoveMonitorTaskInfo(uint64_t slot) {
     const NodeLock lock(node);
     isOwner = isOwnedByCaller(node.stTaskInfo);
     if (isOwner) {
-      resetResult =
-          memset_s(&node.stTaskInfo, sizeof(node.stTaskInfo), 0, sizeof(node.stTaskInfo));
+      resetResult = memset_s(&node.stTaskInfo, sizeof(node.stTaskInfo), 0, sizeof(node.stTaskInfo));
     }
   }
   if (!isOwner) {

@@ -1,0 +1,113 @@
+#include "scenarios.h"
+
+#include <malloc.h>
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <ctime>
+
+namespace {
+
+std::atomic<bool> g_rescued{false};
+pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
+
+void holdLock() { pthread_mutex_lock(&g_lock); }
+
+uint32_t rescue(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t elapsedMs) {
+  std::printf("host: the worker's hook was told of %u ms of silence and breaks its loop\n",
+              elapsedMs);
+  std::fflush(stdout);
+  g_rescued = true;
+  return 0;
+}
+
+}  // namespace
+
+// Plain exported names, as a report shows them.
+extern "C" {
+
+__attribute__((noinline)) void spin_until_rescued() {
+  while (!g_rescued.load(std::memory_order_relaxed)) {
+  }
+}
+
+__attribute__((noinline)) void wait_for_lock() {
+  pthread_mutex_lock(&g_lock);
+  pthread_mutex_unlock(&g_lock);
+}
+
+__attribute__((noinline)) void sleep_in_the_kernel() {
+  timespec rest{3600, 0};
+  while (nanosleep(&rest, &rest) != 0) {
+  }
+}
+
+// Runs while the allocator prints its statistics, that is with the lock of its main heap held.
+__attribute__((noinline)) ssize_t spin_inside_the_allocator(void* /*cookie*/, const char* /*text*/,
+                                                            size_t size) {
+  spin_until_rescued();
+  return static_cast<ssize_t>(size);
+}
+
+// ---- what a worker does; false ends it
+
+bool keep_working(FrameDeadloopHandle& /*self*/) { return true; }
+
+bool end_without_stopping(FrameDeadloopHandle& /*self*/) { return false; }
+
+bool enter_a_loop(FrameDeadloopHandle& /*self*/) {
+  spin_until_rescued();
+  return true;
+}
+
+bool enter_a_loop_with_a_hook(FrameDeadloopHandle& self) {
+  Frame_RegDeadloopInfoHook(&self, rescue);
+  spin_until_rescued();
+  // Registering again starts the silence and the thresholds anew.
+  return Frame_SetHeartbeatToMon(&self, 1, 2, 3) == QURN_OK;
+}
+
+bool block_on_a_lock(FrameDeadloopHandle& /*self*/) {
+  wait_for_lock();
+  return true;
+}
+
+bool block_in_the_kernel(FrameDeadloopHandle& /*self*/) {
+  sleep_in_the_kernel();
+  return true;
+}
+
+bool get_stuck_in_the_allocator(FrameDeadloopHandle& /*self*/) {
+  const cookie_io_functions_t functions{nullptr, spin_inside_the_allocator, nullptr, nullptr};
+  FILE* trap = fopencookie(nullptr, "w", functions);
+  setvbuf(trap, nullptr, _IONBF, 0);
+  stderr = trap;  // the statistics go there; the log keeps the stream it was set up with
+  malloc_stats();
+  return true;
+}
+
+}  // extern "C"
+
+namespace {
+
+constexpr std::array<Scenario, 7> kScenarios{{
+    {"loop", "a worker enters an endless loop", QURN_EXIT_STATUS, "spin_until_rescued", nullptr,
+     enter_a_loop},
+    {"mutex", "a worker waits for a lock that is never released", QURN_EXIT_STATUS, "wait_for_lock",
+     holdLock, block_on_a_lock},
+    {"malloc", "a worker is stuck while it holds the allocator's lock", QURN_EXIT_STATUS,
+     "spin_until_rescued", nullptr, get_stuck_in_the_allocator},
+    {"sleep", "a worker stays in a system call", QURN_EXIT_STATUS, "sleep_in_the_kernel", nullptr,
+     block_in_the_kernel},
+    {"hook", "a worker's own dead-loop hook saves the process", 0, "spin_until_rescued", nullptr,
+     enter_a_loop_with_a_hook},
+    {"exit", "a worker ends without stopping its heartbeat", 0, nullptr, nullptr,
+     end_without_stopping},
+    {"healthy", "all workers keep working", 0, nullptr, nullptr, keep_working},
+}};
+
+}  // namespace
+
+std::span<const Scenario> scenarios() { return kScenarios; }

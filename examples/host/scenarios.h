@@ -1,0 +1,18 @@
+// What one of the host's workers does when its time comes.
+#pragma once
+
+#include <qurnadapt/monitor.h>
+
+#include <span>
+
+struct Scenario {
+  const char* name;
+  const char* story;
+  int exitStatus;       // of the host
+  const char* stuckIn;  // the function that the report names first among ours, or null
+  void (*prepare)();    // on the main thread, before the workers start; may be null
+  // On the worker. Returns whether the worker goes on working; false ends it at once.
+  bool (*happen)(FrameDeadloopHandle& self);
+};
+
+std::span<const Scenario> scenarios();
