@@ -52,9 +52,11 @@ std::optional<PathStep> takeStep(std::string_view& path) {
   return step;
 }
 
+YAML::Node nothing() { return YAML::Node(YAML::NodeType::Undefined); }
+
 YAML::Node childOf(const YAML::Node& node, const PathStep& step) {
   if (step.index.has_value()) {
-    return node.IsSequence() && *step.index < node.size() ? node[*step.index] : YAML::Node();
+    return node.IsSequence() && *step.index < node.size() ? node[*step.index] : nothing();
   }
   if (node.IsMap()) {
     for (const auto& entry : node) {
@@ -63,14 +65,14 @@ YAML::Node childOf(const YAML::Node& node, const PathStep& step) {
       }
     }
   }
-  return YAML::Node(YAML::NodeType::Undefined);
+  return nothing();
 }
 
 YAML::Node nodeAt(const LoadedFile& file, std::string_view path) {
   YAML::Node node = file.root;
   while (!path.empty() && node.IsDefined()) {
     const std::optional<PathStep> step = takeStep(path);
-    node.reset(step.has_value() ? childOf(node, *step) : YAML::Node(YAML::NodeType::Undefined));
+    node.reset(step.has_value() ? childOf(node, *step) : nothing());
   }
   return node;
 }

@@ -1,0 +1,282 @@
+// The detection pass: thresholds, hooks, threads that ended, and the fatal action.
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <tovplatform/stand_in.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <semaphore>
+#include <thread>
+
+#include "support/faults.h"
+#include "support/recording_platform.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+int g_keepAlives = 0;
+int g_threadHookRuns = 0;
+uint32_t g_hookElapsedMs = 0;
+
+uint32_t countKeepAlive(void* /*param*/) {
+  ++g_keepAlives;
+  return 0;
+}
+
+uint32_t threadHook(FrameDeadloopHandle* handle, uint64_t threadId, uint32_t elapsedMs) {
+  ++g_threadHookRuns;
+  g_hookElapsedMs = elapsedMs;
+  recorded::note("hook of slot " + std::to_string(*handle) +
+                 (threadId == 0 ? " without thread" : ""));
+  return 0;
+}
+
+// A registered thread that stays silent in a blocking call until the test ends.
+class SilentThread {
+ public:
+  SilentThread(const std::string& name, uint32_t first, uint32_t second, uint32_t third)
+      : thread_([=, this] {
+          pthread_setname_np(pthread_self(), name.c_str());
+          tid_ = static_cast<int>(syscall(SYS_gettid));
+          EXPECT_EQ(Frame_SetHeartbeatToMon(&slot_, first, second, third), QURN_OK);
+          registered_.release();
+          while (!end_.try_acquire_for(std::chrono::milliseconds(20))) {
+            if (beat_.exchange(false)) {
+              EXPECT_EQ(Frame_SendHeartbeatToMon(&slot_), QURN_OK);
+              beaten_.release();
+            }
+          }
+        }) {
+    registered_.acquire();
+  }
+  ~SilentThread() { end(); }
+  // Lets it end without stopping its heartbeat.
+  void end() {
+    if (thread_.joinable()) {
+      end_.release();
+      thread_.join();
+    }
+  }
+  void beat() {
+    beat_ = true;
+    beaten_.acquire();
+  }
+  [[nodiscard]] int tid() const { return tid_; }
+  [[nodiscard]] FrameDeadloopHandle* slot() { return &slot_; }
+
+ private:
+  FrameDeadloopHandle slot_ = 0;
+  std::atomic<int> tid_{0};
+  std::atomic<bool> beat_{false};
+  std::binary_semaphore registered_{0};
+  std::binary_semaphore beaten_{0};
+  std::binary_semaphore end_{0};
+  std::thread thread_;
+};
+
+std::string thresholdLine(const SilentThread& thread, const char* ordinal, uint32_t elapsedMs) {
+  return "Frame task deadloop detect, task [silent:" + std::to_string(thread.tid()) + "] trigger " +
+         ordinal + " threshold timeout.(elapsed time = " + std::to_string(elapsedMs) +
+         ", first threshold = 2000, second threshold = 4000, third threshold = 6000)";
+}
+
+class DetectionPass : public testing::Test {
+ protected:
+  void SetUp() override {
+    frozen_clock::start();
+    ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
+    recorded::forget();
+  }
+  static void passAfter(int64_t milliseconds) {
+    frozen_clock::advance(milliseconds);
+    FRAME_TaskDeadloopMonitorEntry();
+  }
+  // What a tick does after its pass, once the handler has captured.
+  static void report() {
+    ASSERT_TRUE(
+        eventually([] { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; }));
+    FrameWriteDeadloopInfo();
+  }
+};
+
+TEST_F(DetectionPass, EachThresholdFiresOnceAtItsTime) {
+  SilentThread silent("silent", 2, 4, 6);
+  passAfter(1999);
+  EXPECT_TRUE(recorded::texts().empty());
+  passAfter(1);
+  passAfter(1999);
+  EXPECT_EQ(recorded::texts(40), Texts{thresholdLine(silent, "first", 2000)});
+  EXPECT_TRUE(recorded::texts(80).empty());
+  passAfter(1);
+  passAfter(1999);
+  EXPECT_EQ(recorded::texts(80), Texts{thresholdLine(silent, "second", 4000)});
+  EXPECT_TRUE(recorded::texts(100).empty());
+  passAfter(1);
+  EXPECT_EQ(recorded::texts(100), Texts{thresholdLine(silent, "third", 6000)});
+}
+
+TEST_F(DetectionPass, AHeartbeatRestartsTheSilenceButNotTheLevel) {
+  SilentThread silent("silent", 2, 4, 6);
+  passAfter(2000);
+  silent.beat();
+  recorded::forget();
+  passAfter(3999);
+  EXPECT_TRUE(recorded::texts().empty()) << "the first threshold has been reported";
+  passAfter(1);
+  EXPECT_EQ(recorded::texts(), Texts{thresholdLine(silent, "second", 4000)});
+}
+
+TEST_F(DetectionPass, ALongSilenceClimbsAllThresholdsAndEndsThePass) {
+  SilentThread stuck("stuck", 2, 2, 2);
+  SilentThread next("next", 1, 9, 9);
+  passAfter(2000);
+  EXPECT_EQ(recorded::count("trigger"), 3U);
+  EXPECT_EQ(recorded::count("next"), 0U) << "later slots wait for a later tick";
+  passAfter(0);
+  EXPECT_EQ(recorded::count("next"), 0U) << "no pass while a capture is under way";
+  Frame_RegDeadloopInfoHook(stuck.slot(), threadHook);
+  report();
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
+  passAfter(0);
+  EXPECT_EQ(recorded::count("next"), 1U);
+  EXPECT_EQ(recorded::count("stuck"), 3U) << "a level-3 node is not measured again";
+}
+
+TEST_F(DetectionPass, FatalHandlingRunsTheThreadsHookAndReportsKeepAliveTwice) {
+  SilentThread stuck("stuck", 2, 2, 2);
+  Frame_RegDeadloopInfoHook(stuck.slot(), threadHook);
+  passAfter(2500);
+  ASSERT_EQ(FRAME_KeepAliveProcSet(1, countKeepAlive, nullptr), QURN_OK);
+  ASSERT_TRUE(
+      eventually([] { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; }));
+  frozen_clock::advance(20000);
+  recorded::forget();
+  FrameDeadloopFatalAction();
+  EXPECT_EQ(recorded::texts(80), (Texts{"Frame task deadloop detect, deadloop process hook start.",
+                                        "Frame task deadloop detect, deadloop process hook end."}));
+  EXPECT_EQ(recorded::events(), Texts{"hook of slot 0"});
+  EXPECT_EQ(g_hookElapsedMs, 2500U);
+  EXPECT_EQ(g_keepAlives, 1) << "the second report is not due yet";
+}
+
+uint32_t stopAndRegisterAgain(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/,
+                              uint32_t /*elapsedMs*/) {
+  FrameDeadloopHandle own = 0;
+  EXPECT_EQ(Frame_SetHeartbeatToMon(&own, 1, 2, 3), QURN_OK);
+  EXPECT_EQ(Frame_RegDeadloopInfoHook(&own, threadHook), QURN_OK);
+  EXPECT_EQ(Frame_StopHeartbeatToMon(&own), QURN_OK);
+  ++g_threadHookRuns;
+  return 0;
+}
+
+TEST_F(DetectionPass, AThreadsHookMayCallBackIntoTheMonitor) {
+  SilentThread stuck("stuck", 2, 2, 2);
+  Frame_RegDeadloopInfoHook(stuck.slot(), stopAndRegisterAgain);
+  passAfter(2000);
+  report();
+  EXPECT_EQ(g_threadHookRuns, 1);
+}
+
+TEST_F(DetectionPass, FatalHandlingIsVoidOnceTheThreadRegisteredAnew) {
+  FrameDeadloopHandle self = 0;
+  ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 1), QURN_OK);
+  passAfter(1000);
+  ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 1), QURN_OK);
+  report();
+  EXPECT_EQ(recorded::count("default strategy"), 0U);
+}
+
+TEST_F(DetectionPass, WithoutAHookTheProcessEndsWithStatus88) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_EXIT(
+      {
+        SilentThread stuck("stuck", 1, 1, 1);
+        passAfter(1000);
+        report();
+      },
+      testing::ExitedWithCode(88),
+      "Task.stuck. deadloop detected with no process hook, execute default strategy.");
+  EXPECT_EXIT(FrameSdkDeadloopAction(nullptr, 1, 2), testing::ExitedWithCode(88), "code 88");
+  EXPECT_EXIT(g_stTovHeartFunSet.pfnReboot(), testing::ExitedWithCode(88),
+              "Frame reboot announce.");
+}
+
+TEST_F(DetectionPass, ASectionsActionIsTheFrameworksHookOfTheThread) {
+  ASSERT_EQ(TovStandInDeadloopHookSet(77,
+                                      [](uint64_t threadId, uint32_t elapsedMs) {
+                                        return static_cast<uint32_t>(threadId) + elapsedMs;
+                                      }),
+            QURN_OK);
+  EXPECT_EQ(FrameSdkDeadloopAction(nullptr, 77, 1000), 1077U);
+}
+
+TEST_F(DetectionPass, AThreadThatEndedIsReleasedInsteadOfReported) {
+  SilentThread silent("silent", 2, 4, 6);
+  SilentThread other("other", 2, 4, 6);
+  const std::string tid = std::to_string(silent.tid());
+  const FrameDeadloopHandle freed = *silent.slot();
+  silent.end();
+  passAfter(2000);
+  EXPECT_TRUE(recorded::has(100, "Check thread exist, tid " + tid + " not exist."));
+  EXPECT_TRUE(recorded::has(40, "Task deadloop entry, task[silent:" + tid + "] terminated."));
+  EXPECT_EQ(recorded::count("trigger"), 1U) << "the other thread's";
+  FrameDeadloopHandle self = 9;
+  ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
+  EXPECT_EQ(self, freed);
+}
+
+TEST_F(DetectionPass, ThreadProbesFailClosed) {
+  const auto self = static_cast<int32_t>(syscall(SYS_gettid));
+  EXPECT_TRUE(FrameIsMonitorTaskExist(self));
+  fault::arm(fault::Call::Opendir, ENOENT);
+  EXPECT_FALSE(FrameIsMonitorTaskExist(self));
+  fault::arm(fault::Call::Closedir, EIO);
+  EXPECT_FALSE(FrameIsMonitorTaskExist(self));
+  EXPECT_TRUE(recorded::has(100, "Check thread exist, tid dir close unsuccessfully. (errno: 5)"));
+
+  SilentThread silent("silent", 2, 4, 6);
+  const std::string who = "task[silent:" + std::to_string(silent.tid()) + "]";
+  silent.end();
+  fault::arm(fault::Call::MemsetS, EPERM);
+  passAfter(2000);
+  EXPECT_TRUE(
+      recorded::has(100, "Task deadloop entry, " + who + " reset unsuccessfully. (errno: 1)"));
+}
+
+TEST_F(DetectionPass, ANodeWhoseTimeCannotBeToldIsSkippedForOneTick) {
+  SilentThread silent("silent", 2, 4, 6);
+  frozen_clock::advance(-5);
+  FRAME_TaskDeadloopMonitorEntry();
+  fault::arm(fault::Call::ClockGettime, EPERM, 1);  // the first read is the keep-alive report's
+  passAfter(5);
+  EXPECT_EQ(recorded::texts(100),
+            (Texts{"Task deadloop entry, task elapsed time error. (-5)",
+                   "Frame get task elapsed time, current time get unsuccessfully. (errno: 1)",
+                   "Task deadloop entry, task elapsed time error. (-1)"}));
+  passAfter(2000);
+  EXPECT_EQ(recorded::count("trigger first"), 1U);
+}
+
+TEST_F(DetectionPass, AThreadThatCannotBeSignalledStaysReportedAndPassesGoOn) {
+  SilentThread silent("silent", 1, 1, 1);
+  fault::arm(fault::Call::PthreadKill, EAGAIN);
+  passAfter(1000);
+  EXPECT_EQ(recorded::count("unsuccessfully"), 2U);
+  EXPECT_TRUE(recorded::has(100, "Thread deadloop send signal unsuccessfully. (ret=4294967295)"));
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
+  SilentThread next("next", 1, 9, 9);
+  passAfter(1000);
+  EXPECT_EQ(recorded::count("next"), 1U);
+}
+
+TEST_F(DetectionPass, TheFrameworksLogTextsKeepTheirLevel) {
+  for (uint32_t level = 0; level < 4; ++level) {
+    FrameDeadloopLogoutHook(level, "100%s");
+  }
+  EXPECT_EQ(recorded::texts(), Texts(3, "100%s"));
+  EXPECT_EQ(recorded::texts(40).size() + recorded::texts(80).size(), 2U);
+}
+
+}  // namespace

@@ -1,0 +1,135 @@
+// The example host as a user runs it: real threads, real signals, real timers, in a process of its
+// own.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;  // the runtime has frames, and an allocator, of its own
+#else
+constexpr bool kSanitized = false;
+#endif
+
+namespace {
+
+struct HostRun {
+  int status = -1;
+  std::string output;
+
+  [[nodiscard]] size_t at(const std::string& text) const { return output.find(text); }
+  [[nodiscard]] bool has(const std::string& text) const { return at(text) != std::string::npos; }
+};
+
+HostRun runHost(const std::string& options) {
+  const std::string command =
+      QURN_HOST " --period 200 --thresholds 1,1,2 --seconds 5 --config " QURN_HOST_CONFIG " " +
+      options + " 2>&1";
+  HostRun run;
+  FILE* pipe = popen(command.c_str(), "r");
+  std::array<char, 4096> text{};
+  while (fgets(text.data(), text.size(), pipe) != nullptr) {
+    run.output += text.data();
+  }
+  const int status = pclose(pipe);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+// Function names of the report's frames, without offsets.
+std::vector<std::string> frames(const HostRun& run) {
+  std::vector<std::string> names;
+  for (size_t number = 0;; ++number) {
+    const std::string mark = " #" + std::to_string(number) + " ";
+    const size_t at = run.at(mark);
+    if (at == std::string::npos) {
+      return names;
+    }
+    const size_t start = at + mark.size();
+    names.push_back(run.output.substr(start, run.output.find_first_of("+.", start) - start));
+  }
+}
+
+struct Stuck {
+  const char* scenario;
+  std::vector<std::string> ours;  // innermost first; other frames may lie between and around
+};
+
+void PrintTo(const Stuck& stuck, std::ostream* out) { *out << stuck.scenario; }
+
+class StuckWorker : public testing::TestWithParam<Stuck> {};
+
+TEST_P(StuckWorker, IsReportedAndTheProcessEndsWithStatus88) {
+  if (kSanitized && std::string(GetParam().scenario) == "malloc") {
+    GTEST_SKIP() << "the sanitizer's allocator has no such lock";
+  }
+  const HostRun run = runHost(std::string("--scenario ") + GetParam().scenario);
+  SCOPED_TRACE(run.output);
+  EXPECT_EQ(run.status, 88);
+  size_t last = 0;
+  for (const char* line :
+       {"guard: READY=1", "[worker-2:", "trigger first threshold", "trigger second threshold",
+        "trigger third threshold", "is captured at", "Captured process: qurn-host, pid: ",
+        "Task(worker-2) deadloop detected with no process hook", "ZOT_Exit with code 88."}) {
+    ASSERT_TRUE(run.has(line)) << line;
+    if (std::string(line).rfind("guard", 0) != 0 && line[0] != '[') {
+      EXPECT_GT(run.at(line), last) << line;
+      last = run.at(line);
+    }
+  }
+  EXPECT_TRUE(run.has("guard: WATCHDOG=1"));
+#if !defined(__SANITIZE_THREAD__)
+  std::vector<std::string> ours;
+  for (const std::string& name : frames(run)) {
+    for (const std::string& mine : GetParam().ours) {
+      if (name == mine) {
+        ours.push_back(name);
+      }
+    }
+  }
+  EXPECT_EQ(ours, GetParam().ours);
+#endif
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Host, StuckWorker,
+    testing::Values(Stuck{"loop", {"spin_until_rescued", "enter_a_loop", "worker_main"}},
+                    Stuck{"mutex", {"wait_for_lock", "block_on_a_lock", "worker_main"}},
+                    Stuck{"malloc",
+                          {"spin_until_rescued", "spin_inside_the_allocator", "malloc_stats",
+                           "get_stuck_in_the_allocator", "worker_main"}},
+                    Stuck{"sleep", {"sleep_in_the_kernel", "block_in_the_kernel", "worker_main"}}),
+    [](const auto& stuck) { return std::string(stuck.param.scenario); });
+
+TEST(Host, IsSavedByTheWorkersOwnHook) {
+  const HostRun run = runHost("--scenario hook");
+  SCOPED_TRACE(run.output);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_TRUE(run.has("the worker's hook was told of"));
+  EXPECT_TRUE(run.has("deadloop process hook end."));
+  EXPECT_TRUE(run.has("host: done"));
+  EXPECT_FALSE(run.has("default strategy"));
+}
+
+TEST(Host, ReleasesAWorkerThatEndedWithoutStopping) {
+  const HostRun run = runHost("--scenario exit");
+  SCOPED_TRACE(run.output);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_TRUE(run.has("Task deadloop entry, task[worker-2:"));
+  EXPECT_FALSE(run.has("trigger"));
+}
+
+TEST(Host, RunsCleanWhenAllIsWell) {
+  const HostRun run = runHost("--scenario healthy --seconds 3");
+  SCOPED_TRACE(run.output);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_TRUE(run.has("guard: WATCHDOG=1"));
+  for (const char* sign : {" warning ", " error ", "trigger"}) {
+    EXPECT_FALSE(run.has(sign)) << sign;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,192 @@
+// Event sets and descriptors on the detection thread's loop.
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+#include <thread>
+
+#include "support/faults.h"
+#include "support/recording_platform.h"
+
+namespace {
+
+const std::string kLongestName(127, 'n');
+const std::string kTooLongName(128, 'n');
+
+struct Seen {
+  std::atomic<int> calls{0};
+  std::atomic<int> fd{-1};
+};
+
+// Notes the event and drains the descriptor.
+uint32_t drain(epoll_event* event, void* param) {
+  auto& seen = *static_cast<Seen*>(param);
+  seen.fd = static_cast<FrameMntEpollData*>(event->data.ptr)->fd;
+  uint64_t value = 0;
+  EXPECT_EQ(read(seen.fd, &value, sizeof(value)), 8);
+  ++seen.calls;
+  return 0;
+}
+
+uint32_t countOnly(epoll_event* /*event*/, void* param) {
+  ++static_cast<Seen*>(param)->calls;
+  return 0;
+}
+
+uint32_t refuse(epoll_event* event, void* param) {
+  drain(event, param);
+  return 5;
+}
+
+void ring(int fd) {
+  const uint64_t one = 1;
+  ASSERT_EQ(write(fd, &one, sizeof(one)), 8);
+}
+
+TEST(EventSets, FailCleanlyWhileThereIsNoLoop) {
+  epoll_event event{};
+  const auto expectRefusal = [&] {
+    recorded::forget();
+    EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", drain, nullptr), QURN_FAILED);
+    EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, 0, &event), QURN_FAILED);
+    EXPECT_EQ(recorded::texts(100), std::vector<std::string>(2, "Epoll fd has not been created."));
+  };
+  expectRefusal();
+
+  FrameMntEpollData record{"set", 0, nullptr};
+  event.data.ptr = &record;
+  FrameMntEventProcBySet(&event);
+  EXPECT_TRUE(recorded::has(100, "Mnt epoll list node null .(setName = set)"));
+  event.data.ptr = nullptr;
+  FrameMntEventProcBySet(&event);
+
+  EXPECT_EQ(FrameInitMntEpollEventCtrl(), 0);
+  expectRefusal();
+  FrameMntClearEpollEventCtrl();
+  expectRefusal();
+}
+
+TEST(EventSets, ALaterRegistrationOfANameReplacesTheFirst) {
+  startDetection(1000);
+  Seen first;
+  Seen second;
+  epoll_event event{};
+  const int fd = eventfd(0, EFD_NONBLOCK);
+  ASSERT_EQ(FRAME_MntRegSetAndEventProc("set", drain, &first), QURN_OK);
+  ASSERT_EQ(FRAME_MntRegSetAndEventProc("set", drain, &second), QURN_OK);
+  ASSERT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event), QURN_OK);
+  EXPECT_EQ(event.events, 0x80000001U) << "readable and edge-triggered";
+  ring(fd);
+  EXPECT_TRUE(eventually([&] { return second.calls == 1; }));
+  EXPECT_EQ(second.fd, fd);
+  EXPECT_EQ(first.calls, 0);
+}
+
+TEST(EventSets, NamesHaveAtMost127Characters) {
+  startDetection(1000);
+  epoll_event event{};
+  const int fd = eventfd(0, 0);
+  const size_t held = recorded::blocksHeld();
+  EXPECT_EQ(FRAME_MntRegSetAndEventProc(kTooLongName.c_str(), drain, nullptr), QURN_FAILED);
+  EXPECT_EQ(FRAME_MntRegSetAndEventProc(nullptr, drain, nullptr), QURN_FAILED);
+  EXPECT_EQ(FRAME_MntEpollCtl(kTooLongName.c_str(), EPOLL_CTL_ADD, fd, &event), QURN_FAILED);
+  EXPECT_EQ(recorded::count("Use secure function to copy setName unsuccessfully."), 3U);
+  EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", nullptr, nullptr), QURN_INVALID_ARGUMENT);
+  EXPECT_TRUE(recorded::has(100, "Event process function is NULL."));
+  EXPECT_EQ(recorded::blocksHeld(), held);
+  EXPECT_EQ(FRAME_MntRegSetAndEventProc(kLongestName.c_str(), drain, nullptr), QURN_OK);
+  EXPECT_EQ(FRAME_MntEpollCtl(kLongestName.c_str(), EPOLL_CTL_ADD, fd, &event), QURN_OK);
+}
+
+TEST(EventSets, FailuresAreLoggedAndLeaveNothingBehind) {
+  startDetection(1000);
+  epoll_event event{};
+  const int fd = eventfd(0, 0);
+  const size_t held = recorded::blocksHeld();
+  fault::arm(fault::Call::Alloc, ENOMEM);
+  EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", drain, nullptr), QURN_FAILED);
+  fault::arm(fault::Call::Alloc, ENOMEM);
+  EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event), QURN_FAILED);
+  EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event), QURN_FAILED);
+  EXPECT_EQ(recorded::texts(100),
+            (std::vector<std::string>{"Frame mnt create event proc, memory malloc unsuccessfully.",
+                                      "Frame mnt epoll control, alloc memory unsuccessfully.",
+                                      "Frame mnt operate epoll event unsuccessfully.(errno = 2)"}));
+  EXPECT_EQ(recorded::blocksHeld(), held);
+}
+
+TEST(EventSets, UnknownNamesAndFailingFunctionsAreLoggedAndTheLoopGoesOn) {
+  startDetection(1000);
+  Seen seen;
+  epoll_event event{EPOLLIN, {}};
+  const int fd = eventfd(0, EFD_NONBLOCK);
+  ASSERT_EQ(FRAME_MntEpollCtl("late", EPOLL_CTL_ADD, fd, &event), QURN_OK);
+  EXPECT_EQ(event.events, static_cast<uint32_t>(EPOLLIN)) << "a mask of the caller's is kept";
+  ring(fd);
+  EXPECT_TRUE(eventually([] { return recorded::has(40, "There is no set which name is late."); }));
+  ASSERT_EQ(FRAME_MntRegSetAndEventProc("late", refuse, &seen), QURN_OK);
+  EXPECT_TRUE(eventually(
+      [] { return recorded::has(100, "Epoll event process unsuccessfully.(setName = late)"); }));
+  ring(fd);
+  EXPECT_TRUE(eventually([&] { return seen.calls == 2; }));
+}
+
+TEST(EventSets, AFailingWaitIsLoggedUnlessASignalInterruptedIt) {
+  fault::arm(fault::Call::EpollWait, EINTR, 1);
+  startDetection(20);
+  EXPECT_EQ(recorded::count("Epoll wait unsuccessfully."), 0U);
+  fault::arm(fault::Call::EpollWait, EBADF);
+  EXPECT_TRUE(
+      eventually([] { return recorded::has(100, "Epoll wait unsuccessfully. (errno = 9)"); }));
+  const size_t ticks = recorded::events().size();
+  EXPECT_TRUE(eventually([&] { return recorded::events().size() > ticks; }));
+}
+
+TEST(EventSets, RecordsAreReleasedOnceTheKernelHasLetGoOfThem) {
+  startDetection(20);
+  const size_t held = recorded::blocksHeld();
+  const int fd = eventfd(0, EFD_NONBLOCK);
+  epoll_event event{};
+  ASSERT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event), QURN_OK);
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event), QURN_OK);
+  }
+  EXPECT_TRUE(eventually([&] { return recorded::blocksHeld() == held + 1; }));
+  ASSERT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_DEL, fd, nullptr), QURN_OK);
+  EXPECT_TRUE(eventually([&] { return recorded::blocksHeld() == held; }));
+  ASSERT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event), QURN_OK);
+  ASSERT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_DEL, fd, &event), QURN_OK);
+  EXPECT_TRUE(eventually([&] { return recorded::blocksHeld() == held; }));
+}
+
+// The sanitizers see a record that is released under the dispatcher's hands.
+TEST(EventSets, DescriptorsMayChangeWhileTheirEventsAreBeingDispatched) {
+  startDetection(5);
+  Seen seen;
+  ASSERT_EQ(FRAME_MntRegSetAndEventProc("busy", countOnly, &seen), QURN_OK);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&] {
+      const int fd = eventfd(1, EFD_NONBLOCK);
+      while (!stop) {
+        epoll_event event{EPOLLIN, {}};
+        EXPECT_EQ(FRAME_MntEpollCtl("busy", EPOLL_CTL_ADD, fd, &event), QURN_OK);
+        EXPECT_EQ(FRAME_MntEpollCtl("busy", EPOLL_CTL_MOD, fd, &event), QURN_OK);
+        std::this_thread::yield();
+        EXPECT_EQ(FRAME_MntEpollCtl("busy", EPOLL_CTL_DEL, fd, nullptr), QURN_OK);
+      }
+      close(fd);
+    });
+  }
+  EXPECT_TRUE(eventually([&] { return seen.calls > 200; }));
+  stop = true;
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+}  // namespace

@@ -1,0 +1,153 @@
+// Legacy logging, exit and environment, and the first calls of the other legacy units.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "support/faults.h"
+#include "support/recording_platform.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+uint32_t g_showAnswer = 0;
+uint32_t g_redirectAnswer = 0;
+KemPrintHook g_printHook = nullptr;
+KemBoxRedirectHook g_redirectHook = nullptr;
+
+}  // namespace
+
+// The KEM boxes of this program.
+extern "C" {
+
+uint32_t KEM_HookPrint(KemPrintHook hook) {
+  g_printHook = hook;
+  return 0;
+}
+uint32_t KEM_BoxextRedirectHookReg(KemBoxRedirectHook hook) {
+  g_redirectHook = hook;
+  return g_redirectAnswer;
+}
+uint32_t KEM_BoxextRecordShow(uint32_t region, uint32_t first, uint32_t count, uint32_t mask) {
+  EXPECT_TRUE(first == 0 && count == 20 && mask == 0xFFFFFFFF);
+  g_printHook(("record of box " + std::to_string(region)).c_str());
+  return g_showAnswer;
+}
+uint32_t KEM_BoxextRegionClean(uint32_t region) {
+  recorded::note("clean " + std::to_string(region));
+  return region + 100;
+}
+uint32_t RuloPluginAssert(const char* file, uint32_t line, uint32_t third) {
+  return file[0] == 'f' ? line + third : 0;
+}
+
+}  // extern "C"
+
+namespace {
+
+TEST(LegacyLog, ShowsAndCleansBothBoxesEvenWhenTheyCannotBeShown) {
+  EXPECT_EQ(ZotKemBoxRecordDump(), 104U);
+  EXPECT_EQ(recorded::texts(), (Texts{"record of box 3", "record of box 4"}));
+  recorded::forget();
+  g_showAnswer = 0x1F;
+  EXPECT_EQ(ZotKemBoxRecordDump(), 104U);
+  EXPECT_EQ(recorded::events(), (Texts{"clean 3", "clean 4"}));
+  EXPECT_EQ(recorded::texts(100),
+            (Texts{"Get Kelva box record mistake log unsuccessfully. RetCode(0x1f).",
+                   "Get Kelva box record except log unsuccessfully. RetCode(0x1f)."}));
+}
+
+TEST(LegacyLog, RoutesRunLogsOnceTheHookIsInstalled) {
+  g_redirectAnswer = 5;
+  EXPECT_EQ(ZotKemLogInit(), QURN_FAILED);
+  EXPECT_EQ(recorded::texts(100),
+            (Texts{"Frame Kelva run log func register unsuccessfully, RetCode(0x5).",
+                   "Frame kelva log init unsuccessfully. (ret = 0xffffffff)"}));
+  g_redirectAnswer = 0;
+  EXPECT_EQ(ZotKemLogInit(), QURN_OK);
+  EXPECT_EQ(g_redirectHook(nullptr, "100% run log"), 1U);
+  EXPECT_EQ(ZotKemLogPrintHook("100% printed"), 0U);
+  EXPECT_EQ(recorded::texts(40),
+            (Texts{"Frame kelva log init successful.", "100% run log", "100% printed"}));
+}
+
+TEST(LegacyExit, DumpsTheBoxesLogsAndEndsTheProcessAtOnce) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_EXIT(
+      {
+        atexit([] { _exit(1); });  // must not run
+        ZOT_Exit(88);
+      },
+      testing::ExitedWithCode(88), "record of box 4.*ZOT_Exit with code 88. .process id = [0-9]+.");
+  EXPECT_EQ(ZOT_Assert("file", 40, 2), 42U);
+}
+
+TEST(LegacyEnvironment, ReadsIdentifiersAsDecimalNumbers) {
+  const std::pair<const char*, uint32_t> values[] = {
+      {"12", 12}, {"abc", 0}, {"-1", 0xFFFFFFFF}, {"7up", 7}, {"", 0}};
+  const char* names[] = {"ZOT_DB_ID", "ZOT_NODE_ID", "ZOT_LR_ID", "ZOT_VR_ID"};
+  for (uint32_t selector = 0; selector < 4; ++selector) {
+    uint32_t value = 99;
+    unsetenv(names[selector]);
+    EXPECT_EQ(ZOT_GetEnvValue(selector, &value), QURN_FAILED);
+    EXPECT_EQ(value, 99U);
+    for (const auto& [text, number] : values) {
+      setenv(names[selector], text, 1);
+      EXPECT_EQ(ZOT_GetEnvValue(selector, &value), QURN_OK);
+      EXPECT_EQ(value, number) << text;
+    }
+    EXPECT_EQ(ZOT_GetEnvValue(selector, nullptr), QURN_FAILED);
+  }
+  uint32_t value = 99;
+  EXPECT_EQ(ZOT_GetEnvValue(4, &value), QURN_FAILED);
+  EXPECT_EQ(value, 99U);
+  EXPECT_EQ(ZOT_LocGetEnv(nullptr), nullptr);
+  const std::unique_ptr<char, decltype(&free)> empty(ZOT_LocGetEnv("ZOT_VR_ID"), free);
+  ASSERT_NE(empty, nullptr);
+  EXPECT_STREQ(empty.get(), "");
+}
+
+TEST(LegacyUnits, AnswerTheirFirstCalls) {
+  EXPECT_EQ(ZOT_MsgAlloc(), nullptr);
+  EXPECT_EQ(ZOT_MsgFree() + ZOT_SEND_MSG() + ZOT_SEND_URGENT_MSG() + ZOT_DllInit() + ZOT_DllFini(),
+            0U);
+  EXPECT_EQ(ZOT_ZotMsgHeaderLenCheck(), 1U);
+  TOV_SetProcessSlotId(5);
+  EXPECT_TRUE(recorded::has(40, "tOV process slot id (5) set success."));
+  uint32_t seconds = 0;
+  uint32_t microseconds = 1'000'000;
+  EXPECT_EQ(ZOT_GetSystemTime(nullptr, &microseconds), QURN_FAILED);
+  EXPECT_EQ(ZOT_GetSystemTime(&seconds, &microseconds), QURN_OK);
+  EXPECT_LE(time(nullptr) - seconds, 5U);
+  EXPECT_LT(microseconds, 1'000'000U);
+}
+
+TEST(PointerStack, GivesBackInReverseOrderAndFreesWhatIsLeft) {
+  RpmStack* stack = RPM_CreateStack();
+  uintptr_t element = 99;
+  EXPECT_EQ(RPM_IsStackEmpty(stack), 1U);
+  EXPECT_EQ(RPM_PopStack(stack, &element), QURN_FAILED);
+  EXPECT_EQ(RPM_GetStackTopElement(stack, &element), QURN_FAILED);
+  EXPECT_EQ(element, 99U);
+  for (uintptr_t pushed = 1; pushed <= 3; ++pushed) {
+    EXPECT_EQ(RPM_PushStack(stack, pushed), QURN_OK);
+  }
+  fault::arm(fault::Call::Alloc, ENOMEM);
+  EXPECT_EQ(RPM_PushStack(stack, 4), QURN_FAILED);
+  for (uintptr_t expected = 3; expected >= 1; --expected) {
+    EXPECT_EQ(RPM_GetStackTopElement(stack, &element), QURN_OK);
+    EXPECT_EQ(element, expected);
+    EXPECT_EQ(RPM_PopStack(stack, &element), QURN_OK);
+  }
+  EXPECT_EQ(RPM_IsStackEmpty(stack), 1U);
+  for (int i = 0; i < 2; ++i) {
+    RPM_PushStack(stack, reinterpret_cast<uintptr_t>(TOV_MemAllocF(8, "test", 1, 0)));
+  }
+  RPM_DestroyStack(stack);
+  RPM_DestroyStack(nullptr);
+  EXPECT_EQ(recorded::blocksHeld(), 0U);
+}
+
+}  // namespace

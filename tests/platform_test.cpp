@@ -1,0 +1,303 @@
+// The stand-in platform on its own: configuration, durations, log, call stack, boxes and the rest.
+#include <gtest/gtest.h>
+#include <qurnadapt/qurnadapt.h>
+#include <tovplatform/stand_in.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "internal/machine_context.h"
+
+namespace {
+
+std::string temporaryFile(const std::string& name) {
+  return testing::TempDir() + "/qurn-" + std::to_string(getpid()) + name;
+}
+
+class Yaml : public testing::Test {
+ protected:
+  void load(const std::string& text) {
+    const std::string path = temporaryFile(".yaml");
+    std::ofstream(path) << text;
+    handle_ = TovYamlLoadFile(path.c_str());
+  }
+  void TearDown() override { TovYamFreelHandle(handle_); }
+  std::string property(const char* key) {
+    const char* text = TovYamlGetProperty(handle_, "%s", key);
+    return text == nullptr ? "(null)" : text;
+  }
+  void* handle_ = nullptr;
+};
+
+TEST_F(Yaml, AnswersByDottedPathsAndIndexes) {
+  load("a: {b: {c: deep}, list: [x, {k: v}, '', [p, q]]}\nempty:\nnumber: 12\n");
+  ASSERT_NE(handle_, nullptr);
+  EXPECT_EQ(property("a.b.c"), "deep");
+  EXPECT_EQ(property("a.list[0]"), "x");
+  EXPECT_EQ(property("a.list[1].k"), "v");
+  EXPECT_EQ(property("a.list[2]"), "");
+  EXPECT_EQ(property("a.list[3][1]"), "q");
+  EXPECT_EQ(property("number"), "12");
+  EXPECT_STREQ(TovYamlGetProperty(handle_, "%s[%u]", "a.list", 0U), "x");
+  EXPECT_EQ(TovYamlGetArraySize(handle_, "%s", "a.list"), 4U);
+  EXPECT_TRUE(TovYamlIsKeyExist(handle_, "empty"));
+  for (const char* other : {"a", "a.b", "a.list", "empty", "a.list[4]", "a.list[x]", "a.list[",
+                            "a.list.k", "number.x", "number[0]", "absent.x", ".", "[0]"}) {
+    EXPECT_EQ(property(other), "(null)") << other;
+    EXPECT_EQ(TovYamlGetArraySize(handle_, "%s", other), std::string(other) == "a.list" ? 4U : 0U);
+  }
+  EXPECT_FALSE(TovYamlIsKeyExist(handle_, "a.list[4]"));
+  EXPECT_FALSE(TovYamlIsKeyExist(handle_, "absent"));
+  EXPECT_EQ(property(std::string(600, 'k').c_str()), "(null)");
+}
+
+TEST_F(Yaml, FilesWithoutKeysHaveNoneAndWhatIsNoYamlHasNoHandle) {
+  for (const char* text : {"", "just text", "[1, 2]"}) {
+    load(text);
+    ASSERT_NE(handle_, nullptr) << text;
+    EXPECT_FALSE(TovYamlIsKeyExist(handle_, "watchDog")) << text;
+    EXPECT_EQ(property("watchDog"), "(null)") << text;
+    EXPECT_EQ(TovYamlGetArraySize(handle_, "watchDog"), 0U) << text;
+    TovYamFreelHandle(handle_);
+  }
+  load("a: [unclosed");
+  EXPECT_EQ(handle_, nullptr);
+  EXPECT_EQ(TovYamlLoadFile("/nonexistent/file"), nullptr);
+  EXPECT_EQ(TovYamlLoadFile(nullptr), nullptr);
+  EXPECT_FALSE(TovYamlIsKeyExist(nullptr, "a"));
+}
+
+TEST(Duration, IsANumberAndAUnitThatFit32Bits) {
+  const std::pair<const char*, uint32_t> good[] = {{"0", 0},
+                                                   {"1500", 1500},
+                                                   {"250ms", 250},
+                                                   {"60s", 60000},
+                                                   {"2m", 120000},
+                                                   {"2min", 120000},
+                                                   {"1h", 3600000},
+                                                   {"4294967295", 4294967295},
+                                                   {"4294967s", 4294967000},
+                                                   {"1193h", 4294800000}};
+  for (const auto& [text, milliseconds] : good) {
+    uint32_t value = 7;
+    EXPECT_EQ(TovStrToMilliSeconds(text, &value), 0U) << text;
+    EXPECT_EQ(value, milliseconds) << text;
+  }
+  for (const char* text : {"", "s", "-1", "+1", "1.5s", "1 s", "1d", "1ss", "4294967296",
+                           "4294968s", "1194h", "99999999999999999999", "0x10"}) {
+    uint32_t value = 7;
+    EXPECT_NE(TovStrToMilliSeconds(text, &value), 0U) << text;
+    EXPECT_EQ(value, 7U) << text;
+  }
+}
+
+// ---- log; its destination is fixed when a program is loaded, so each case is a process
+
+std::vector<std::string> logOf(const std::string& environment, const std::string& what) {
+  const std::string path = temporaryFile(".log");
+  const std::string command =
+      environment + " TOV_LOG_TARGET=file:" + path + " " LOG_LINES " " + what;
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  std::vector<std::string> lines;
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    lines.push_back(line);
+  }
+  std::filesystem::remove(path);
+  return lines;
+}
+
+TEST(Log, WritesOneReadableLineAMessageDownToTheLevelAskedFor) {
+  const std::vector<std::string> all = logOf("", "levels");
+  ASSERT_EQ(all.size(), 4U);
+  const std::string stamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )";
+  EXPECT_TRUE(std::regex_match(
+      all[0], std::regex(stamp + R"(info \[log_lines:\d+\] 0 unit:42 information 1)")))
+      << all[0];
+  EXPECT_NE(all[3].find("legacy text"), std::string::npos);
+  EXPECT_EQ(logOf("TOV_LOG_LEVEL=warning", "levels").size(), 2U);
+  EXPECT_EQ(logOf("TOV_LOG_LEVEL=off", "levels").size(), 0U);
+}
+
+TEST(Log, DropsIdenticalRepeatsOfOneSiteAndSaysHowMany) {
+  const std::vector<std::string> lines = logOf("", "repeats");
+  size_t again = 0;
+  size_t dropped = 0;
+  size_t report = 0;
+  size_t different = 0;
+  for (const std::string& line : lines) {
+    std::smatch match;
+    again += line.find(" again") != std::string::npos ? 1 : 0;
+    report += line.find(" report") != std::string::npos ? 1 : 0;
+    different += line.find(" different") != std::string::npos ? 1 : 0;
+    if (std::regex_search(line, match, std::regex(R"(\((\d+) identical lines dropped\))"))) {
+      dropped += std::stoul(match[1]);
+    }
+  }
+  EXPECT_EQ(report, 1000U);
+  EXPECT_EQ(different, 300U);
+  EXPECT_GE(again, 200U);
+  EXPECT_EQ(again + dropped, 1000U);
+}
+
+// ---- call stack
+
+uint64_t g_stack[20];
+uint32_t g_depth = 0;
+uint32_t g_most = 20;
+
+void captureStack(int /*sig*/, siginfo_t* /*info*/, void* context) {
+  EXPECT_EQ(KEM_ExceptCallStackGetEx(context, g_most, 0, g_stack, &g_depth), QURN_OK);
+  EXPECT_EQ(g_stack[0], qurn::machineWords(context)[qurn::kProgramCounterWord]);
+}
+
+__attribute__((noinline)) uint64_t raiseHere(uint64_t* caller) {
+  *caller = reinterpret_cast<uint64_t>(__builtin_return_address(0));
+  raise(SIGUSR2);
+  return *caller + 1;
+}
+
+TEST(CallStack, HoldsTheInterruptedContextAndRealReturnAddresses) {
+  struct sigaction action {};
+  action.sa_sigaction = captureStack;
+  action.sa_flags = SA_SIGINFO;
+  sigaction(SIGUSR2, &action, nullptr);
+  uint64_t caller = 0;
+  EXPECT_NE(raiseHere(&caller), 0U);
+  EXPECT_NE(std::find(g_stack, g_stack + g_depth, caller), g_stack + g_depth);
+  g_most = 2;
+  raiseHere(&caller);
+  EXPECT_EQ(g_depth, 2U);
+  EXPECT_NE(KEM_ExceptCallStackGetEx(nullptr, 20, 0, g_stack, &g_depth), QURN_OK);
+}
+
+// Made-up contexts: whatever the registers say, the walk reads nothing that it must not read.
+TEST(CallStack, SurvivesGarbageRegisters) {
+  const auto here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
+  const uint64_t frames[] = {0,
+                             1,
+                             8,
+                             here,
+                             here + 1,
+                             here + 8,
+                             here + (1U << 20U),
+                             ~uint64_t{0},
+                             ~uint64_t{0} - 15,
+                             uint64_t{1} << 46U};
+  for (const uint64_t framePointer : frames) {
+    for (const uint64_t stackPointer : {uint64_t{0}, here, framePointer}) {
+      ucontext_t context{};
+      auto* words = reinterpret_cast<uint64_t*>(&context.uc_mcontext);
+      words[qurn::kProgramCounterWord] = 0x1234;
+      words[qurn::kFramePointerWord] = framePointer;
+      words[qurn::kStackPointerWord] = stackPointer;
+      uint32_t depth = 0;
+      EXPECT_EQ(KEM_ExceptCallStackGetEx(&context, 20, 0, g_stack, &depth), QURN_OK);
+      EXPECT_GE(depth, 1U);
+      EXPECT_EQ(g_stack[0], 0x1234U);
+    }
+  }
+}
+
+TEST(StackBounds, AreKnownForTheMainThreadOnly) {
+  const auto here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
+  FrameTaskStackInfo info{0, 0};
+  ASSERT_EQ(KEM_TaskStackInfoGet(0, &info), QURN_OK);
+  EXPECT_LT(info.start, here);
+  EXPECT_GT(info.start + info.size, here);
+  std::thread([] {
+    FrameTaskStackInfo other{0, 0};
+    EXPECT_NE(KEM_TaskStackInfoGet(0, &other), QURN_OK);
+  }).join();
+}
+
+// ---- the rest of the KEM layer
+
+std::string g_printed;
+
+uint32_t collect(const char* text) {
+  g_printed += std::string(text) + ";";
+  return 0;
+}
+
+TEST(Boxes, KeepTheNewestTwentyRecordsUntilTheyAreCleaned) {
+  KEM_HookPrint(collect);
+  for (int i = 1; i <= 22; ++i) {
+    EXPECT_EQ(TovStandInBoxWrite(3, ("r" + std::to_string(i)).c_str()), QURN_OK);
+  }
+  EXPECT_EQ(KEM_BoxextRecordShow(3, 0, 2, 0xFFFFFFFF), QURN_OK);
+  EXPECT_EQ(g_printed, "r3;r4;");
+  EXPECT_EQ(KEM_BoxextRegionClean(3), QURN_OK);
+  EXPECT_EQ(KEM_BoxextRecordShow(3, 0, 20, 0xFFFFFFFF), QURN_OK);
+  EXPECT_EQ(g_printed, "r3;r4;");
+  EXPECT_NE(KEM_BoxextRecordShow(8, 0, 20, 0xFFFFFFFF), QURN_OK);
+  EXPECT_NE(TovStandInBoxWrite(8, "x"), QURN_OK);
+}
+
+TEST(Kem, ArithmeticReportsWhatDoesNotFit) {
+  uint32_t high = 0;
+  uint32_t low = 0xFFFFFFFF;
+  EXPECT_EQ(KEM_64Add64(0, 1, &high, &low), QURN_OK);
+  EXPECT_TRUE(high == 1 && low == 0);
+  EXPECT_EQ(KEM_64Sub64(0, 1, &high, &low), QURN_OK);
+  EXPECT_TRUE(high == 0 && low == 0xFFFFFFFF);
+  EXPECT_NE(KEM_64Sub64(1, 0, &high, &low), QURN_OK);
+  high = low = 0xFFFFFFFF;
+  EXPECT_NE(KEM_64Add64(0, 1, &high, &low), QURN_OK);
+  const uint32_t tick[2] = {0, 1};
+  EXPECT_EQ(KEM_CpuTick2Ms(tick, &high, &low), QURN_OK);
+  EXPECT_EQ(low, 4294U);
+}
+
+TEST(Kem, BreaksTimeDownAndWritesNumbers) {
+  ZotSystime time{};
+  EXPECT_EQ(KEM_SystimeSec2Time(951782400 + 3661, &time), QURN_OK);
+  EXPECT_EQ(KEM_SystimeWeekDayGet(&time), QURN_OK);
+  EXPECT_TRUE(time.year == 2000 && time.month == 2 && time.date == 29 && time.hour == 1 &&
+              time.minute == 1 && time.second == 1 && time.week == 2);
+  char text[11];
+  EXPECT_EQ(KEM_Uint32ToStrEx(4294967295U, text, 11, 10), QURN_OK);
+  EXPECT_STREQ(text, "4294967295");
+  EXPECT_NE(KEM_Uint32ToStrEx(4294967295U, text, 10, 10), QURN_OK);
+  EXPECT_EQ(KEM_Uint32ToStrEx(0, text, 2, 16), QURN_OK);
+  EXPECT_STREQ(text, "0");
+}
+
+TEST(Kem, CapturedSignalsEndInTheirHandler) {
+  static uint32_t captured = 0;
+  const KemSigcapHandler handler = [](uint32_t sigId, void*, void*) -> uint32_t {
+    captured = sigId;
+    return 1;
+  };
+  EXPECT_EQ(KEM_SigcapHandleReg(SIGHUP, handler), QURN_OK);
+  EXPECT_EQ(KEM_SigcapHandleReg(SIGHUP, handler), QURN_OK) << "replaced";
+  raise(SIGHUP);
+  EXPECT_EQ(captured, static_cast<uint32_t>(SIGHUP));
+  EXPECT_NE(KEM_SigcapHandleReg(0, handler), QURN_OK);
+  EXPECT_NE(KEM_SigcapHandleReg(32, handler), QURN_OK);
+}
+
+TEST(Kem, HandlesMemoryAndMutexesWork) {
+  uint32_t first = 0;
+  uint32_t second = 0;
+  EXPECT_EQ(KEM_HandleInitialize("a", &first), QURN_OK);
+  EXPECT_EQ(KEM_HandleInitialize("b", &second), QURN_OK);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(KEM_HandleFinalize(first), QURN_OK);
+  void* block = KEM_MemAlloc_F(second, 0, 100, "test", 1);
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(KEM_MemFree_F(0, block, "test", 2), QURN_OK);
+  uint64_t mutex = 0;
+  EXPECT_NE(KEM_MutexLock(&mutex), QURN_OK);
+  EXPECT_EQ(KEM_MutexInit(&mutex), QURN_OK);
+  EXPECT_EQ(KEM_MutexLock(&mutex) + KEM_MutexUnlock(&mutex) + KEM_MutexDestroy(&mutex), QURN_OK);
+  EXPECT_EQ(mutex, 0U);
+}
+
+}  // namespace

@@ -1,0 +1,248 @@
+// The dead-loop signal, its handler and what it captures.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <thread>
+
+#include "internal/machine_context.h"
+#include "support/faults.h"
+#include "support/recording_platform.h"
+
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kDelaysSignals = true;  // and shows the handler a context of its own making
+#else
+constexpr bool kDelaysSignals = false;
+#endif
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+const int kSignal = SIGRTMIN + 2;
+
+// ---- a call stack to find again: twelve calls, then a wait that answers every signal
+
+sem_t g_parked;
+bool g_leave = false;
+std::atomic<int> g_errnoAfter{0};
+uint64_t g_returnAddresses[12];
+
+}  // namespace
+
+extern "C" __attribute__((noinline)) void park() {
+  errno = 1234;
+  sem_post(&g_parked);
+  while (!__atomic_load_n(&g_leave, __ATOMIC_ACQUIRE)) {
+    if (kDelaysSignals) {
+      usleep(1000);
+    }
+  }
+  g_errnoAfter = errno;
+}
+
+extern "C" __attribute__((noinline)) void descend(int level) {
+  g_returnAddresses[level] = reinterpret_cast<uint64_t>(__builtin_return_address(0));
+  if (level + 1 < 12) {
+    descend(level + 1);
+  } else {
+    park();
+  }
+  asm volatile("");  // keeps the call above from becoming a jump
+}
+
+namespace {
+
+class SignalCapture : public testing::Test {
+ protected:
+  void SetUp() override {
+    sem_init(&g_parked, 0, 0);
+    ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
+  }
+  // Captures `thread` and writes the report to the log.
+  static void captureAndReport(pthread_t thread) {
+    recorded::forget();
+    ASSERT_EQ(FrameThreadDeadloopPrint(thread), QURN_OK);
+    ASSERT_TRUE(
+        eventually([] { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; }));
+    FrameWriteDeadloopInfo();
+    EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
+  }
+};
+
+void expectReportHeader() {
+  const std::vector<recorded::Line> lines = recorded::lines();
+  ASSERT_GE(lines.size(), 3U);
+  EXPECT_EQ(lines[0].level, 40U);
+  EXPECT_EQ(lines[0].text.rfind("Signal " + std::to_string(kSignal) + " send to thread ", 0), 0U);
+  for (size_t i = 1; i < lines.size(); ++i) {
+    EXPECT_TRUE(lines[i].unsuppressed && lines[i].level == 80 && lines[i].wellFormed)
+        << lines[i].text;
+  }
+  EXPECT_EQ(lines[1].text.rfind("Signal " + std::to_string(kSignal) + " is captured at 20", 0), 0U);
+  EXPECT_EQ(lines[1].text.substr(lines[1].text.size() - 2), "..");
+}
+
+TEST_F(SignalCapture, TheReportNamesTheStuckFunctionAndItsCallersInOrder) {
+  std::thread stuck([] { descend(0); });
+  sem_wait(&g_parked);
+  captureAndReport(stuck.native_handle());
+  __atomic_store_n(&g_leave, true, __ATOMIC_RELEASE);
+  stuck.join();
+  EXPECT_EQ(g_errnoAfter, 1234) << "the handler keeps errno";
+  expectReportHeader();
+  if (kDelaysSignals) {
+    GTEST_SKIP() << "this sanitizer runs handlers later, elsewhere";
+  }
+  const std::vector<recorded::Line> lines = recorded::lines();
+  ASSERT_GT(lines.size(), 15U);
+  ASSERT_EQ(lines[3].text.rfind("#0 park+0x", 0), 0U) << lines[3].text;
+  for (size_t i = 1; i <= 12; ++i) {
+    EXPECT_EQ(lines[3 + i].text.rfind("#" + std::to_string(i) + " descend+0x", 0), 0U)
+        << lines[3 + i].text;
+  }
+}
+
+TEST_F(SignalCapture, AThreadInASystemCallIsCapturedAndGoesOnWaiting) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  std::atomic<ssize_t> got{-1};
+  std::thread stuck([&] {
+    char byte = 0;
+    sem_post(&g_parked);
+    got = read(ends[0], &byte, 1);
+  });
+  sem_wait(&g_parked);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  captureAndReport(stuck.native_handle());
+  EXPECT_EQ(got, -1) << "the call is restarted";
+  EXPECT_EQ(write(ends[1], "x", 1), 1);
+  stuck.join();
+  EXPECT_EQ(got, 1);
+  expectReportHeader();
+}
+
+TEST_F(SignalCapture, AMissingSymbolListCutsTheReportButNotTheCycle) {
+  fault::arm(fault::Call::Symbols, ENOMEM);
+  captureAndReport(pthread_self());
+  const Texts lines = recorded::texts();
+  ASSERT_EQ(lines.size(), 4U);
+  EXPECT_EQ(lines[3], "Frame dump stack unsuccessfully, get symbols unsuccessfully.");
+}
+
+TEST_F(SignalCapture, OnlyTheWholeSignalCaptures) {
+  ucontext_t context;
+  siginfo_t info{};
+  getcontext(&context);
+  FrameDeadLoopSignalHandle(kSignal, nullptr, &context);
+  FrameDeadLoopSignalHandle(kSignal, &info, nullptr);
+  FrameDeadLoopSignalHandle(kSignal + 1, &info, &context);
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
+  FrameDeadLoopSignalHandle(kSignal, &info, &context);
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_CAPTURED);
+}
+
+TEST_F(SignalCapture, InvalidThreadsAndFailedSignalsLeaveTheStatusIdle) {
+  recorded::forget();
+  EXPECT_EQ(FrameThreadDeadloopPrint(0), QURN_FAILED);
+  EXPECT_EQ(FrameThreadDeadloopPrint(~pthread_t{0}), QURN_FAILED);
+  fault::arm(fault::Call::PthreadKill, ESRCH);
+  EXPECT_EQ(FrameThreadDeadloopPrint(pthread_self()), QURN_FAILED);
+  const std::string self = std::to_string(static_cast<uint32_t>(pthread_self()));
+  EXPECT_EQ(
+      recorded::texts(100),
+      (Texts{"Thread deadloop print unsuccessfully, thread 0 or parameter is invalid.",
+             "Thread deadloop print unsuccessfully, thread ffffffff or parameter is invalid.",
+             "Signal " + std::to_string(kSignal) + " send to thread " + self + " unsuccessfully.",
+             "Thread deadloop send signal unsuccessfully. (ret=4294967295)"}));
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
+}
+
+TEST(SignalCaptureInit, FailuresCanBeRetriedAndASecondInitialisationIsANotice) {
+  EXPECT_EQ(FrameThreadDeadloopPrint(pthread_self()), QURN_FAILED) << "no record yet";
+  recorded::forget();
+  fault::arm(fault::Call::Sigaction, EINVAL, 1);
+  EXPECT_EQ(FrameDeadloopInit(), QURN_FAILED);
+  fault::arm(fault::Call::Alloc, ENOMEM);
+  EXPECT_EQ(FrameDeadloopInit(), QURN_FAILED);
+  EXPECT_EQ(recorded::texts(100), (Texts{"Deadloop dfx init fail, set sig action fail, ret = -1.",
+                                         "Deadloop dfx init fail, memory alloc fail.",
+                                         "Deadloop dfx init fail, stack memory alloc fail."}));
+  EXPECT_EQ(FrameIsDeadloopInited(), 0U);
+  struct sigaction action {};
+  sigaddset(&action.sa_mask, SIGUSR1);
+  action.sa_handler = SIG_IGN;
+  sigaction(kSignal, &action, nullptr);
+  EXPECT_EQ(FrameDeadloopInit(), QURN_OK);
+  sigaction(kSignal, nullptr, &action);
+  EXPECT_EQ(action.sa_flags & ~0x04000000, SA_SIGINFO | SA_RESTART);  // less the C library's own
+  EXPECT_EQ(sigismember(&action.sa_mask, SIGUSR1), kDelaysSignals ? 0 : 1) << "the mask is kept";
+  EXPECT_EQ(FrameDeadloopInit(), QURN_OK);
+  EXPECT_EQ(recorded::texts(80), Texts{"Deadloop is already inited."});
+  EXPECT_EQ(recorded::blocksHeld(), 1U);
+}
+
+TEST(StackSlice, LiesAroundTheStackPointerInsideTheStack) {
+  struct Case {
+    uint64_t sp, start, size, expectedStart;
+    uint32_t expectedLength;
+  };
+  const Case cases[] = {
+      {0x10000, 0x8000, 0x10000, 0x10000 - 512, 2048},
+      {0x8000 + 511, 0x8000, 0x10000, 0x8000, 2048},
+      {0x18000 - 1536, 0x8000, 0x10000, 0x18000 - 2048, 2048},
+      {0x18000 - 100, 0x8000, 0x10000, 0x18000 - 612, 612},
+      {0x18000 + 512, 0x8000, 0x10000, 0x18000, 0},
+      {511, 0, 0x1000, 0, 2048},
+      {100, 16, 64, 16, 64},
+  };
+  for (const Case& slice : cases) {
+    uint64_t start = 0;
+    uint32_t length = FRAME_STACK_DUMP_BYTES;
+    FrameDumpStackInfoGet(slice.sp, slice.start, slice.size, &start, &length);
+    EXPECT_EQ(start, slice.expectedStart) << slice.sp;
+    EXPECT_EQ(length, slice.expectedLength) << slice.sp;
+  }
+}
+
+TEST(StackSlice, IsCopiedFromTheCallersOwnStackAndLeftOutWhenItsBoundsAreUnknown) {
+  onThread("slice", [] {
+    static FrameDeadloopDumpInfo record;
+    volatile uint64_t marker[300] = {};
+    for (uint64_t i = 0; i < 300; ++i) {
+      marker[i] = 0xABCD0000 + i;
+    }
+    uint32_t length = 77;
+    record.registers[qurn::kStackPointerWord] = reinterpret_cast<uint64_t>(&marker[64]);
+    EXPECT_EQ(FrameStackSpGet(record.registers), record.registers[qurn::kStackPointerWord]);
+    redirectMemoryMap("/dev/null");
+    FrameStackMemoryGet(&record, &length);
+    EXPECT_EQ(length, 77U);
+    EXPECT_EQ(record.stackDumpStart, 0U);
+    redirectMemoryMap(nullptr);
+    FrameStackMemoryGet(&record, &length);
+    EXPECT_EQ(length, 2048U);
+    EXPECT_EQ(record.stackDumpStart, reinterpret_cast<uint64_t>(&marker[0]));
+    uint64_t last = 0;
+    memcpy(&last, record.stackBytes + 2040, sizeof(last));
+    EXPECT_EQ(last, 0xABCD0000 + 255U);
+  });
+}
+
+TEST(CallStackEntries, HaveNoGaps) {
+  static FrameDeadloopDumpInfo record;
+  const uint64_t addresses[] = {1, 0, 2, 0, 0, 3};
+  FrameStackContentGet(&record, addresses, 6);
+  EXPECT_EQ(record.callStack[0].address, 1U);
+  EXPECT_EQ(record.callStack[1].address, 2U);
+  EXPECT_EQ(record.callStack[2].address, 3U);
+  EXPECT_EQ(record.callStack[3].address, 0U);
+}
+
+}  // namespace

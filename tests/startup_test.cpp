@@ -1,0 +1,197 @@
+// Start-up, the detection thread's set-up, and the order of a tick.
+#include <dirent.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include "support/faults.h"
+#include "support/recording_platform.h"
+
+namespace {
+
+using fault::Call;
+
+size_t openDescriptors() {
+  size_t count = 0;
+  DIR* directory = opendir("/proc/self/fd");
+  while (readdir(directory) != nullptr) {
+    ++count;
+  }
+  closedir(directory);
+  return count;
+}
+
+bool detectionThreadExists() {
+  DIR* tasks = opendir("/proc/self/task");
+  bool found = false;
+  while (const dirent* task = readdir(tasks)) {
+    std::ifstream comm(std::string("/proc/self/task/") + task->d_name + "/comm");
+    std::string name;
+    found = found || (std::getline(comm, name) && name == "tovDeadloopTask");
+  }
+  closedir(tasks);
+  return found;
+}
+
+uint32_t noteKeepAlive(void* /*param*/) {
+  recorded::note("keep-alive");
+  return 0;
+}
+
+TEST(Startup, RunsTheDetectionThreadUnderItsNameAndTicksAtItsPeriod) {
+  startDetection(20);
+  EXPECT_TRUE(detectionThreadExists());
+  const size_t before = recorded::events().size();
+  EXPECT_TRUE(eventually([&] { return recorded::events().size() >= before + 3; }));
+  for (const recorded::Line& line : recorded::lines()) {
+    EXPECT_TRUE(line.wellFormed) << line.text;
+  }
+}
+
+TEST(Startup, StopsAtTheFirstStepThatFailsWithItsMessageAndCode) {
+  struct Case {
+    const char* yaml;
+    Call call;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"watchDog: {watchDogType: timer}", Call::kCount,
+       "Frame keep alive operation unsuccessfully, ret=0xffffffff."},
+      {"", Call::Sigaction, "Deadloop init unsuccessfully, ret=0xffffffff."},
+      {"", Call::Alloc, "Deadloop init unsuccessfully, ret=0xffffffff."},
+      {"", Call::PthreadCreate, "Period task create unsuccessfully, ret=0xffffffff."},
+  };
+  for (const Case& step : cases) {
+    SCOPED_TRACE(step.message);
+    recorded::forget();
+    configure(step.yaml);
+    if (step.call != Call::kCount) {
+      // The first sigaction only reads.
+      fault::arm(step.call, EAGAIN, step.call == Call::Sigaction ? 1 : 0);
+    }
+    EXPECT_EQ(FRAME_MntInit(), QURN_FAILED);
+    EXPECT_EQ(recorded::texts(100).back(), step.message);
+    EXPECT_FALSE(detectionThreadExists());
+  }
+  EXPECT_TRUE(recorded::has(100, "Frame period task init unsuccessfully. (ret = 11)"));
+  EXPECT_EQ(FRAME_MntInit(), QURN_OK) << "a later start-up must work";
+}
+
+TEST(Startup, APeriodCanBeSetOnceAndOnlyBefore) {
+  EXPECT_EQ(FrameSetDeadloopPeriodDelay(0), QURN_FAILED);
+  EXPECT_TRUE(recorded::has(100, "Deadloop periodDelay is invalid. (value = 0)"));
+  EXPECT_EQ(FrameSetDeadloopPeriodDelay(3000), QURN_OK);
+  EXPECT_EQ(FrameSetDeadloopPeriodDelay(4000), QURN_FAILED);
+  EXPECT_TRUE(recorded::has(
+      100, "Deadloop periodDelay is already inited, set periodDelay unsuccessfully."));
+  ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
+  EXPECT_EQ(FrameSetDeadloopPeriodDelay(4000), QURN_FAILED);
+  EXPECT_TRUE(recorded::has(100, "Deadloop is already inited, set periodDelay unsuccessfully."));
+  EXPECT_EQ(FrameChooseDeadloopDetectTime(), 3000U);
+}
+
+TEST(Startup, ThePeriodIsTenSecondsWhenNobodySetsIt) {
+  ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
+  EXPECT_EQ(FrameChooseDeadloopDetectTime(), 10000U);
+}
+
+TEST(ProcessIdentity, ReadsTheNameUpToABlankAndNeverBeyondTheBuffer) {
+  uint32_t pid = 0;
+  char name[32] = "";
+  prctl(PR_SET_NAME, "loop host");
+  FrameGetProcInfo(&pid, name, sizeof(name));
+  EXPECT_EQ(pid, static_cast<uint32_t>(getpid()));
+  EXPECT_STREQ(name, "loop");
+
+  prctl(PR_SET_NAME, "fifteen_letters");
+  for (uint32_t capacity = 0; capacity <= 16; ++capacity) {
+    char guarded[32];
+    memset(guarded, '#', sizeof(guarded));
+    FrameGetProcInfo(&pid, guarded, capacity);
+    EXPECT_EQ(guarded[capacity], '#') << capacity;
+    EXPECT_EQ(std::string(guarded, 15) == "fifteen_letters", capacity == 16) << capacity;
+  }
+  pid = 7;
+  FrameGetProcInfo(&pid, nullptr, 32);
+  EXPECT_EQ(pid, 7U);
+}
+
+TEST(DetectionThread, GivesBackEverythingWhenItsSetUpFails) {
+  struct Case {
+    Call call;
+    int after;
+    const char* message;
+  };
+  const Case cases[] = {
+      {Call::EpollCreate, 0, "Frame deadloop proc entry, epoll create unsuccessfully."},
+      {Call::Alloc, 0, "Frame timer control init, control handle malloc unsuccessfully."},
+      {Call::TimerfdCreate, 0, "Timer fd create unsuccessfully, (errno = 11)."},
+      {Call::TimerfdSettime, 0, "Timer fd set time unsuccessfully, (errno = 11)."},
+      {Call::Alloc, 1, "Timer node malloc unsuccessfully, no enough memory."},
+      {Call::Alloc, 2, "Frame deadloop proc entry, reg set and event proc unsuccessfully."},
+      {Call::Alloc, 3, "Frame deadloop proc entry, add event to epoll fd unsuccessfully."},
+      {Call::EpollCtl, 0, "Frame deadloop proc entry, add event to epoll fd unsuccessfully."},
+  };
+  FrameSetDeadloopPeriodDelay(1000);
+  const size_t descriptors = openDescriptors();
+  for (const Case& step : cases) {
+    SCOPED_TRACE(step.message);
+    recorded::forget();
+    fault::arm(step.call, EAGAIN, step.after);
+    onThread("set-up", [] { EXPECT_EQ(FrameDeadloopTaskProcEntry(nullptr), nullptr); });
+    EXPECT_EQ(recorded::texts(100).back(), step.message);
+    EXPECT_EQ(recorded::blocksHeld(), 0U);
+    EXPECT_EQ(openDescriptors(), descriptors);
+  }
+}
+
+TEST(Tick, ReportsKeepAliveThenPassesThenChecksForExit) {
+  frozen_clock::start();
+  ASSERT_EQ(FRAME_KeepAliveProcSet(1, noteKeepAlive, nullptr), QURN_OK);
+  ASSERT_EQ(FrameSetDeadloopPeriodDelay(1), QURN_OK);
+  onThread("worker", [] {
+    FrameDeadloopHandle self = 0;
+    ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 5, 9), QURN_OK);
+    frozen_clock::advance(1000);
+    recorded::forget();
+    EXPECT_EQ(FrameDeadloopDetectCallback(nullptr), QURN_OK);
+  });
+  // Before the pass, for the node that is measured, and after its first threshold.
+  EXPECT_EQ(recorded::events(),
+            (std::vector<std::string>{"keep-alive", "keep-alive", "keep-alive", "exit check"}));
+  EXPECT_EQ(recorded::count("trigger first threshold timeout"), 1U);
+}
+
+class PluginRepair : public testing::TestWithParam<std::pair<uint32_t, int>> {};
+
+TEST_P(PluginRepair, RunsAboutEveryTenSecondsOfTicks) {
+  void* plugin = dlopen(FAKE_PLUGIN, RTLD_NOW | RTLD_GLOBAL);
+  ASSERT_NE(plugin, nullptr) << dlerror();
+  const int* runs = static_cast<int*>(dlsym(plugin, "repair_runs"));
+  const auto [periodMs, runsInSixTicks] = GetParam();
+  ASSERT_EQ(FrameSetDeadloopPeriodDelay(periodMs), QURN_OK);
+  for (int tick = 0; tick < 6; ++tick) {
+    FrameRuloPluginCheckAndRepairDeadloop();
+  }
+  EXPECT_EQ(*runs, runsInSixTicks);
+}
+
+INSTANTIATE_TEST_SUITE_P(Periods, PluginRepair,
+                         testing::Values(std::pair{20000U, 6}, std::pair{10000U, 6},
+                                         std::pair{5000U, 3}, std::pair{3000U, 2},
+                                         std::pair{1U, 0}));
+
+TEST(PluginRepair, IsLookedUpOnceEvenWhenItIsMissing) {
+  FrameRuloPluginCheckAndRepairDeadloop();
+  void* plugin = dlopen(FAKE_PLUGIN, RTLD_NOW | RTLD_GLOBAL);
+  ASSERT_NE(plugin, nullptr) << dlerror();
+  FrameRuloPluginCheckAndRepairDeadloop();
+  EXPECT_EQ(*static_cast<int*>(dlsym(plugin, "repair_runs")), 0);
+}
+
+}  // namespace

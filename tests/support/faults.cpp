@@ -1,0 +1,177 @@
+#include "faults.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+namespace {
+
+struct Fault {
+  std::atomic<int> after;
+  std::atomic<int> times;
+  std::atomic<int> error;
+};
+
+constinit std::array<Fault, static_cast<size_t>(fault::Call::kCount)> g_faults{};
+constinit std::atomic<bool> g_environmentRead{false};
+constinit std::atomic<int64_t> g_frozenMs{-1};
+constinit std::atomic<const char*> g_memoryMap{nullptr};
+constinit std::atomic<const char*> g_symbolLine{nullptr};
+
+void armFromEnvironment() {
+  int call = 0;
+  int after = 0;
+  const char* text = getenv(fault::kAtLoadVariable);
+  if (!g_environmentRead.exchange(true) && text != nullptr &&
+      sscanf(text, "%d:%d", &call, &after) == 2) {
+    fault::arm(static_cast<fault::Call>(call), EAGAIN, after);
+  }
+}
+
+template <typename Function>
+Function* real(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+void fault::arm(Call call, int error, int after, int times) {
+  Fault& armed = g_faults[static_cast<size_t>(call)];
+  armed.after = after;
+  armed.error = error;
+  armed.times = times;
+}
+
+bool fault::strikes(Call call) {
+  armFromEnvironment();
+  Fault& armed = g_faults[static_cast<size_t>(call)];
+  if (armed.times <= 0 || armed.after-- > 0) {
+    return false;
+  }
+  --armed.times;
+  errno = armed.error;
+  return true;
+}
+
+void frozen_clock::start() { g_frozenMs = 100'000'000; }
+void frozen_clock::advance(int64_t milliseconds) { g_frozenMs += milliseconds; }
+void redirectMemoryMap(const char* path) { g_memoryMap = path; }
+void symbolsReadAs(const char* line) { g_symbolLine = line; }
+
+// Defines NAME to fail with FAILURE when its fault strikes, and to be the system's otherwise.
+#define INTERPOSE(CALL, RETURNS, NAME, PARAMETERS, ARGUMENTS, FAILURE)      \
+  extern "C" RETURNS NAME PARAMETERS noexcept(noexcept(::NAME ARGUMENTS)) { \
+    if (fault::strikes(fault::Call::CALL)) {                                \
+      return FAILURE;                                                       \
+    }                                                                       \
+    static auto* const next = real<RETURNS PARAMETERS>(#NAME);              \
+    return next ARGUMENTS;                                                  \
+  }
+
+INTERPOSE(EpollCreate, int, epoll_create, (int size), (size), -1)
+INTERPOSE(EpollCtl, int, epoll_ctl, (int epfd, int op, int fd, epoll_event* event),
+          (epfd, op, fd, event), -1)
+INTERPOSE(EpollWait, int, epoll_wait, (int epfd, epoll_event* events, int most, int timeout),
+          (epfd, events, most, timeout), -1)
+INTERPOSE(Lseek, off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
+INTERPOSE(MutexInit, int, pthread_mutex_init,
+          (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes), (mutex, attributes),
+          errno)
+INTERPOSE(Opendir, DIR*, opendir, (const char* name), (name), nullptr)
+INTERPOSE(Closedir, int, closedir, (DIR * directory), (directory), -1)
+INTERPOSE(PthreadCreate, int, pthread_create,
+          (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*),
+           void* argument),
+          (thread, attributes, entry, argument), errno)
+INTERPOSE(PthreadKill, int, pthread_kill, (pthread_t thread, int sig), (thread, sig), errno)
+INTERPOSE(RwlockInit, int, pthread_rwlock_init,
+          (pthread_rwlock_t * lock, const pthread_rwlockattr_t* attributes), (lock, attributes),
+          errno)
+INTERPOSE(Sigaction, int, sigaction,
+          (int sig, const struct sigaction* action, struct sigaction* old), (sig, action, old), -1)
+INTERPOSE(TimerfdCreate, int, timerfd_create, (int clock, int flags), (clock, flags), -1)
+INTERPOSE(TimerfdSettime, int, timerfd_settime,
+          (int fd, int flags, const itimerspec* value, itimerspec* old), (fd, flags, value, old),
+          -1)
+
+extern "C" {
+
+int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+  static auto* const next = real<int(pthread_mutex_t*)>("pthread_mutex_lock");
+  const int result = next(mutex);
+  return fault::strikes(fault::Call::MutexLock) ? errno : result;
+}
+
+int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
+  static auto* const next = real<int(pthread_mutex_t*)>("pthread_mutex_unlock");
+  const int result = next(mutex);
+  return fault::strikes(fault::Call::MutexUnlock) ? errno : result;
+}
+
+int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  if (clock == CLOCK_MONOTONIC_COARSE) {
+    if (fault::strikes(fault::Call::ClockGettime)) {
+      return -1;
+    }
+    if (const int64_t frozenMs = g_frozenMs; frozenMs >= 0) {
+      *now = {frozenMs / 1000, (frozenMs % 1000) * 1'000'000};
+      return 0;
+    }
+  }
+  static auto* const next = real<int(clockid_t, timespec*)>("clock_gettime");
+  return next(clock, now);
+}
+
+int prctl(int option, ...) noexcept {
+  if (fault::strikes(fault::Call::Prctl)) {
+    return -1;
+  }
+  va_list args;
+  va_start(args, option);
+  void* argument = va_arg(args, void*);
+  va_end(args);
+  static auto* const next = real<int(int, ...)>("prctl");
+  return next(option, argument, 0, 0, 0);
+}
+
+int open(const char* path, int flags, ...) {
+  va_list args;
+  va_start(args, flags);
+  const mode_t mode = va_arg(args, mode_t);
+  va_end(args);
+  static auto* const next = real<int(const char*, int, ...)>("open");
+  const char* map = g_memoryMap;
+  return next(map != nullptr && strstr(path, "/maps") != nullptr ? map : path, flags, mode);
+}
+
+char** backtrace_symbols(void* const* addresses, int count) noexcept {
+  if (fault::strikes(fault::Call::Symbols)) {
+    return nullptr;
+  }
+  if (const char* line = g_symbolLine; line != nullptr) {
+    auto** lines = static_cast<char**>(malloc(sizeof(char*) + strlen(line) + 1));
+    lines[0] = strcpy(reinterpret_cast<char*>(lines + 1), line);
+    return lines;
+  }
+  static auto* const next = real<char**(void* const*, int)>("backtrace_symbols");
+  return next(addresses, count);
+}
+
+int _memset_s_chk(void* dest, size_t capacity, int value, size_t count, size_t bos) {
+  static auto* const next = real<int(void*, size_t, int, size_t, size_t)>("_memset_s_chk");
+  return fault::strikes(fault::Call::MemsetS) ? errno : next(dest, capacity, value, count, bos);
+}
+
+}  // extern "C"

@@ -1,0 +1,56 @@
+// Failures of system calls, by name, and a clock that stands still. The calls are this program's
+// own definitions, which the library finds before the system's.
+#pragma once
+
+#include <cstdint>
+
+namespace fault {
+
+enum class Call {
+  Alloc,
+  ClockGettime,  // of CLOCK_MONOTONIC_COARSE
+  EpollCreate,
+  EpollCtl,
+  EpollWait,
+  Lseek,
+  MemsetS,
+  MutexInit,
+  MutexLock,
+  MutexUnlock,
+  Opendir,
+  Closedir,
+  Prctl,
+  PthreadCreate,
+  PthreadKill,
+  RwlockInit,
+  Sigaction,
+  Symbols,
+  TimerfdCreate,
+  TimerfdSettime,
+  kCount
+};
+
+// The call fails with this error number, `times` times, once it has succeeded `after` times.
+void arm(Call call, int error, int after = 0, int times = 1);
+// What an interposed call asks: true when it is to fail, errno then set.
+bool strikes(Call call);
+
+// Before the library is loaded a test can only speak through the environment: "CALL:AFTER", CALL
+// the number of a Call.
+constexpr char kAtLoadVariable[] = "QURN_TEST_FAIL_AT_LOAD";
+
+}  // namespace fault
+
+namespace frozen_clock {
+
+// CLOCK_MONOTONIC_COARSE stands at this time, far from its origin, until it is advanced.
+void start();
+void advance(int64_t milliseconds);
+
+}  // namespace frozen_clock
+
+// Reads of this process's memory map come from this file instead; null undoes it.
+void redirectMemoryMap(const char* path);
+
+// backtrace_symbols answers this line for a single address; null undoes it.
+void symbolsReadAs(const char* line);
