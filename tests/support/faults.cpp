@@ -90,7 +90,6 @@ INTERPOSE(MutexInit, int, pthread_mutex_init,
           (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes), (mutex, attributes),
           errno)
 INTERPOSE(Opendir, DIR*, opendir, (const char* name), (name), nullptr)
-INTERPOSE(Closedir, int, closedir, (DIR * directory), (directory), -1)
 INTERPOSE(PthreadCreate, int, pthread_create,
           (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*),
            void* argument),
@@ -107,6 +106,14 @@ INTERPOSE(TimerfdSettime, int, timerfd_settime,
           -1)
 
 extern "C" {
+
+// These three do their work and fail all the same, so that nothing stays open or locked.
+
+int closedir(DIR* directory) noexcept {
+  static auto* const next = real<int(DIR*)>("closedir");
+  const int result = next(directory);
+  return fault::strikes(fault::Call::Closedir) ? -1 : result;
+}
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   static auto* const next = real<int(pthread_mutex_t*)>("pthread_mutex_lock");
