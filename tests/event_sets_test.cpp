@@ -16,6 +16,7 @@ namespace {
 const std::string kLongestName(127, 'n');
 const std::string kTooLongName(128, 'n');
 
+// Static in every test: the loop outlives the test's body.
 struct Seen {
   std::atomic<int> calls{0};
   std::atomic<int> fd{-1};
@@ -71,8 +72,8 @@ TEST(EventSets, FailCleanlyWhileThereIsNoLoop) {
 
 TEST(EventSets, ALaterRegistrationOfANameReplacesTheFirst) {
   startDetection(1000);
-  Seen first;
-  Seen second;
+  static Seen first;
+  static Seen second;
   epoll_event event{};
   const int fd = eventfd(0, EFD_NONBLOCK);
   ASSERT_EQ(FRAME_MntRegSetAndEventProc("set", drain, &first), QURN_OK);
@@ -120,7 +121,7 @@ TEST(EventSets, FailuresAreLoggedAndLeaveNothingBehind) {
 
 TEST(EventSets, UnknownNamesAndFailingFunctionsAreLoggedAndTheLoopGoesOn) {
   startDetection(1000);
-  Seen seen;
+  static Seen seen;
   epoll_event event{EPOLLIN, {}};
   const int fd = eventfd(0, EFD_NONBLOCK);
   ASSERT_EQ(FRAME_MntEpollCtl("late", EPOLL_CTL_ADD, fd, &event), QURN_OK);
@@ -165,7 +166,7 @@ TEST(EventSets, RecordsAreReleasedOnceTheKernelHasLetGoOfThem) {
 // The sanitizers see a record that is released under the dispatcher's hands.
 TEST(EventSets, DescriptorsMayChangeWhileTheirEventsAreBeingDispatched) {
   startDetection(5);
-  Seen seen;
+  static Seen seen;
   ASSERT_EQ(FRAME_MntRegSetAndEventProc("busy", countOnly, &seen), QURN_OK);
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;

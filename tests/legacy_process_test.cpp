@@ -111,8 +111,6 @@ TEST(LegacyEnvironment, ReadsIdentifiersAsDecimalNumbers) {
 
 TEST(LegacyUnits, AnswerTheirFirstCalls) {
   EXPECT_EQ(ZOT_MsgAlloc(), nullptr);
-  EXPECT_EQ(ZOT_MsgFree() + ZOT_SEND_MSG() + ZOT_SEND_URGENT_MSG() + ZOT_DllInit() + ZOT_DllFini(),
-            0U);
   EXPECT_EQ(ZOT_ZotMsgHeaderLenCheck(), 1U);
   TOV_SetProcessSlotId(5);
   EXPECT_TRUE(recorded::has(40, "tOV process slot id (5) set success."));
@@ -120,8 +118,7 @@ TEST(LegacyUnits, AnswerTheirFirstCalls) {
   uint32_t microseconds = 1'000'000;
   EXPECT_EQ(ZOT_GetSystemTime(nullptr, &microseconds), QURN_FAILED);
   EXPECT_EQ(ZOT_GetSystemTime(&seconds, &microseconds), QURN_OK);
-  EXPECT_LE(time(nullptr) - seconds, 5U);
-  EXPECT_LT(microseconds, 1'000'000U);
+  EXPECT_TRUE(time(nullptr) - seconds <= 5 && microseconds < 1'000'000);
 }
 
 TEST(PointerStack, GivesBackInReverseOrderAndFreesWhatIsLeft) {

@@ -240,21 +240,6 @@ TEST(Boxes, KeepTheNewestTwentyRecordsUntilTheyAreCleaned) {
   EXPECT_NE(TovStandInBoxWrite(8, "x"), QURN_OK);
 }
 
-TEST(Kem, ArithmeticReportsWhatDoesNotFit) {
-  uint32_t high = 0;
-  uint32_t low = 0xFFFFFFFF;
-  EXPECT_EQ(KEM_64Add64(0, 1, &high, &low), QURN_OK);
-  EXPECT_TRUE(high == 1 && low == 0);
-  EXPECT_EQ(KEM_64Sub64(0, 1, &high, &low), QURN_OK);
-  EXPECT_TRUE(high == 0 && low == 0xFFFFFFFF);
-  EXPECT_NE(KEM_64Sub64(1, 0, &high, &low), QURN_OK);
-  high = low = 0xFFFFFFFF;
-  EXPECT_NE(KEM_64Add64(0, 1, &high, &low), QURN_OK);
-  const uint32_t tick[2] = {0, 1};
-  EXPECT_EQ(KEM_CpuTick2Ms(tick, &high, &low), QURN_OK);
-  EXPECT_EQ(low, 4294U);
-}
-
 TEST(Kem, BreaksTimeDownAndWritesNumbers) {
   ZotSystime time{};
   EXPECT_EQ(KEM_SystimeSec2Time(951782400 + 3661, &time), QURN_OK);
@@ -281,23 +266,6 @@ TEST(Kem, CapturedSignalsEndInTheirHandler) {
   EXPECT_EQ(captured, static_cast<uint32_t>(SIGHUP));
   EXPECT_NE(KEM_SigcapHandleReg(0, handler), QURN_OK);
   EXPECT_NE(KEM_SigcapHandleReg(32, handler), QURN_OK);
-}
-
-TEST(Kem, HandlesMemoryAndMutexesWork) {
-  uint32_t first = 0;
-  uint32_t second = 0;
-  EXPECT_EQ(KEM_HandleInitialize("a", &first), QURN_OK);
-  EXPECT_EQ(KEM_HandleInitialize("b", &second), QURN_OK);
-  EXPECT_NE(first, second);
-  EXPECT_EQ(KEM_HandleFinalize(first), QURN_OK);
-  void* block = KEM_MemAlloc_F(second, 0, 100, "test", 1);
-  ASSERT_NE(block, nullptr);
-  EXPECT_EQ(KEM_MemFree_F(0, block, "test", 2), QURN_OK);
-  uint64_t mutex = 0;
-  EXPECT_NE(KEM_MutexLock(&mutex), QURN_OK);
-  EXPECT_EQ(KEM_MutexInit(&mutex), QURN_OK);
-  EXPECT_EQ(KEM_MutexLock(&mutex) + KEM_MutexUnlock(&mutex) + KEM_MutexDestroy(&mutex), QURN_OK);
-  EXPECT_EQ(mutex, 0U);
 }
 
 }  // namespace

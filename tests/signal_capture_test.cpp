@@ -1,4 +1,5 @@
 // The dead-loop signal, its handler and what it captures.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <ucontext.h>
@@ -141,6 +142,52 @@ TEST_F(SignalCapture, OnlyTheWholeSignalCaptures) {
   EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
   FrameDeadLoopSignalHandle(kSignal, &info, &context);
   EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_CAPTURED);
+}
+
+// ---- two handlers at once: the first is held up in its walk while the second asks for the record
+
+std::atomic<bool> g_holdWalk{false};
+std::atomic<bool> g_walking{false};
+
+}  // namespace
+
+extern "C" uint32_t KEM_ExceptCallStackGetEx(void* context, uint32_t most, uint32_t option,
+                                             uint64_t* addresses, uint32_t* depth) {
+  while (g_holdWalk) {
+    g_walking = true;
+  }
+  g_walking = false;
+  static auto* const next = reinterpret_cast<decltype(&KEM_ExceptCallStackGetEx)>(
+      dlsym(RTLD_NEXT, "KEM_ExceptCallStackGetEx"));
+  return next(context, most, option, addresses, depth);
+}
+
+namespace {
+
+void letTheFirstHandlerFinish() {
+  g_holdWalk = false;
+  EXPECT_TRUE(
+      eventually([] { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; }));
+}
+
+TEST_F(SignalCapture, AHandlerWaitsItsTurnForFiveSecondsAtMost) {
+  ucontext_t context;
+  siginfo_t info{};
+  getcontext(&context);
+  g_holdWalk = true;
+  std::thread first([&] { FrameDeadLoopSignalHandle(kSignal, &info, &context); });
+  ASSERT_TRUE(eventually([] { return g_walking.load(); }));
+  FrameDeadLoopSignalHandle(kSignal, &info, &context);
+  EXPECT_EQ(sleeps(), 5);
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE) << "it gave up";
+
+  onSleep(7, letTheFirstHandlerFinish);
+  FrameDeadLoopSignalHandle(kSignal, &info, &context);
+  EXPECT_EQ(sleeps(), 7) << "it got its turn, and left the finished record alone";
+  first.join();
+  FrameWriteDeadloopInfo();
+  FrameDeadLoopSignalHandle(kSignal, &info, &context);
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_CAPTURED) << "the flag is free again";
 }
 
 TEST_F(SignalCapture, InvalidThreadsAndFailedSignalsLeaveTheStatusIdle) {

@@ -2,6 +2,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -148,6 +149,20 @@ TEST(DetectionThread, GivesBackEverythingWhenItsSetUpFails) {
     EXPECT_EQ(recorded::blocksHeld(), 0U);
     EXPECT_EQ(openDescriptors(), descriptors);
   }
+}
+
+TEST(DetectionThread, GivesBackWhatOthersRegisteredWhenItsSetUpFails) {
+  static const int fd = eventfd(0, 0);
+  FrameSetDeadloopPeriodDelay(1000);
+  fault::onStrike([] {
+    epoll_event event{};
+    EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", FrameTimerEventProc, nullptr), QURN_OK);
+    EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event), QURN_OK);
+    EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event), QURN_OK);
+  });
+  fault::arm(Call::TimerfdCreate, EMFILE);
+  onThread("set-up", [] { FrameDeadloopTaskProcEntry(nullptr); });
+  EXPECT_EQ(recorded::blocksHeld(), 0U);
 }
 
 TEST(Tick, ReportsKeepAliveThenPassesThenChecksForExit) {

@@ -34,9 +34,10 @@ QURN_API uint32_t FRAME_MntRegSetAndEventProc(const char* setName, FrameMntEvent
 /* Applies the epoll_ctl operation op (EPOLL_CTL_ADD, _MOD or _DEL) to fd on behalf of setName,
  * which need not be registered yet. event may be null for EPOLL_CTL_DEL; otherwise its data.ptr is
  * overwritten with a record of the library's, and a mask of 0 becomes EPOLLIN | EPOLLET. Take a
- * descriptor out with EPOLL_CTL_DEL before closing it: that also releases its record. Returns 0, or
- * 0xFFFFFFFF while the loop does not exist, for a name that does not fit, without memory, or when
- * epoll_ctl fails. Thread-safe. */
+ * descriptor out with EPOLL_CTL_DEL before closing it: that also releases its record. An event that
+ * the loop has fetched by then is still handed to the set, so its param must outlive that. Returns
+ * 0, or 0xFFFFFFFF while the loop does not exist, for a name that does not fit, without memory, or
+ * when epoll_ctl fails. Thread-safe. */
 QURN_API uint32_t FRAME_MntEpollCtl(const char* setName, int32_t op, int32_t fd,
                                     struct epoll_event* event);
 

@@ -1,48 +1,25 @@
-// Guards of POSIX locks whose results nobody needs. Usable on statically initialised locks, which
-// standard lock types would also allow, but not in records that are zeroed and re-initialised.
+// Guards of POSIX locks whose results nobody needs. The standard lock types have constructors and
+// destructors of their own and so cannot live in records that are zeroed and initialised anew.
 #pragma once
 
 #include <pthread.h>
 
 namespace qurn {
 
-class MutexLock {
+template <typename Lock, int (*acquire)(Lock*), int (*release)(Lock*)>
+class ScopedLock {
  public:
-  explicit MutexLock(pthread_mutex_t& mutex) noexcept : mutex_(mutex) {
-    pthread_mutex_lock(&mutex_);
-  }
-  ~MutexLock() { pthread_mutex_unlock(&mutex_); }
-  MutexLock(const MutexLock&) = delete;
-  MutexLock& operator=(const MutexLock&) = delete;
+  explicit ScopedLock(Lock& lock) noexcept : lock_(lock) { acquire(&lock_); }
+  ~ScopedLock() { release(&lock_); }
+  ScopedLock(const ScopedLock&) = delete;
+  ScopedLock& operator=(const ScopedLock&) = delete;
 
  private:
-  pthread_mutex_t& mutex_;
+  Lock& lock_;
 };
 
-class ReadLock {
- public:
-  explicit ReadLock(pthread_rwlock_t& lock) noexcept : lock_(lock) {
-    pthread_rwlock_rdlock(&lock_);
-  }
-  ~ReadLock() { pthread_rwlock_unlock(&lock_); }
-  ReadLock(const ReadLock&) = delete;
-  ReadLock& operator=(const ReadLock&) = delete;
-
- private:
-  pthread_rwlock_t& lock_;
-};
-
-class WriteLock {
- public:
-  explicit WriteLock(pthread_rwlock_t& lock) noexcept : lock_(lock) {
-    pthread_rwlock_wrlock(&lock_);
-  }
-  ~WriteLock() { pthread_rwlock_unlock(&lock_); }
-  WriteLock(const WriteLock&) = delete;
-  WriteLock& operator=(const WriteLock&) = delete;
-
- private:
-  pthread_rwlock_t& lock_;
-};
+using MutexLock = ScopedLock<pthread_mutex_t, pthread_mutex_lock, pthread_mutex_unlock>;
+using ReadLock = ScopedLock<pthread_rwlock_t, pthread_rwlock_rdlock, pthread_rwlock_unlock>;
+using WriteLock = ScopedLock<pthread_rwlock_t, pthread_rwlock_wrlock, pthread_rwlock_unlock>;
 
 }  // namespace qurn

@@ -26,7 +26,11 @@ struct Fault {
 
 constinit std::array<Fault, static_cast<size_t>(fault::Call::kCount)> g_faults{};
 constinit std::atomic<bool> g_environmentRead{false};
+constinit std::atomic<void (*)()> g_onStrike{nullptr};
 constinit std::atomic<int64_t> g_frozenMs{-1};
+constinit std::atomic<int> g_sleeps{0};
+constinit int g_actingSleep = 0;
+constinit std::atomic<void (*)()> g_onSleep{nullptr};
 constinit std::atomic<const char*> g_memoryMap{nullptr};
 constinit std::atomic<const char*> g_symbolLine{nullptr};
 
@@ -61,8 +65,19 @@ bool fault::strikes(Call call) {
     return false;
   }
   --armed.times;
+  if (auto* action = g_onStrike.exchange(nullptr); action != nullptr) {
+    action();
+  }
   errno = armed.error;
   return true;
+}
+
+void fault::onStrike(void (*action)()) { g_onStrike = action; }
+
+int sleeps() { return g_sleeps; }
+void onSleep(int number, void (*action)()) {
+  g_actingSleep = number;
+  g_onSleep = action;
 }
 
 void frozen_clock::start() { g_frozenMs = 100'000'000; }
@@ -139,6 +154,13 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept {
   }
   static auto* const next = real<int(clockid_t, timespec*)>("clock_gettime");
   return next(clock, now);
+}
+
+unsigned sleep(unsigned /*seconds*/) {
+  if (++g_sleeps == g_actingSleep) {
+    g_onSleep.load()();
+  }
+  return 0;
 }
 
 int prctl(int option, ...) noexcept {

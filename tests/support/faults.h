@@ -32,6 +32,8 @@ enum class Call {
 
 // The call fails with this error number, `times` times, once it has succeeded `after` times.
 void arm(Call call, int error, int after = 0, int times = 1);
+// What runs when the next armed fault strikes, before the call fails.
+void onStrike(void (*action)());
 // What an interposed call asks: true when it is to fail, errno then set.
 bool strikes(Call call);
 
@@ -48,6 +50,10 @@ void start();
 void advance(int64_t milliseconds);
 
 }  // namespace frozen_clock
+
+// How often the library slept; a sleep takes no time, and the given one runs `action`.
+int sleeps();
+void onSleep(int number, void (*action)());
 
 // Reads of this process's memory map come from this file instead; null undoes it.
 void redirectMemoryMap(const char* path);
