@@ -113,32 +113,36 @@ INSTANTIATE_TEST_SUITE_P(
                     Stuck{"sleep", {"sleep_in_the_kernel", "block_in_the_kernel", "worker_main"}}),
     [](const auto& stuck) { return std::string(stuck.param.scenario); });
 
-TEST(Host, IsSavedByTheWorkersOwnHook) {
-  const HostRun run = runHost("--scenario hook");
+struct Survivor {
+  const char* options;
+  std::vector<std::string> says;
+  std::vector<std::string> never;
+};
+
+void PrintTo(const Survivor& survivor, std::ostream* out) { *out << survivor.options; }
+
+class Survival : public testing::TestWithParam<Survivor> {};
+
+TEST_P(Survival, EndsWithStatus0AndSaysWhatHappened) {
+  const HostRun run = runHost(std::string("--scenario ") + GetParam().options);
   SCOPED_TRACE(run.output);
   EXPECT_EQ(run.status, 0);
-  EXPECT_TRUE(run.has("the worker's hook was told of"));
-  EXPECT_TRUE(run.has("deadloop process hook end."));
   EXPECT_TRUE(run.has("host: done"));
-  EXPECT_FALSE(run.has("default strategy"));
-}
-
-TEST(Host, ReleasesAWorkerThatEndedWithoutStopping) {
-  const HostRun run = runHost("--scenario exit");
-  SCOPED_TRACE(run.output);
-  EXPECT_EQ(run.status, 0);
-  EXPECT_TRUE(run.has("Task deadloop entry, task[worker-2:"));
-  EXPECT_FALSE(run.has("trigger"));
-}
-
-TEST(Host, RunsCleanWhenAllIsWell) {
-  const HostRun run = runHost("--scenario healthy --seconds 3");
-  SCOPED_TRACE(run.output);
-  EXPECT_EQ(run.status, 0);
   EXPECT_TRUE(run.has("guard: WATCHDOG=1"));
-  for (const char* sign : {" warning ", " error ", "trigger"}) {
-    EXPECT_FALSE(run.has(sign)) << sign;
+  for (const std::string& text : GetParam().says) {
+    EXPECT_TRUE(run.has(text)) << text;
+  }
+  for (const std::string& text : GetParam().never) {
+    EXPECT_FALSE(run.has(text)) << text;
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Host, Survival,
+    testing::Values(Survivor{"hook",
+                             {"the worker's hook was told of", "deadloop process hook end."},
+                             {"default strategy"}},
+                    Survivor{"exit", {"Task deadloop entry, task[worker-2:"}, {"trigger"}},
+                    Survivor{"healthy", {}, {" warning ", " error ", "trigger"}}));
 
 }  // namespace

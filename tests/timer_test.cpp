@@ -60,16 +60,6 @@ TEST_F(Timer, RunsItsHookOnceAReadinessHoweverManyExpirationsThereWere) {
   EXPECT_TRUE(recorded::lines().empty());
 }
 
-TEST_F(Timer, IsServedThroughTheRecordOfAnEvent) {
-  const int fd = create(10);
-  FrameMntEpollData record{"tov_timer", fd, nullptr};
-  epoll_event event{};
-  event.data.ptr = &record;
-  waitFor(fd);
-  EXPECT_EQ(FrameTimerEventProc(&event, ctrl_), QURN_OK);
-  EXPECT_EQ(runs_, 1);
-}
-
 TEST_F(Timer, SaysWhenItWasKeptWaitingForThreePeriods) {
   frozen_clock::start();
   const int fd = create(20);
