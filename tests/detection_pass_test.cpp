@@ -1,23 +1,19 @@
 // The detection pass: thresholds, hooks, threads that ended, and the fatal action.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <tovplatform/stand_in.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <semaphore>
-#include <thread>
 
 #include "support/faults.h"
 #include "support/recording_platform.h"
+#include "support/silent_thread.h"
 
 namespace {
 
 using Texts = std::vector<std::string>;
 
 int g_keepAlives = 0;
-int g_threadHookRuns = 0;
 uint32_t g_hookElapsedMs = 0;
 
 uint32_t countKeepAlive(void* /*param*/) {
@@ -26,55 +22,11 @@ uint32_t countKeepAlive(void* /*param*/) {
 }
 
 uint32_t threadHook(FrameDeadloopHandle* handle, uint64_t threadId, uint32_t elapsedMs) {
-  ++g_threadHookRuns;
   g_hookElapsedMs = elapsedMs;
   recorded::note("hook of slot " + std::to_string(*handle) +
                  (threadId == 0 ? " without thread" : ""));
   return 0;
 }
-
-// A registered thread that stays silent in a blocking call until the test ends.
-class SilentThread {
- public:
-  SilentThread(const std::string& name, uint32_t first, uint32_t second, uint32_t third)
-      : thread_([=, this] {
-          pthread_setname_np(pthread_self(), name.c_str());
-          tid_ = static_cast<int>(syscall(SYS_gettid));
-          EXPECT_EQ(Frame_SetHeartbeatToMon(&slot_, first, second, third), QURN_OK);
-          registered_.release();
-          while (!end_.try_acquire_for(std::chrono::milliseconds(20))) {
-            if (beat_.exchange(false)) {
-              EXPECT_EQ(Frame_SendHeartbeatToMon(&slot_), QURN_OK);
-              beaten_.release();
-            }
-          }
-        }) {
-    registered_.acquire();
-  }
-  ~SilentThread() { end(); }
-  // Lets it end without stopping its heartbeat.
-  void end() {
-    if (thread_.joinable()) {
-      end_.release();
-      thread_.join();
-    }
-  }
-  void beat() {
-    beat_ = true;
-    beaten_.acquire();
-  }
-  [[nodiscard]] int tid() const { return tid_; }
-  [[nodiscard]] FrameDeadloopHandle* slot() { return &slot_; }
-
- private:
-  FrameDeadloopHandle slot_ = 0;
-  std::atomic<int> tid_{0};
-  std::atomic<bool> beat_{false};
-  std::binary_semaphore registered_{0};
-  std::binary_semaphore beaten_{0};
-  std::binary_semaphore end_{0};
-  std::thread thread_;
-};
 
 std::string thresholdLine(const SilentThread& thread, const char* ordinal, uint32_t elapsedMs) {
   return "Frame task deadloop detect, task [silent:" + std::to_string(thread.tid()) + "] trigger " +
@@ -161,22 +113,34 @@ TEST_F(DetectionPass, FatalHandlingRunsTheThreadsHookAndReportsKeepAliveTwice) {
   EXPECT_EQ(g_keepAlives, 1) << "the second report is not due yet";
 }
 
-uint32_t stopAndRegisterAgain(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/,
-                              uint32_t /*elapsedMs*/) {
+uint32_t useTheWholeMonitor(FrameDeadloopHandle* handle, uint64_t /*threadId*/,
+                            uint32_t /*elapsedMs*/) {
   FrameDeadloopHandle own = 0;
   EXPECT_EQ(Frame_SetHeartbeatToMon(&own, 1, 2, 3), QURN_OK);
   EXPECT_EQ(Frame_RegDeadloopInfoHook(&own, threadHook), QURN_OK);
   EXPECT_EQ(Frame_StopHeartbeatToMon(&own), QURN_OK);
-  ++g_threadHookRuns;
+  EXPECT_EQ(FrameSetDetectSwitch(*handle, 0), QURN_OK);
+  EXPECT_EQ(Frame_SetHeartExceptionPolicy(*handle, 1), QURN_OK);
+  EXPECT_EQ(FRAME_UpdateDeadloopThresholdByName("stuck", 5, 6, 7), QURN_OK);
+  EXPECT_EQ(Frame_UnRegDeadloopInfoHook(handle), QURN_OK);
+  Frame_RegThreadDeadloopWarningHook(nullptr);
+  Frame_RegThreadDeadloopHook([](uint64_t, uint32_t, uint32_t elapsedMs, uint32_t policy) {
+    recorded::note("process hook: " + std::to_string(elapsedMs) + " ms, policy " +
+                   std::to_string(policy));
+  });
   return 0;
 }
 
-TEST_F(DetectionPass, AThreadsHookMayCallBackIntoTheMonitor) {
+TEST_F(DetectionPass, AThreadsHookMayUseTheWholeMonitorAndTheProcessHookSeesIt) {
   SilentThread stuck("stuck", 2, 2, 2);
-  Frame_RegDeadloopInfoHook(stuck.slot(), stopAndRegisterAgain);
+  Frame_RegDeadloopInfoHook(stuck.slot(), useTheWholeMonitor);
   passAfter(2000);
   report();
-  EXPECT_EQ(g_threadHookRuns, 1);
+  EXPECT_EQ(recorded::events(), Texts{"process hook: 2000 ms, policy 1"});
+  EXPECT_EQ(recorded::texts(80)[recorded::texts(80).size() - 2],
+            "Frame task deadloop detect, deadloop process global hook start.");
+  EXPECT_EQ(recorded::texts(80).back(),
+            "Frame task deadloop detect, deadloop process global hook end.");
 }
 
 TEST_F(DetectionPass, FatalHandlingIsVoidOnceTheThreadRegisteredAnew) {
@@ -198,18 +162,7 @@ TEST_F(DetectionPass, WithoutAHookTheProcessEndsWithStatus88) {
       },
       testing::ExitedWithCode(88),
       "Task.stuck. deadloop detected with no process hook, execute default strategy.");
-  EXPECT_EXIT(FrameSdkDeadloopAction(nullptr, 1, 2), testing::ExitedWithCode(88), "code 88");
-  EXPECT_EXIT(g_stTovHeartFunSet.pfnReboot(), testing::ExitedWithCode(88),
-              "Frame reboot announce.");
-}
-
-TEST_F(DetectionPass, ASectionsActionIsTheFrameworksHookOfTheThread) {
-  ASSERT_EQ(TovStandInDeadloopHookSet(77,
-                                      [](uint64_t threadId, uint32_t elapsedMs) {
-                                        return static_cast<uint32_t>(threadId) + elapsedMs;
-                                      }),
-            QURN_OK);
-  EXPECT_EQ(FrameSdkDeadloopAction(nullptr, 77, 1000), 1077U);
+  EXPECT_EXIT(ZotReboot(), testing::ExitedWithCode(88), "Frame reboot announce.");
 }
 
 TEST_F(DetectionPass, AThreadThatEndedIsReleasedInsteadOfReported) {
@@ -269,14 +222,6 @@ TEST_F(DetectionPass, AThreadThatCannotBeSignalledStaysReportedAndPassesGoOn) {
   SilentThread next("next", 1, 9, 9);
   passAfter(1000);
   EXPECT_EQ(recorded::count("next"), 1U);
-}
-
-TEST_F(DetectionPass, TheFrameworksLogTextsKeepTheirLevel) {
-  for (uint32_t level = 0; level < 4; ++level) {
-    FrameDeadloopLogoutHook(level, "100%s");
-  }
-  EXPECT_EQ(recorded::texts(), Texts(3, "100%s"));
-  EXPECT_EQ(recorded::texts(40).size() + recorded::texts(80).size(), 2U);
 }
 
 }  // namespace

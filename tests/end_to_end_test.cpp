@@ -113,6 +113,17 @@ INSTANTIATE_TEST_SUITE_P(
                     Stuck{"sleep", {"sleep_in_the_kernel", "block_in_the_kernel", "worker_main"}}),
     [](const auto& stuck) { return std::string(stuck.param.scenario); });
 
+TEST(Host, EndsWithStatus88WhereASectionHangsOrARebootIsAsked) {
+  const HostRun section = runHost("--scenario sdk --seconds 9");
+  EXPECT_EQ(section.status, 88);
+  EXPECT_TRUE(section.has(" spin_until_rescued") && section.has("Section registered.") &&
+              section.has("deadloop process hook start.") && !section.has("hook end."))
+      << section.output;
+  const HostRun reboot = runHost("--scenario reboot");
+  EXPECT_EQ(reboot.status, 88);
+  EXPECT_TRUE(reboot.has("Frame reboot announce.") && !reboot.has("trigger")) << reboot.output;
+}
+
 struct Survivor {
   const char* options;
   std::vector<std::string> says;
@@ -139,10 +150,16 @@ TEST_P(Survival, EndsWithStatus0AndSaysWhatHappened) {
 
 INSTANTIATE_TEST_SUITE_P(
     Host, Survival,
-    testing::Values(Survivor{"hook",
-                             {"the worker's hook was told of", "deadloop process hook end."},
-                             {"default strategy"}},
-                    Survivor{"exit", {"Task deadloop entry, task[worker-2:"}, {"trigger"}},
-                    Survivor{"healthy", {}, {" warning ", " error ", "trigger"}}));
+    testing::Values(
+        Survivor{"hook",
+                 {"the worker's hook was told of", "deadloop process hook end."},
+                 {"default strategy"}},
+        Survivor{"warn", {"host: warned of thread", ", policy 1"}, {"trigger third"}},
+        Survivor{"bridge --thresholds 1,2,3 --seconds 7",
+                 {"ZOT set heart monitor of thread (", "component: told of", " component_loop"},
+                 {"default strategy"}},
+        Survivor{"ignore", {"returned EPIPE, and still here after SIGHUP"}, {"trigger"}},
+        Survivor{"exit", {"Task deadloop entry, task[worker-2:"}, {"trigger"}},
+        Survivor{"healthy", {}, {" warning ", " error ", "trigger"}}));
 
 }  // namespace

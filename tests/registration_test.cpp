@@ -179,18 +179,33 @@ TEST(Registration, FillsARecordWithMillisecondsAndTheThreadsIdentity) {
   }
 }
 
-TEST(Monitor, FillsTheHeartFunctionSetAtLoadAndASecondInitialisationChangesNothing) {
+TEST(HeartBridge, ReachesTheMonitorFromTheLoadOnAndKeepsItsSetWhole) {
   FrameDeadloopHandle self = 9;
-  ASSERT_EQ(g_stTovHeartFunSet.pfnSetHeartMon(&self, 1, 2, 3), QURN_OK);
-  EXPECT_EQ(FRAME_TaskDeadloopInit(), QURN_OK);
-  EXPECT_EQ(g_stTovHeartFunSet.pfnSendHeartToMon(&self), QURN_OK);
-  EXPECT_EQ(g_stTovHeartFunSet.pfnStopHeartToMon(&self), QURN_OK);
+  ASSERT_EQ(ZOT_SetHeartMon(&self, 1, 2, 3), QURN_OK);
+  EXPECT_TRUE(recorded::has(
+      40, "ZOT set heart monitor of thread (" + std::to_string(pthread_self()) + ")."));
+  EXPECT_EQ(FRAME_TaskDeadloopInit(), QURN_OK) << "a second initialisation changes nothing";
+  EXPECT_EQ(ZOT_SendHeartToMon(&self), QURN_OK);
+  EXPECT_EQ(ZOT_RegThreadDeadloopHook(&self, nullptr), QURN_OK);
 
-  TovHeartFunSet incomplete = g_stTovHeartFunSet;
+  const TovHeartFunSet full = g_stTovHeartFunSet;
+  TovHeartFunSet incomplete = full;
   incomplete.pfnReboot = nullptr;
   EXPECT_EQ(ZotHeartFunReg(&incomplete), QURN_FAILED);
   EXPECT_EQ(ZotHeartFunReg(nullptr), QURN_FAILED);
-  EXPECT_EQ(g_stTovHeartFunSet.pfnReboot, FRAME_NodeReboot);
+  EXPECT_EQ(ZOT_SendHeartToMon(&self), QURN_OK);
+  EXPECT_EQ(ZOT_StopHeartToMon(&self), QURN_OK);
+
+  recorded::forget();
+  g_stTovHeartFunSet = {};
+  EXPECT_EQ(ZOT_SetHeartMon(&self, 1, 2, 3), QURN_FAILED);
+  EXPECT_EQ(ZOT_SendHeartToMon(&self), QURN_FAILED);
+  EXPECT_EQ(ZOT_StopHeartToMon(&self), QURN_FAILED);
+  EXPECT_EQ(ZOT_RegThreadDeadloopHook(&self, nullptr), QURN_FAILED);
+  ZotReboot();
+  EXPECT_EQ(recorded::lines().size(), 1U) << "the registration's line";
+  EXPECT_EQ(ZotHeartFunReg(&full), QURN_OK);
+  EXPECT_EQ(ZOT_SetHeartMon(&self, 1, 2, 3), QURN_OK);
 }
 
 // In the second process, whose library was loaded with a lock that could not be initialised.
@@ -204,9 +219,15 @@ void expectUninitialisedMonitor(const std::string& loadMessage) {
   EXPECT_EQ(Frame_SendHeartbeatToMon(&self), QURN_FAILED);
   EXPECT_EQ(Frame_StopHeartbeatToMon(&self), QURN_FAILED);
   EXPECT_EQ(Frame_RegDeadloopInfoHook(&self, nullptr), QURN_FAILED);
+  EXPECT_EQ(Frame_SetHeartExceptionPolicy(0, 0), QURN_FAILED);
+  EXPECT_EQ(FRAME_UpdateDeadloopThresholdByName("any", 1, 2, 3), QURN_FAILED);
+  EXPECT_EQ(FrameSetDetectSwitch(0, 1), QURN_FAILED);
+  Frame_RegThreadDeadloopWarningHook(nullptr);
+  Frame_RegThreadDeadloopHook(nullptr);
   FRAME_TaskDeadloopMonitorEntry();
   FrameDeadloopFatalAction();
-  EXPECT_EQ(recorded::count("deadloop monitor not init."), 4U);
+  EXPECT_EQ(recorded::count("deadloop monitor not init."), 7U);
+  EXPECT_EQ(recorded::count("hook unsuccessfully, deadloop monitor is not inited."), 2U);
   EXPECT_EQ(FRAME_TaskDeadloopInit(), QURN_OK) << "the whole initialisation is repeated";
   EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
   _exit(testing::Test::HasFailure() ? 1 : 0);
@@ -239,8 +260,12 @@ TEST(Monitor, RegistrationsHeartbeatsStopsAndPassesMayOverlap) {
         EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 100, 200, 300), QURN_OK);
         for (int beat = 0; beat < 20; ++beat) {
           EXPECT_EQ(Frame_SendHeartbeatToMon(&self), QURN_OK);
-          EXPECT_EQ(Frame_RegDeadloopInfoHook(&self, nullptr), QURN_OK);
+          EXPECT_EQ(Frame_UnRegDeadloopInfoHook(&self), QURN_OK);
+          EXPECT_EQ(FrameSetDetectSwitch(self, beat % 2 == 0 ? 0 : 1), QURN_OK);
+          EXPECT_EQ(Frame_SetHeartExceptionPolicy(self, 1), QURN_OK);
         }
+        Frame_RegThreadDeadloopWarningHook(nullptr);
+        EXPECT_EQ(FRAME_UpdateDeadloopThresholdByName("library_test", 7, 8, 9), QURN_OK);
         EXPECT_EQ(Frame_StopHeartbeatToMon(&self), QURN_OK);
       }
     });

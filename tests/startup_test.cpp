@@ -63,6 +63,11 @@ TEST(Startup, StopsAtTheFirstStepThatFailsWithItsMessageAndCode) {
   const Case cases[] = {
       {"watchDog: {watchDogType: timer}", Call::kCount,
        "Frame keep alive operation unsuccessfully, ret=0xffffffff."},
+      {"exception: {signalIgnore: [SIGINT]}", Call::kCount,
+       "Frame exception operation unsuccessfully, ret=0xffffffff."},
+      {"exception: {signalIgnore: ['']}", Call::kCount,
+       "Frame exception operation unsuccessfully, ret=0x2."},
+      {"", Call::Capability, "Frame register deadloop capability unsuccessfully, ret=0x77."},
       {"", Call::Sigaction, "Deadloop init unsuccessfully, ret=0xffffffff."},
       {"", Call::Alloc, "Deadloop init unsuccessfully, ret=0xffffffff."},
       {"", Call::PthreadCreate, "Period task create unsuccessfully, ret=0xffffffff."},
@@ -75,7 +80,7 @@ TEST(Startup, StopsAtTheFirstStepThatFailsWithItsMessageAndCode) {
       // The first sigaction only reads.
       fault::arm(step.call, EAGAIN, step.call == Call::Sigaction ? 1 : 0);
     }
-    EXPECT_EQ(FRAME_MntInit(), QURN_FAILED);
+    EXPECT_EQ(FRAME_MntInit(), strtoul(strchr(step.message, '=') + 1, nullptr, 16));
     EXPECT_EQ(recorded::texts(100).back(), step.message);
     EXPECT_FALSE(detectionThreadExists());
   }

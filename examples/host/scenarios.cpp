@@ -2,11 +2,18 @@
 
 #include <malloc.h>
 #include <pthread.h>
+#include <qurnadapt/legacy_heart.h>
+#include <tovplatform/stand_in.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
+
+#include "legacy_component.h"
 
 namespace {
 
@@ -22,6 +29,14 @@ uint32_t rescue(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t
   g_rescued = true;
   return 0;
 }
+
+void rescueEarly(uint64_t /*threadId*/, uint32_t tid, uint32_t elapsedMs, uint32_t policy) {
+  std::printf("host: warned of thread %u, silent for %u ms, policy %u\n", tid, elapsedMs, policy);
+  std::fflush(stdout);
+  g_rescued = true;
+}
+
+void setWarningHook() { Frame_RegThreadDeadloopWarningHook(rescueEarly); }
 
 }  // namespace
 
@@ -69,6 +84,47 @@ bool enter_a_loop_with_a_hook(FrameDeadloopHandle& self) {
   return Frame_SetHeartbeatToMon(&self, 1, 2, 3) == QURN_OK;
 }
 
+bool enter_a_loop_and_be_warned(FrameDeadloopHandle& self) {
+  Frame_SetHeartExceptionPolicy(self, 1);
+  spin_until_rescued();
+  return true;
+}
+
+// Only sections count: the thread may be silent between them for as long as it likes.
+bool hang_in_a_section(FrameDeadloopHandle& /*self*/) {
+  if (TovStandInSectionRegister(1, 1, 1) != QURN_OK) {
+    return false;
+  }
+  TovStandInSectionOpen();
+  TovStandInSectionClose();
+  sleep(3);
+  TovStandInSectionOpen();
+  spin_until_rescued();
+  return true;
+}
+
+bool run_a_legacy_component(FrameDeadloopHandle& /*self*/) { return run_legacy_component(); }
+
+bool ask_for_a_reboot(FrameDeadloopHandle& /*self*/) {
+  ZotReboot();
+  return true;
+}
+
+bool provoke_ignored_signals(FrameDeadloopHandle& /*self*/) {
+  std::array<int, 2> ends{};
+  if (pipe(ends.data()) != 0) {
+    return false;
+  }
+  close(ends[0]);
+  const bool brokenPipe = write(ends[1], "x", 1) < 0 && errno == EPIPE;
+  close(ends[1]);
+  kill(getpid(), SIGHUP);
+  std::printf("host: writing to the closed pipe %s, and still here after SIGHUP\n",
+              brokenPipe ? "returned EPIPE" : "did not fail");
+  std::fflush(stdout);
+  return true;
+}
+
 bool block_on_a_lock(FrameDeadloopHandle& /*self*/) {
   wait_for_lock();
   return true;
@@ -92,7 +148,7 @@ bool get_stuck_in_the_allocator(FrameDeadloopHandle& /*self*/) {
 
 namespace {
 
-constexpr std::array<Scenario, 7> kScenarios{{
+constexpr std::array<Scenario, 12> kScenarios{{
     {"loop", "a worker enters an endless loop", QURN_EXIT_STATUS, "spin_until_rescued", nullptr,
      enter_a_loop},
     {"mutex", "a worker waits for a lock that is never released", QURN_EXIT_STATUS, "wait_for_lock",
@@ -103,6 +159,15 @@ constexpr std::array<Scenario, 7> kScenarios{{
      block_in_the_kernel},
     {"hook", "a worker's own dead-loop hook saves the process", 0, "spin_until_rescued", nullptr,
      enter_a_loop_with_a_hook},
+    {"warn", "the process-wide warning hook breaks a worker's loop in time", 0, nullptr,
+     setWarningHook, enter_a_loop_and_be_warned},
+    {"sdk", "a worker hangs inside a dead-loop section", QURN_EXIT_STATUS, "spin_until_rescued",
+     nullptr, hang_in_a_section},
+    {"bridge", "a component written against the legacy calls is watched and saved", 0,
+     "component_loop", nullptr, run_a_legacy_component},
+    {"reboot", "a worker asks for a reboot", QURN_EXIT_STATUS, nullptr, nullptr, ask_for_a_reboot},
+    {"ignore", "signals that the configuration ignores do not disturb", 0, nullptr, nullptr,
+     provoke_ignored_signals},
     {"exit", "a worker ends without stopping its heartbeat", 0, nullptr, nullptr,
      end_without_stopping},
     {"healthy", "all workers keep working", 0, nullptr, nullptr, keep_working},

@@ -49,8 +49,6 @@ QURN_API uint32_t FrameGetKeepAlivePeriod(void);
 QURN_API uint32_t FrameKeepAliveHookProc(void);
 /* The hook of watch-dog type "notify"; param is ignored. */
 QURN_API uint32_t FrameKeepAliveByNotify(void* param);
-/* Applies the "exception" configuration. Returns 0 or the code of the entry that was refused. */
-QURN_API uint32_t FrameExceptionInit(void);
 
 QURN_END_DECLS
 

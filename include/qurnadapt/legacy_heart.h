@@ -1,4 +1,4 @@
-/* The legacy heart-monitor function set. */
+/* The legacy heart-monitor calls and the function set behind them. */
 #ifndef QURNADAPT_LEGACY_HEART_H
 #define QURNADAPT_LEGACY_HEART_H
 
@@ -23,6 +23,20 @@ QURN_API extern TovHeartFunSet g_stTovHeartFunSet;
 /* Replaces the whole set with a copy of funSet. Returns 0, or 0xFFFFFFFF with nothing changed when
  * funSet or one of its operations is null. Call it before other threads use the set. */
 QURN_API uint32_t ZotHeartFunReg(const TovHeartFunSet* funSet);
+
+/* The monitor's calls under their legacy names: register the calling thread (and log its id), send
+ * a heartbeat, stop, set the thread's dead-loop hook. They return what the operation behind them
+ * returns (see monitor.h; the handle is the same), or 0xFFFFFFFF while the set is empty. */
+QURN_API uint32_t ZOT_SetHeartMon(FrameDeadloopHandle* handle, uint32_t firstThreshold,
+                                  uint32_t secondThreshold, uint32_t thirdThreshold);
+QURN_API uint32_t ZOT_SendHeartToMon(const FrameDeadloopHandle* handle);
+QURN_API uint32_t ZOT_StopHeartToMon(const FrameDeadloopHandle* handle);
+QURN_API uint32_t ZOT_RegThreadDeadloopHook(const FrameDeadloopHandle* handle,
+                                            FrameDeadloopInfoHook hook);
+
+/* Ends the process with status 88 after announcing a reboot; does nothing while the set is empty.
+ */
+QURN_API void ZotReboot(void);
 
 QURN_END_DECLS
 

@@ -76,6 +76,34 @@ QURN_API uint32_t Frame_StopHeartbeatToMon(const FrameDeadloopHandle* handle);
 QURN_API uint32_t Frame_RegDeadloopInfoHook(const FrameDeadloopHandle* handle,
                                             FrameDeadloopInfoHook hook);
 
+/* Removes the hook of the thread in the slot; otherwise as Frame_RegDeadloopInfoHook. */
+QURN_API uint32_t Frame_UnRegDeadloopInfoHook(const FrameDeadloopHandle* handle);
+
+/* Set the process-wide hooks of second- and third-threshold events, in place of earlier ones; null
+ * removes them. Only a log line tells that the monitor is not initialised. Thread-safe; they wait
+ * for a running pass and must not be called from the warning hook. */
+QURN_API void Frame_RegThreadDeadloopWarningHook(FrameThreadDeadloopWarningHook hook);
+QURN_API void Frame_RegThreadDeadloopHook(FrameThreadDeadloopHook hook);
+
+/* Sets the exception policy, 0 or 1, that the process-wide hooks are told for the thread in the
+ * slot (0 to 63); what it means is up to them. Returns 0, 2 for an argument out of range,
+ * 0xFFFFFFFF when the monitor is not initialised or the slot is free. Thread-safe. */
+QURN_API uint32_t Frame_SetHeartExceptionPolicy(uint64_t slot, uint32_t policy);
+
+/* Gives the thread of this name new thresholds, as of Frame_SetHeartbeatToMon, and starts its
+ * silence and its thresholds anew; of several threads of that name the one in the lowest slot.
+ * Returns 0, 2 for a null name or bad thresholds, 0xFFFFFFFF when the monitor is not initialised,
+ * no thread has the name or the clock cannot be read. Thread-safe. */
+QURN_API uint32_t FRAME_UpdateDeadloopThresholdByName(const char* name, uint32_t firstThreshold,
+                                                      uint32_t secondThreshold,
+                                                      uint32_t thirdThreshold);
+
+/* Switches the watch over the thread in the slot (0 to 63) off with 0 and on with any other value;
+ * time spent in the old state does not count as silence. A switch that already is as asked changes
+ * nothing. Returns 0, 2 for a slot out of range, 0xFFFFFFFF when the monitor is not initialised,
+ * the slot is free or the clock cannot be read. Thread-safe. */
+QURN_API uint32_t FrameSetDetectSwitch(uint64_t slot, uint8_t detectSwitch);
+
 /* ---- Internal steps, exported for the framework's diagnostics ---- */
 
 /* Initialises the monitor and fills the legacy heart function set. Runs when the library is loaded
@@ -120,16 +148,6 @@ QURN_API void FrameFatalThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskIn
 /* Runs the hooks of the last third-threshold event, or ends the process with status 88 where the
  * thread has none. Detection thread only, after the report. */
 QURN_API void FrameDeadloopFatalAction(void);
-/* A section's own hook: hands the event to the framework's hook of that thread and returns its
- * result, or ends the process with status 88 where the framework keeps none. */
-QURN_API uint32_t FrameSdkDeadloopAction(FrameDeadloopHandle* handle, uint64_t threadId,
-                                         uint32_t elapsedMs);
-/* Logs a text of the framework's dead-loop library: level 0 information, 1 warning, 2 error, any
- * other is dropped. Thread-safe. */
-QURN_API void FrameDeadloopLogoutHook(uint32_t level, const char* text);
-/* Registers the monitor's capability with the framework's dead-loop library. Returns 0 or the
- * framework's code. */
-QURN_API uint32_t FrameRegDeadloopCapability(void);
 
 QURN_END_DECLS
 

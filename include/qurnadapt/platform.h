@@ -5,6 +5,7 @@
 #define QURNADAPT_PLATFORM_H
 
 #include <qurnadapt/capture.h>
+#include <qurnadapt/sdk_sections.h>
 #include <qurnadapt/systime.h>
 #include <stdarg.h>
 #include <stdbool.h>
@@ -67,11 +68,10 @@ uint32_t TovStrToMilliSeconds(const char* text, uint32_t* milliseconds);
 /* A framework hook for one thread: POSIX thread id, silence in milliseconds. */
 typedef uint32_t (*TovDeadloopHook)(uint64_t threadId, uint32_t elapsedMs);
 typedef void (*TovDeadloopLogHook)(uint32_t level, const char* text);
-struct FrameDeadloopCapability;
 
 /* The framework's hook of a thread, or null when it keeps none. */
 TovDeadloopHook TovDeadloopGetHookByThreadId(uint64_t threadId);
-uint32_t TOV_DeadLoopRegCapability(const struct FrameDeadloopCapability* capability);
+uint32_t TOV_DeadLoopRegCapability(const FrameDeadloopCapability* capability);
 uint32_t TOV_DeadloopLogHookSet(TovDeadloopLogHook hook);
 
 /* ---- Legacy operating-system layer (KEM) ---- */

@@ -5,6 +5,7 @@
 #include <qurnadapt/api.h>
 #include <qurnadapt/capture.h>
 #include <qurnadapt/event_sets.h>
+#include <qurnadapt/exception.h>
 #include <qurnadapt/keep_alive.h>
 #include <qurnadapt/legacy_fixed.h>
 #include <qurnadapt/legacy_heart.h>
@@ -14,6 +15,7 @@
 #include <qurnadapt/monitor.h>
 #include <qurnadapt/pointer_stack.h>
 #include <qurnadapt/report.h>
+#include <qurnadapt/sdk_sections.h>
 #include <qurnadapt/systime.h>
 #include <qurnadapt/timer.h>
 

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <pthread.h>
+#include <qurnadapt/platform.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 
@@ -95,6 +96,10 @@ void symbolsReadAs(const char* line) { g_symbolLine = line; }
     return next ARGUMENTS;                                                  \
   }
 
+INTERPOSE(Capability, uint32_t, TOV_DeadLoopRegCapability,
+          (const FrameDeadloopCapability* capability), (capability), 0x77)
+INTERPOSE(Sigcap, uint32_t, KEM_SigcapHandleReg, (uint32_t sigId, KemSigcapHandler handler),
+          (sigId, handler), 5)
 INTERPOSE(EpollCreate, int, epoll_create, (int size), (size), -1)
 INTERPOSE(EpollCtl, int, epoll_ctl, (int epfd, int op, int fd, epoll_event* event),
           (epfd, op, fd, event), -1)

@@ -8,6 +8,7 @@ namespace fault {
 
 enum class Call {
   Alloc,
+  Capability,
   ClockGettime,  // of CLOCK_MONOTONIC_COARSE
   EpollCreate,
   EpollCtl,
@@ -24,6 +25,7 @@ enum class Call {
   PthreadKill,
   RwlockInit,
   Sigaction,
+  Sigcap,
   Symbols,
   TimerfdCreate,
   TimerfdSettime,

@@ -19,6 +19,16 @@ extern "C" {
  * 0xFFFFFFFF when 64 threads have one already. Thread-safe. */
 uint32_t TovStandInDeadloopHookSet(uint64_t threadId, TovDeadloopHook hook);
 
+/* Dead-loop sections of the calling thread, through the capability that the process registered. A
+ * thread registers once with its thresholds in seconds, opens and closes sections, and unregisters
+ * before it ends. Registering returns 0, or 0xFFFFFFFF without a capability or when it refused; the
+ * others do nothing on a thread that is not registered. Thread-safe. */
+uint32_t TovStandInSectionRegister(uint32_t firstThreshold, uint32_t secondThreshold,
+                                   uint32_t thirdThreshold);
+void TovStandInSectionOpen(void);
+void TovStandInSectionClose(void);
+void TovStandInSectionUnregister(void);
+
 /* Adds a record to a box region, 0 to 7; the oldest of 20 gives way, and longer texts are cut at
  * 127 characters. Returns 0, or 0xFFFFFFFF for another region. Thread-safe. */
 uint32_t TovStandInBoxWrite(uint32_t region, const char* text);

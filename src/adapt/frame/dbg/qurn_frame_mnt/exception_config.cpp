@@ -1,10 +1,94 @@
 // The component's exception configuration: which signals its process ignores. Runs once, on the
-// thread that starts the subsystem up.
-#include <qurnadapt/keep_alive.h>
+// thread that starts the subsystem up; only the handler of an ignored signal runs anywhere.
+#include <qurnadapt/exception.h>
+
+#include <array>
+#include <cstring>
+
+#include "frame_mnt.h"
+#include "signal_names.h"
+
+namespace {
+
+constexpr char kSignalIgnoreKey[] = "exception.signalIgnore";
+
+constexpr std::array<const char*, 5> kMayBeIgnored{"SIGHUP", "SIGTTIN", "SIGSYS", "SIGTTOU",
+                                                   "SIGPIPE"};
+
+uint32_t ignoreSignal(const char* sigName) noexcept {
+  if (sigName == nullptr || *sigName == '\0') {
+    MNT_LOG(TOV_LOG_ERROR, "Signal ignore operation, signame empty.");
+    return QURN_INVALID_ARGUMENT;
+  }
+  if (!FrameSignalIsSupportIgnore(sigName)) {
+    MNT_LOG(TOV_LOG_ERROR, "Signal ignore operation, signame not support ignore. (sigName = %s)",
+            sigName);
+    return QURN_FAILED;
+  }
+  uint32_t sigId = 0;
+  if (FrameGetSigId(sigName, &sigId) != QURN_OK) {
+    MNT_LOG(TOV_LOG_ERROR, "Signal ignore operation, sigName invalid. (sigName = %s)", sigName);
+    return QURN_INVALID_ARGUMENT;
+  }
+  if (const uint32_t ret = KEM_SigcapHandleReg(sigId, FrameSignalIgnoreFunc); ret != QURN_OK) {
+    MNT_LOG(TOV_LOG_ERROR, "Signal ignore operation, kem reg unsuccessfully. (ret = %u)", ret);
+    return QURN_FAILED;
+  }
+  return QURN_OK;
+}
+
+}  // namespace
 
 extern "C" {
 
-// No signal can be configured as ignored yet, so there is nothing to apply.
-uint32_t FrameExceptionInit(void) { return QURN_OK; }
+uint32_t FrameExceptionInit(void) {
+  const char* path = FrameParamGet(CF_COMP_CFG);
+  if (path == nullptr) {
+    return QURN_OK;
+  }
+  void* yaml = TovYamlLoadFile(path);
+  if (yaml == nullptr) {
+    MNT_LOG(TOV_LOG_ERROR, "Exception operation, cannot get yaml handle. (path = %s)", path);
+    return QURN_FAILED;
+  }
+  uint32_t ret = QURN_OK;
+  if (TovYamlIsKeyExist(yaml, "exception")) {
+    ret = FrameExceptionSignalIgnoreInit(yaml, kSignalIgnoreKey);
+  }
+  TovYamFreelHandle(yaml);
+  return ret;
+}
+
+uint32_t FrameExceptionSignalIgnoreInit(void* yaml, const char* key) {
+  const uint32_t count = TovYamlGetArraySize(yaml, "%s", key);
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t ret = ignoreSignal(TovYamlGetProperty(yaml, "%s[%u]", key, i));
+    if (ret != QURN_OK) {
+      return ret;
+    }
+  }
+  return QURN_OK;
+}
+
+bool FrameSignalIsSupportIgnore(const char* sigName) {
+  for (const char* name : kMayBeIgnored) {
+    if (strcmp(name, sigName) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+uint32_t FrameGetSigId(const char* sigName, uint32_t* sigId) {
+  for (uint32_t i = 0; i < qurn::mnt::kSignalNames.size(); ++i) {
+    if (strcmp(qurn::mnt::kSignalNames[i], sigName) == 0) {
+      *sigId = i;
+      return QURN_OK;
+    }
+  }
+  return QURN_FAILED;
+}
+
+uint32_t FrameSignalIgnoreFunc(uint32_t /*sigId*/, void* /*info*/, void* /*context*/) { return 1; }
 
 }  // extern "C"

@@ -6,7 +6,6 @@
 #include <qurnadapt/monitor.h>
 #include <qurnadapt/report.h>
 
-#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +14,7 @@
 #include "capture_record.h"
 #include "frame_mnt.h"
 #include "internal/safe_strings.h"
+#include "signal_names.h"
 #include "symbol_line.h"
 
 namespace {
@@ -26,12 +26,6 @@ using qurn::mnt::kUnit;
 
 // A name needs up to 299 characters, a newline and a terminator.
 constexpr uint32_t kNameRoom = FRAME_SYMBOL_NAME_LEN + 1;
-
-constexpr std::array<const char*, 31> kSignalNames{
-    "SIGHUP",  "SIGINT",    "SIGQUIT", "SIGILL",   "SIGTRAP", "SIGABRT", "SIGBUS",  "SIGFPE",
-    "SIGKILL", "SIGUSR1",   "SIGSEGV", "SIGUSR2",  "SIGPIPE", "SIGALRM", "SIGTERM", "SIGSTKFLT",
-    "SIGCHLD", "SIGCONT",   "SIGSTOP", "SIGTSTP",  "SIGTTIN", "SIGTTOU", "SIGURG",  "SIGXCPU",
-    "SIGXFSZ", "SIGVTALRM", "SIGPROF", "SIGWINCH", "SIGIO",   "SIGPWR",  "SIGSYS"};
 
 struct FreeSymbols {
   void operator()(char** symbols) const noexcept { free(static_cast<void*>(symbols)); }
@@ -128,8 +122,9 @@ uint32_t FrameFuncNameGetByAddr(void* const* addresses, uint32_t depth, char* de
 }
 
 int32_t FrameGetSigName(int32_t sig, char* dest, uint32_t capacity) {
-  const bool known = sig >= 1 && sig <= static_cast<int32_t>(kSignalNames.size());
-  const char* name = known ? kSignalNames[static_cast<size_t>(sig) - 1] : "UNKNOWN";
+  constexpr auto& kNames = qurn::mnt::kSignalNames;
+  const bool known = sig >= 1 && sig < static_cast<int32_t>(kNames.size());
+  const char* name = known ? kNames[static_cast<size_t>(sig)] : "UNKNOWN";
   return strncpy_s(dest, capacity, name, strlen(name));
 }
 

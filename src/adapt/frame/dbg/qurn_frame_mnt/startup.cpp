@@ -6,9 +6,11 @@
 #include <pthread.h>
 #include <qurnadapt/capture.h>
 #include <qurnadapt/event_sets.h>
+#include <qurnadapt/exception.h>
 #include <qurnadapt/keep_alive.h>
 #include <qurnadapt/monitor.h>
 #include <qurnadapt/report.h>
+#include <qurnadapt/sdk_sections.h>
 #include <qurnadapt/timer.h>
 #include <sys/prctl.h>
 #include <unistd.h>

@@ -243,20 +243,4 @@ void FrameDeadloopFatalAction(void) {
   FRAME_KeepAliveReport();
 }
 
-uint32_t FrameSdkDeadloopAction(FrameDeadloopHandle* /*handle*/, uint64_t threadId,
-                                uint32_t elapsedMs) {
-  const TovDeadloopHook hook = TovDeadloopGetHookByThreadId(threadId);
-  if (hook == nullptr) {
-    FrameKeepAliveStop();
-  }
-  return hook(threadId, elapsedMs);
-}
-
-void FrameDeadloopLogoutHook(uint32_t level, const char* text) {
-  constexpr std::array<uint32_t, 3> kLevels{TOV_LOG_INFO, TOV_LOG_WARNING, TOV_LOG_ERROR};
-  if (level < kLevels.size()) {
-    MONITOR_LOG(kLevels[level], "%s", text);
-  }
-}
-
 }  // extern "C"

@@ -1,8 +1,14 @@
-// Hooks of the monitored threads, and the monitor's capability for the framework's dead-loop
-// library.
+// Hooks and policies of monitored threads, and the process-wide hooks. Called from any thread.
 #include "monitor_table.h"
+#include "node_change.h"
 
 using namespace qurn::monitor;
+
+namespace {
+
+constexpr uint32_t kHighestPolicy = 1;
+
+}  // namespace
 
 extern "C" {
 
@@ -11,30 +17,54 @@ uint32_t Frame_RegDeadloopInfoHook(const FrameDeadloopHandle* handle, FrameDeadl
     MONITOR_LOG(TOV_LOG_ERROR, "Register task deadloop hook, input handle invalid.");
     return QURN_INVALID_ARGUMENT;
   }
-  FrameTaskDeadloopCtrl* ctrl = monitor();
-  if (ctrl == nullptr) {
-    MONITOR_LOG(TOV_LOG_ERROR, "Register task deadloop hook, deadloop monitor not init.");
-    return QURN_FAILED;
-  }
-  waitForRegistrations(*ctrl);
-  FrameMonitorTaskInfo& info = ctrl->astNode[*handle].stTaskInfo;
-  bool inUse = false;
-  {
-    const NodeLock lock(ctrl->astNode[*handle]);
-    inUse = info.ucValid != 0;
-    if (inUse) {
-      info.pfnDeadloopInfoHook = hook;
-    }
-  }
-  if (!inUse) {
-    MONITOR_LOG(TOV_LOG_ERROR, "Register task deadloop hook, deadloop monitor node not exist.");
-    return QURN_FAILED;
-  }
-  return QURN_OK;
+  constexpr NodeChangeFailures kFailures{
+      "Register task deadloop hook, deadloop monitor not init.",
+      "Register task deadloop hook, deadloop monitor node not exist."};
+  return changeNode(*handle, kFailures, [hook](FrameMonitorTaskInfo& info) {
+    info.pfnDeadloopInfoHook = hook;
+    return QURN_OK;
+  });
 }
 
-// The monitor offers the framework's dead-loop library no sections yet, so there is nothing that
-// could fail to register.
-uint32_t FrameRegDeadloopCapability(void) { return QURN_OK; }
+uint32_t Frame_UnRegDeadloopInfoHook(const FrameDeadloopHandle* handle) {
+  return Frame_RegDeadloopInfoHook(handle, nullptr);
+}
+
+uint32_t Frame_SetHeartExceptionPolicy(uint64_t slot, uint32_t policy) {
+  if (slot >= FRAME_MONITOR_CAPACITY || policy > kHighestPolicy) {
+    MONITOR_LOG(TOV_LOG_ERROR, "Set deadloop exception policy, parameter invalid.");
+    return QURN_INVALID_ARGUMENT;
+  }
+  constexpr NodeChangeFailures kFailures{
+      "Set deadloop exception policy, deadloop monitor not init.",
+      "Set deadloop exception policy, deadloop monitor node not exist."};
+  return changeNode(slot, kFailures, [policy](FrameMonitorTaskInfo& info) {
+    info.uiExceptionPolicy = policy;
+    return QURN_OK;
+  });
+}
+
+void Frame_RegThreadDeadloopWarningHook(FrameThreadDeadloopWarningHook hook) {
+  FrameTaskDeadloopCtrl* ctrl = monitor();
+  if (ctrl == nullptr) {
+    MONITOR_LOG(
+        TOV_LOG_ERROR,
+        "Register thread deadloop warning hook unsuccessfully, deadloop monitor is not inited.");
+    return;
+  }
+  const qurn::WriteLock lock(ctrl->stCtrlLock);
+  ctrl->pfnWarningHook = hook;
+}
+
+void Frame_RegThreadDeadloopHook(FrameThreadDeadloopHook hook) {
+  FrameTaskDeadloopCtrl* ctrl = monitor();
+  if (ctrl == nullptr) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Register thread deadloop hook unsuccessfully, deadloop monitor is not inited.");
+    return;
+  }
+  const qurn::WriteLock lock(ctrl->stCtrlLock);
+  ctrl->pfnDeadloopHook = hook;
+}
 
 }  // extern "C"

@@ -1,0 +1,167 @@
+// Policies, process-wide hooks, tuning by name, the detect switch, and sections through the
+// capability.
+#include <gtest/gtest.h>
+#include <tovplatform/stand_in.h>
+
+#include <cerrno>
+
+#include "support/faults.h"
+#include "support/recording_platform.h"
+#include "support/silent_thread.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+// How many threshold lines this pass writes after so much more silence.
+size_t eventsAfter(int64_t milliseconds) {
+  const size_t before = recorded::count("trigger");
+  frozen_clock::advance(milliseconds);
+  FRAME_TaskDeadloopMonitorEntry();
+  return recorded::count("trigger") - before;
+}
+
+class Tuning : public testing::Test {
+ protected:
+  void SetUp() override {
+    frozen_clock::start();
+    ASSERT_EQ(FrameRegDeadloopCapability(), QURN_OK);
+    recorded::forget();
+  }
+};
+
+TEST_F(Tuning, MistakesAreAnsweredWithTheirLineAndCode) {
+  SilentThread thread("thread", 1, 2, 3);
+  struct Case {
+    uint32_t code;
+    uint32_t expected;
+    const char* message;
+  };
+  const Case cases[] = {
+      {Frame_SetHeartExceptionPolicy(5, 2), 2, "Set deadloop exception policy, parameter invalid."},
+      {Frame_SetHeartExceptionPolicy(64, 0), 2,
+       "Set deadloop exception policy, parameter invalid."},
+      {Frame_SetHeartExceptionPolicy(5, 1), QURN_FAILED,
+       "Set deadloop exception policy, deadloop monitor node not exist."},
+      {FRAME_UpdateDeadloopThresholdByName(nullptr, 1, 2, 3), 2,
+       "Frame update inteval by name, param invalid."},
+      {FRAME_UpdateDeadloopThresholdByName("nobody", 1, 2, 3), QURN_FAILED,
+       "Frame update inteval by name, task not found."},
+      {FrameSetDetectSwitch(64, 0), 2, "Frame deadloop set detect switch, input handle invalid."},
+      {FrameSetDetectSwitch(5, 0), QURN_FAILED,
+       "Frame deadloop set detect switch, task info not exist."},
+  };
+  Texts expected;
+  for (const Case& mistake : cases) {
+    EXPECT_EQ(mistake.code, mistake.expected) << mistake.message;
+    expected.emplace_back(mistake.message);
+  }
+  EXPECT_EQ(recorded::texts(100), expected);
+  fault::arm(fault::Call::ClockGettime, EPERM);
+  EXPECT_EQ(FRAME_UpdateDeadloopThresholdByName("thread", 1, 2, 3), QURN_FAILED);
+  EXPECT_TRUE(recorded::has(100, "Frame update inteval by name, key info update unsuccessfully."));
+  fault::arm(fault::Call::ClockGettime, EPERM);
+  EXPECT_EQ(FrameSetDetectSwitch(0, 0), QURN_FAILED);
+  EXPECT_TRUE(recorded::has(
+      100, "Frame deadloop set detect switch, update detect time unsuccessfully. (errno: 1)"));
+  EXPECT_EQ(eventsAfter(1000), 1U) << "still on, still its first thresholds";
+}
+
+TEST_F(Tuning, ANameMeansTheThreadInTheLowestSlotAndStartsItAnew) {
+  SilentThread first("same", 1, 9, 9);
+  SilentThread second("same", 1, 9, 9);
+  EXPECT_EQ(eventsAfter(1000), 2U);
+  ASSERT_EQ(FRAME_UpdateDeadloopThresholdByName("same", 2, 9, 9), QURN_OK);
+  EXPECT_EQ(eventsAfter(1999), 0U);
+  EXPECT_EQ(eventsAfter(1), 1U) << "only the first was set back";
+  EXPECT_NE(recorded::texts(40).back().find(":" + std::to_string(first.tid()) + "]"),
+            std::string::npos);
+}
+
+TEST_F(Tuning, TheSwitchCountsNoSilenceOfItsOldStateAndIsIdempotent) {
+  SilentThread thread("thread", 2, 9, 9);
+  ASSERT_EQ(FrameSetDetectSwitch(0, 0), QURN_OK);
+  EXPECT_EQ(eventsAfter(60000), 0U);
+  ASSERT_EQ(FrameSetDetectSwitch(0, 7), QURN_OK);
+  EXPECT_EQ(eventsAfter(1000), 0U);
+  ASSERT_EQ(FrameSetDetectSwitch(0, 1), QURN_OK) << "already on: the silence goes on";
+  EXPECT_EQ(eventsAfter(1000), 1U);
+}
+
+TEST_F(Tuning, TheWarningHookIsToldWhoIsSilentForHowLongAndUnderWhichPolicy) {
+  SilentThread thread("thread", 1, 2, 9);
+  ASSERT_EQ(Frame_SetHeartExceptionPolicy(0, 1), QURN_OK);
+  Frame_RegThreadDeadloopWarningHook(
+      [](uint64_t threadId, uint32_t tid, uint32_t elapsedMs, uint32_t policy) {
+        EXPECT_NE(threadId, 0U);
+        recorded::note(std::to_string(tid) + " " + std::to_string(elapsedMs) + " " +
+                       std::to_string(policy));
+      });
+  EXPECT_EQ(eventsAfter(2500), 2U);
+  EXPECT_EQ(recorded::events(), Texts{std::to_string(thread.tid()) + " 2500 1"});
+  const Texts warnings = recorded::texts(80);
+  ASSERT_EQ(warnings.size(), 3U);
+  EXPECT_EQ(warnings[1], "Frame task deadloop detect, global warn hook start.");
+  EXPECT_EQ(warnings[2], "Frame task deadloop detect, global warn hook end.");
+}
+
+TEST_F(Tuning, SectionsAloneAreWatchedAndAThresholdIsReportedOnce) {
+  EXPECT_EQ(FrameRegDeadloopCapability(), QURN_OK) << "already registered counts as success";
+  onThread("section", [] {
+    EXPECT_NE(TovStandInSectionRegister(3, 2, 1), QURN_OK);
+    EXPECT_TRUE(recorded::has(100, "Frame sdk deadloop register, set to monitor unsuccessfully."));
+    EXPECT_TRUE(recorded::has(100, "Section registration was refused."));
+    ASSERT_EQ(TovStandInSectionRegister(2, 4, 9), QURN_OK);
+    EXPECT_EQ(eventsAfter(60000), 0U) << "no section is open";
+    TovStandInSectionOpen();
+    EXPECT_EQ(eventsAfter(1999), 0U);
+    TovStandInSectionOpen();
+    EXPECT_EQ(eventsAfter(1), 1U) << "opening twice changes nothing";
+    TovStandInSectionClose();
+    EXPECT_EQ(eventsAfter(60000), 0U);
+    TovStandInSectionOpen();
+    EXPECT_EQ(eventsAfter(3999), 0U) << "the first threshold has been reported";
+    EXPECT_EQ(eventsAfter(1), 1U);
+    TovStandInSectionUnregister();
+    EXPECT_EQ(recorded::count("sdk deadloop"), 1U);
+  });
+}
+
+TEST_F(Tuning, SectionOperationsLogTheirFailures) {
+  FrameBeginSdkDeadloop(3);
+  FrameEndSdkDeadloop(3);
+  FrameUnRegSdkDeadloop(3);
+  EXPECT_EQ(FrameSetSdkDeadloopAction(3), QURN_FAILED);
+  FrameDeadloopHandle handle = 0;
+  const FrameSdkDeadloopParam param{0, 1, 2, 3};
+  fault::arm(fault::Call::ClockGettime, EPERM, 1);  // the registration's own read succeeds
+  EXPECT_EQ(FrameRegSdkDeadloop(&param, &handle), QURN_FAILED);
+  for (const char* line : {"Frame sdk deadloop detect begin, set detect switch unsuccessfully.",
+                           "Frame sdk deadloop detect end, set detect switch unsuccessfully.",
+                           "Frame sdk deadloop unregister, stop monitor unsuccessfully.",
+                           "Frame sdk deadloop register, set detect switch unsuccessfully."}) {
+    EXPECT_TRUE(recorded::has(100, line)) << line;
+  }
+  EXPECT_EQ(Frame_StopHeartbeatToMon(&handle), QURN_OK) << "the registration stays";
+}
+
+TEST_F(Tuning, ASectionsActionIsTheFrameworksHookOfTheThreadOrTheProcessesEnd) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_EXIT(FrameSdkDeadloopAction(nullptr, 1, 2), testing::ExitedWithCode(88), "code 88");
+  ASSERT_EQ(TovStandInDeadloopHookSet(77,
+                                      [](uint64_t threadId, uint32_t elapsedMs) {
+                                        return static_cast<uint32_t>(threadId) + elapsedMs;
+                                      }),
+            QURN_OK);
+  EXPECT_EQ(FrameSdkDeadloopAction(nullptr, 77, 1000), 1077U);
+}
+
+TEST_F(Tuning, TheFrameworksLogTextsKeepTheirLevel) {
+  for (uint32_t level = 0; level < 4; ++level) {
+    FrameDeadloopLogoutHook(level, "100%s");
+  }
+  EXPECT_EQ(recorded::texts(), Texts(3, "100%s"));
+  EXPECT_EQ(recorded::texts(40).size() + recorded::texts(80).size(), 2U);
+}
+
+}  // namespace
