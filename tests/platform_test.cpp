@@ -254,18 +254,4 @@ TEST(Kem, BreaksTimeDownAndWritesNumbers) {
   EXPECT_STREQ(text, "0");
 }
 
-TEST(Kem, CapturedSignalsEndInTheirHandler) {
-  static uint32_t captured = 0;
-  const KemSigcapHandler handler = [](uint32_t sigId, void*, void*) -> uint32_t {
-    captured = sigId;
-    return 1;
-  };
-  EXPECT_EQ(KEM_SigcapHandleReg(SIGHUP, handler), QURN_OK);
-  EXPECT_EQ(KEM_SigcapHandleReg(SIGHUP, handler), QURN_OK) << "replaced";
-  raise(SIGHUP);
-  EXPECT_EQ(captured, static_cast<uint32_t>(SIGHUP));
-  EXPECT_NE(KEM_SigcapHandleReg(0, handler), QURN_OK);
-  EXPECT_NE(KEM_SigcapHandleReg(32, handler), QURN_OK);
-}
-
 }  // namespace

@@ -112,15 +112,6 @@ TEST(MapLine, IsTwoHexNumbersAHyphenAndABlank) {
   EXPECT_FALSE(FrameGetMapStackAddr("12-34 ", 5, &start, &end)) << "nothing behind the length";
 }
 
-TEST(MapLine, HexDigitsAreThoseOfTheCLibrary) {
-  for (int c = 0; c < 256; ++c) {
-    const auto letter = static_cast<char>(c);
-    EXPECT_EQ(FrameIsHexNum(letter), isxdigit(c) != 0) << c;
-    EXPECT_EQ(FrameGetHexStrValue(letter) >= 0, isxdigit(c) != 0) << c;
-  }
-  EXPECT_EQ(FrameAddrHexToInt("1x", 2), 0U);
-}
-
 TEST(MapPath, NeedsItsRoom) {
   char path[32];
   const std::string expected = "/proc/" + std::to_string(getpid()) + "/maps";

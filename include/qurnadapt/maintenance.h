@@ -12,8 +12,9 @@ QURN_BEGIN_DECLS
 /* Starts the maintenance subsystem: process identity, exception and keep-alive configuration,
  * monitor, dead-loop capability, dead-loop signal, detection thread, in this order.
  * Returns 0, or the code of the first step that failed; what earlier steps did stays in force.
- * Call it once per process, from any one thread. It returns before the detection thread has
- * finished its own set-up, whose failures are only logged. */
+ * Call it once per process, from any one thread; a later call applies the configuration again but
+ * starts no second detection thread. It returns before the detection thread has finished its own
+ * set-up, whose failures are only logged. */
 QURN_API uint32_t FRAME_MntInit(void);
 
 /* Fixes the detection period, in milliseconds from 1 up, before FRAME_MntInit; without this call
@@ -28,7 +29,7 @@ QURN_API uint32_t FrameSetDeadloopPeriodDelay(uint32_t value);
  * was. With a null name or pid nothing is stored. Thread-safe. */
 QURN_API void FrameGetProcInfo(uint32_t* pid, char* name, uint32_t nameLen);
 
-/* Creates and detaches the detection thread. Returns 0 or 0xFFFFFFFF. */
+/* Creates and detaches the detection thread unless it runs already. Returns 0 or 0xFFFFFFFF. */
 QURN_API uint32_t FRAME_PeriodTaskInit(void);
 
 /* Entry of the detection thread; arg is ignored. Returns null, and only when its set-up failed. */

@@ -2,6 +2,7 @@
 // thread that starts the subsystem up; only the handler of an ignored signal runs anywhere.
 #include <qurnadapt/exception.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -71,12 +72,8 @@ uint32_t FrameExceptionSignalIgnoreInit(void* yaml, const char* key) {
 }
 
 bool FrameSignalIsSupportIgnore(const char* sigName) {
-  for (const char* name : kMayBeIgnored) {
-    if (strcmp(name, sigName) == 0) {
-      return true;
-    }
-  }
-  return false;
+  return std::any_of(kMayBeIgnored.begin(), kMayBeIgnored.end(),
+                     [sigName](const char* name) { return strcmp(name, sigName) == 0; });
 }
 
 uint32_t FrameGetSigId(const char* sigName, uint32_t* sigId) {

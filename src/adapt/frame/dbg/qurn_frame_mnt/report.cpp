@@ -122,7 +122,7 @@ uint32_t FrameFuncNameGetByAddr(void* const* addresses, uint32_t depth, char* de
 }
 
 int32_t FrameGetSigName(int32_t sig, char* dest, uint32_t capacity) {
-  constexpr auto& kNames = qurn::mnt::kSignalNames;
+  constexpr const auto& kNames = qurn::mnt::kSignalNames;
   const bool known = sig >= 1 && sig < static_cast<int32_t>(kNames.size());
   const char* name = known ? kNames[static_cast<size_t>(sig)] : "UNKNOWN";
   return strncpy_s(dest, capacity, name, strlen(name));

@@ -33,6 +33,7 @@ constexpr uint32_t kPluginPeriodMs = 10000;
 
 constinit FrameProcInfo g_procInfo{};
 constinit std::atomic<uint32_t> g_periodDelay{0};
+constinit std::atomic<bool> g_detectionRuns{false};
 
 struct StartStep {
   uint32_t (*run)();
@@ -130,9 +131,13 @@ void FrameGetProcInfo(uint32_t* pid, char* name, uint32_t nameLen) {
 }
 
 uint32_t FRAME_PeriodTaskInit(void) {
+  if (g_detectionRuns.exchange(true)) {
+    return QURN_OK;
+  }
   pthread_t thread{};
   const int ret = pthread_create(&thread, nullptr, FrameDeadloopTaskProcEntry, nullptr);
   if (ret != 0) {
+    g_detectionRuns = false;
     MNT_LOG(TOV_LOG_ERROR, "Frame period task init unsuccessfully. (ret = %d)", ret);
     return QURN_FAILED;
   }
@@ -150,6 +155,7 @@ void* FrameDeadloopTaskProcEntry(void* /*arg*/) {
   if (timerCtrl != nullptr) {
     FRAME_TimerCtrlRuin(timerCtrl);
   }
+  g_detectionRuns = false;
   return nullptr;
 }
 
