@@ -228,6 +228,10 @@ void expectUninitialisedMonitor(const std::string& loadMessage) {
   FrameDeadloopFatalAction();
   EXPECT_EQ(recorded::count("deadloop monitor not init."), 7U);
   EXPECT_EQ(recorded::count("hook unsuccessfully, deadloop monitor is not inited."), 2U);
+  fault::arm(fault::Call::RwlockInit, EAGAIN);
+  EXPECT_EQ(FRAME_MntInit(), QURN_FAILED);
+  EXPECT_EQ(recorded::texts(100).back(),
+            "Frame task deadloop init unsuccessfully, ret=0xffffffff.");
   EXPECT_EQ(FRAME_TaskDeadloopInit(), QURN_OK) << "the whole initialisation is repeated";
   EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
   _exit(testing::Test::HasFailure() ? 1 : 0);
@@ -265,6 +269,7 @@ TEST(Monitor, RegistrationsHeartbeatsStopsAndPassesMayOverlap) {
           EXPECT_EQ(Frame_SetHeartExceptionPolicy(self, 1), QURN_OK);
         }
         Frame_RegThreadDeadloopWarningHook(nullptr);
+        Frame_RegThreadDeadloopHook(nullptr);
         EXPECT_EQ(FRAME_UpdateDeadloopThresholdByName("library_test", 7, 8, 9), QURN_OK);
         EXPECT_EQ(Frame_StopHeartbeatToMon(&self), QURN_OK);
       }
