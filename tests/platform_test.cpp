@@ -240,6 +240,23 @@ TEST(Boxes, KeepTheNewestTwentyRecordsUntilTheyAreCleaned) {
   EXPECT_NE(TovStandInBoxWrite(8, "x"), QURN_OK);
 }
 
+TEST(Kem, ArithmeticReportsWhatDoesNotFit) {
+  uint32_t high = 0;
+  uint32_t low = 0xFFFFFFFF;
+  EXPECT_EQ(KEM_64Add64(0, 1, &high, &low), QURN_OK);
+  EXPECT_TRUE(high == 1 && low == 0);
+  EXPECT_NE(KEM_64Sub64(1, 1, &high, &low), QURN_OK);
+  EXPECT_NE(KEM_64Add64(0, 1, &high, &low), QURN_OK);
+}
+
+TEST(Kem, AMutexExistsBetweenInitAndDestroy) {
+  uint64_t mutex = 0;
+  EXPECT_NE(KEM_MutexLock(&mutex), QURN_OK);
+  EXPECT_EQ(KEM_MutexInit(&mutex), QURN_OK);
+  EXPECT_EQ(KEM_MutexLock(&mutex) | KEM_MutexUnlock(&mutex) | KEM_MutexDestroy(&mutex), QURN_OK);
+  EXPECT_EQ(mutex, 0U);
+}
+
 TEST(Kem, BreaksTimeDownAndWritesNumbers) {
   ZotSystime time{};
   EXPECT_EQ(KEM_SystimeSec2Time(951782400 + 3661, &time), QURN_OK);
