@@ -172,7 +172,7 @@ TEST_F(DetectionPass, AThreadThatEndedIsReleasedInsteadOfReported) {
   const FrameDeadloopHandle freed = *silent.slot();
   silent.end();
   passAfter(2000);
-  EXPECT_TRUE(recorded::has(100, "Check thread exist, tid " + tid + " not exist."));
+  EXPECT_ERROR("Check thread exist, tid " + tid + " not exist.");
   EXPECT_TRUE(recorded::has(40, "Task deadloop entry, task[silent:" + tid + "] terminated."));
   EXPECT_EQ(recorded::count("trigger"), 1U) << "the other thread's";
   FrameDeadloopHandle self = 9;
@@ -187,15 +187,14 @@ TEST_F(DetectionPass, ThreadProbesFailClosed) {
   EXPECT_FALSE(FrameIsMonitorTaskExist(self));
   fault::arm(fault::Call::Closedir, EIO);
   EXPECT_FALSE(FrameIsMonitorTaskExist(self));
-  EXPECT_TRUE(recorded::has(100, "Check thread exist, tid dir close unsuccessfully. (errno: 5)"));
+  EXPECT_ERROR("Check thread exist, tid dir close unsuccessfully. (errno: 5)");
 
   SilentThread silent("silent", 2, 4, 6);
   const std::string who = "task[silent:" + std::to_string(silent.tid()) + "]";
   silent.end();
   fault::arm(fault::Call::MemsetS, EPERM);
   passAfter(2000);
-  EXPECT_TRUE(
-      recorded::has(100, "Task deadloop entry, " + who + " reset unsuccessfully. (errno: 1)"));
+  EXPECT_ERROR("Task deadloop entry, " + who + " reset unsuccessfully. (errno: 1)");
 }
 
 TEST_F(DetectionPass, ANodeWhoseTimeCannotBeToldIsSkippedForOneTick) {
@@ -217,7 +216,7 @@ TEST_F(DetectionPass, AThreadThatCannotBeSignalledStaysReportedAndPassesGoOn) {
   fault::arm(fault::Call::PthreadKill, EAGAIN);
   passAfter(1000);
   EXPECT_EQ(recorded::count("unsuccessfully"), 2U);
-  EXPECT_TRUE(recorded::has(100, "Thread deadloop send signal unsuccessfully. (ret=4294967295)"));
+  EXPECT_ERROR("Thread deadloop send signal unsuccessfully. (ret=4294967295)");
   EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
   SilentThread next("next", 1, 9, 9);
   passAfter(1000);

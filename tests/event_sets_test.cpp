@@ -60,7 +60,7 @@ TEST(EventSets, FailCleanlyWhileThereIsNoLoop) {
   FrameMntEpollData record{"set", 0, nullptr};
   event.data.ptr = &record;
   FrameMntEventProcBySet(&event);
-  EXPECT_TRUE(recorded::has(100, "Mnt epoll list node null .(setName = set)"));
+  EXPECT_ERROR("Mnt epoll list node null .(setName = set)");
   event.data.ptr = nullptr;
   FrameMntEventProcBySet(&event);
 
@@ -96,7 +96,7 @@ TEST(EventSets, NamesHaveAtMost127Characters) {
   EXPECT_EQ(FRAME_MntEpollCtl(kTooLongName.c_str(), EPOLL_CTL_ADD, fd, &event), QURN_FAILED);
   EXPECT_EQ(recorded::count("Use secure function to copy setName unsuccessfully."), 3U);
   EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", nullptr, nullptr), QURN_INVALID_ARGUMENT);
-  EXPECT_TRUE(recorded::has(100, "Event process function is NULL."));
+  EXPECT_ERROR("Event process function is NULL.");
   EXPECT_EQ(recorded::blocksHeld(), held);
   EXPECT_EQ(FRAME_MntRegSetAndEventProc(kLongestName.c_str(), drain, nullptr), QURN_OK);
   EXPECT_EQ(FRAME_MntEpollCtl(kLongestName.c_str(), EPOLL_CTL_ADD, fd, &event), QURN_OK);

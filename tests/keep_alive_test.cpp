@@ -74,11 +74,10 @@ TEST(KeepAliveConfiguration, AnswersEachMistakeWithItsLineAndCode) {
 TEST(KeepAliveConfiguration, AComponentsOwnHookComesFirstAndStays) {
   Hook hook;
   EXPECT_EQ(FRAME_KeepAliveProcSet(1, nullptr, nullptr), QURN_FAILED);
-  EXPECT_TRUE(
-      recorded::has(100, "Keep alive proc set unsuccessfully. Input parameter is invalid."));
+  EXPECT_ERROR("Keep alive proc set unsuccessfully. Input parameter is invalid.");
   ASSERT_EQ(FRAME_KeepAliveProcSet(1, runHook, &hook), QURN_OK);
   EXPECT_EQ(FRAME_KeepAliveProcSet(1, runHook, &hook), QURN_FAILED);
-  EXPECT_TRUE(recorded::has(100, "Keep alive proc set unsuccessfully. Repeated register."));
+  EXPECT_ERROR("Keep alive proc set unsuccessfully. Repeated register.");
   configure("{ not yaml");
   EXPECT_EQ(FrameKeepAliveInit(), QURN_OK);
   EXPECT_TRUE(recorded::has(40, "Keep alive paramter already set by custom."));
@@ -117,8 +116,7 @@ TEST(KeepAliveReport, TheFirstIsDueAtOnceAndTheNextAPeriodAfterTheHookReturned) 
   EXPECT_TRUE(recorded::has(80, "User keep alive hook proc unsuccessfully. (ret = 0x7)"));
   fault::arm(fault::Call::ClockGettime, EPERM);
   EXPECT_EQ(runsAfter(990), 4);
-  EXPECT_TRUE(
-      recorded::has(100, "Frame report keep alive, get clock time unsuccessfully. (errno 1)"));
+  EXPECT_ERROR("Frame report keep alive, get clock time unsuccessfully. (errno 1)");
 }
 
 TEST(KeepAliveReport, APeriodBelowTheToleranceMakesEveryCallDue) {
@@ -158,7 +156,7 @@ TEST_F(Guarded, HeartbeatsFlowOnlyOnceReadinessIsAnnounced) {
   EXPECT_EQ(guard["guard_heartbeats"], 0);
   guard["guard_answer"] = 3;
   EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_FAILED);
-  EXPECT_TRUE(recorded::has(100, "bexlin notify ready unsuccessfully. (ret = 0x3)"));
+  EXPECT_ERROR("bexlin notify ready unsuccessfully. (ret = 0x3)");
   EXPECT_EQ(g_FrameReady, 0U);
   guard["guard_answer"] = 0;
   EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
@@ -171,7 +169,7 @@ TEST_F(Guarded, HeartbeatsFlowOnlyOnceReadinessIsAnnounced) {
   EXPECT_EQ(guard["guard_heartbeats"], 1);
   guard["guard_answer"] = 9;
   reportNextPeriod();
-  EXPECT_TRUE(recorded::has(100, "bexlin notify heartbeat unsuccessfully. (ret = 0x9)"));
+  EXPECT_ERROR("bexlin notify heartbeat unsuccessfully. (ret = 0x9)");
   EXPECT_TRUE(recorded::has(80, "User keep alive hook proc unsuccessfully. (ret = 0xffffffff)"));
 }
 

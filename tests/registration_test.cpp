@@ -53,9 +53,9 @@ TEST(Registration, RefusesBadThresholdsAndHandles) {
     EXPECT_EQ(Frame_SetHeartbeatToMon(&self, first, second, third), QURN_INVALID_ARGUMENT);
   }
   EXPECT_EQ(self, 7U);
-  EXPECT_TRUE(recorded::has(100,
-                            "Frame task deadloop detect, threshold invalid. (first threshold = 5, "
-                            "second threshold = 4, third threshold = 10)"));
+  EXPECT_ERROR(
+      "Frame task deadloop detect, threshold invalid. (first threshold = 5, "
+      "second threshold = 4, third threshold = 10)");
   EXPECT_EQ(recorded::count("Set heartbeat param unsuccessfully, param invalid."), 5U);
   EXPECT_EQ(Frame_SetHeartbeatToMon(nullptr, 1, 1, 1), QURN_INVALID_ARGUMENT);
   EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 1), QURN_OK);
@@ -108,7 +108,7 @@ TEST(Registration, OnlyTheOwnerSendsHeartbeatsAndStops) {
   const FrameDeadloopHandle nobodys = 5;
   EXPECT_EQ(Frame_StopHeartbeatToMon(&nobodys), QURN_FAILED);
   EXPECT_EQ(Frame_RegDeadloopInfoHook(&nobodys, nullptr), QURN_FAILED);
-  EXPECT_TRUE(recorded::has(100, "Register task deadloop hook, deadloop monitor node not exist."));
+  EXPECT_ERROR("Register task deadloop hook, deadloop monitor node not exist.");
 }
 
 TEST(Registration, FailuresHaveTheirLineAndLeaveTheHandleAlone) {
@@ -147,12 +147,10 @@ TEST(Registration, FailuresHaveTheirLineAndLeaveTheHandleAlone) {
   const FrameDeadloopHandle self = 0;
   fault::arm(fault::Call::ClockGettime, EPERM);
   EXPECT_EQ(Frame_SendHeartbeatToMon(&self), QURN_FAILED);
-  EXPECT_TRUE(recorded::has(
-      100, "Send heartbeat unsuccessfully, update detect time unsuccessfully. (errno: 1)"));
+  EXPECT_ERROR("Send heartbeat unsuccessfully, update detect time unsuccessfully. (errno: 1)");
   fault::arm(fault::Call::MemsetS, EPERM);
   EXPECT_EQ(Frame_StopHeartbeatToMon(&self), QURN_FAILED);
-  EXPECT_TRUE(recorded::has(
-      100, "Frame remove monitor task info, task info reset unsuccessfully. (errno: 1)"));
+  EXPECT_ERROR("Frame remove monitor task info, task info reset unsuccessfully. (errno: 1)");
 }
 
 TEST(Registration, AFailingNodeLockIsLoggedAndTheHeartbeatGoesOn) {
@@ -162,8 +160,8 @@ TEST(Registration, AFailingNodeLockIsLoggedAndTheHeartbeatGoesOn) {
   EXPECT_EQ(Frame_SendHeartbeatToMon(&self), QURN_OK);
   fault::arm(fault::Call::MutexUnlock, EPERM);
   EXPECT_EQ(Frame_SendHeartbeatToMon(&self), QURN_OK);
-  EXPECT_TRUE(recorded::has(100, "Frame task deadloop lock mistake, errno(35)."));
-  EXPECT_TRUE(recorded::has(100, "Frame task deadloop unlock mistake errno(1)."));
+  EXPECT_ERROR("Frame task deadloop lock mistake, errno(35).");
+  EXPECT_ERROR("Frame task deadloop unlock mistake errno(1).");
 }
 
 TEST(Registration, FillsARecordWithMillisecondsAndTheThreadsIdentity) {

@@ -85,20 +85,19 @@ TEST(Startup, StopsAtTheFirstStepThatFailsWithItsMessageAndCode) {
     EXPECT_EQ(recorded::texts(100).back(), step.message);
     EXPECT_EQ(detectionThreads(), 0);
   }
-  EXPECT_TRUE(recorded::has(100, "Frame period task init unsuccessfully. (ret = 11)"));
+  EXPECT_ERROR("Frame period task init unsuccessfully. (ret = 11)");
   EXPECT_EQ(FRAME_MntInit(), QURN_OK) << "a later start-up must work";
 }
 
 TEST(Startup, APeriodCanBeSetOnceAndOnlyBefore) {
   EXPECT_EQ(FrameSetDeadloopPeriodDelay(0), QURN_FAILED);
-  EXPECT_TRUE(recorded::has(100, "Deadloop periodDelay is invalid. (value = 0)"));
+  EXPECT_ERROR("Deadloop periodDelay is invalid. (value = 0)");
   EXPECT_EQ(FrameSetDeadloopPeriodDelay(3000), QURN_OK);
   EXPECT_EQ(FrameSetDeadloopPeriodDelay(4000), QURN_FAILED);
-  EXPECT_TRUE(recorded::has(
-      100, "Deadloop periodDelay is already inited, set periodDelay unsuccessfully."));
+  EXPECT_ERROR("Deadloop periodDelay is already inited, set periodDelay unsuccessfully.");
   ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
   EXPECT_EQ(FrameSetDeadloopPeriodDelay(4000), QURN_FAILED);
-  EXPECT_TRUE(recorded::has(100, "Deadloop is already inited, set periodDelay unsuccessfully."));
+  EXPECT_ERROR("Deadloop is already inited, set periodDelay unsuccessfully.");
   EXPECT_EQ(FrameChooseDeadloopDetectTime(), 3000U);
 }
 

@@ -35,6 +35,9 @@ size_t blocksHeld();  // from TOV_MemAllocF and not given back
 
 }  // namespace recorded
 
+// The library has logged this line as an error.
+#define EXPECT_ERROR(text) EXPECT_TRUE(recorded::has(100, text)) << (text)
+
 // Writes a component configuration and makes the platform name it; "" takes the parameter away.
 void configure(const std::string& yaml);
 

@@ -87,9 +87,12 @@ bool loopExists() noexcept {
 // ---- sets; setLock is held
 
 FrameMntEventSet* findSet(const char* setName) noexcept {
+  if (setName == nullptr) {
+    return nullptr;
+  }
   for (SetLinks* link = g_events.setList.next; link != &g_events.setList; link = link->next) {
     auto* set = static_cast<FrameMntEventSet*>(link);
-    if (setName != nullptr && strcmp(set->setName, setName) == 0) {
+    if (strcmp(set->setName, setName) == 0) {
       return set;
     }
   }

@@ -169,10 +169,14 @@ uint32_t FrameSetMonitorTaskInfo(FrameDeadloopHandle* handle, uint32_t firstThre
                                  uint32_t secondThreshold, uint32_t thirdThreshold) {
   const SlotSearch found = findSlots(g_ctrl);
   if (found.owned != FRAME_MONITOR_CAPACITY) {
-    FrameDeadloopMonitorNode& node = g_ctrl.astNode[found.owned];
-    const NodeLock lock(node);
-    if (FrameUpdateMonitorTaskKeyInfo(&node.stTaskInfo, firstThreshold, secondThreshold,
-                                      thirdThreshold) != QURN_OK) {
+    uint32_t ret = QURN_FAILED;
+    {
+      FrameDeadloopMonitorNode& node = g_ctrl.astNode[found.owned];
+      const NodeLock lock(node);
+      ret = FrameUpdateMonitorTaskKeyInfo(&node.stTaskInfo, firstThreshold, secondThreshold,
+                                          thirdThreshold);
+    }
+    if (ret != QURN_OK) {
       MONITOR_LOG(TOV_LOG_ERROR,
                   "Frame set monitor task info, task key info update unsuccessfully.");
       return QURN_FAILED;
@@ -198,25 +202,30 @@ uint32_t FrameSetMonitorTaskInfo(FrameDeadloopHandle* handle, uint32_t firstThre
 
 uint32_t FrameAddMonitorTaskInfo(uint64_t slot, uint64_t threadId, uint32_t firstThreshold,
                                  uint32_t secondThreshold, uint32_t thirdThreshold) {
-  FrameDeadloopMonitorNode& node = g_ctrl.astNode[slot];
-  FrameMonitorTaskInfo& info = node.stTaskInfo;
-  const NodeLock lock(node);
-  if (prctl(PR_GET_NAME, info.acTaskName) != 0) {
+  FrameMonitorTaskInfo& info = g_ctrl.astNode[slot].stTaskInfo;
+  bool isNamed = false;
+  uint32_t ret = QURN_FAILED;
+  {
+    const NodeLock lock(g_ctrl.astNode[slot]);
+    isNamed = prctl(PR_GET_NAME, info.acTaskName) == 0;
+    if (isNamed) {
+      ret = FrameUpdateMonitorTaskKeyInfo(&info, firstThreshold, secondThreshold, thirdThreshold);
+    }
+    if (ret == QURN_OK) {
+      info.ulThreadId = threadId;
+      info.uiTid = static_cast<uint32_t>(syscall(SYS_gettid));
+      info.ucDetectSwitch = 1;
+      info.ucValid = 1;
+    }
+  }
+  if (!isNamed) {
     MONITOR_LOG(TOV_LOG_ERROR,
                 "Frame add monitor task info, monitor task name set unsuccessfully. (errno: %d)",
                 errno);
-    return QURN_FAILED;
-  }
-  if (FrameUpdateMonitorTaskKeyInfo(&info, firstThreshold, secondThreshold, thirdThreshold) !=
-      QURN_OK) {
+  } else if (ret != QURN_OK) {
     MONITOR_LOG(TOV_LOG_ERROR, "Frame add monitor task info, task key info set unsuccessfully.");
-    return QURN_FAILED;
   }
-  info.ulThreadId = threadId;
-  info.uiTid = static_cast<uint32_t>(syscall(SYS_gettid));
-  info.ucDetectSwitch = 1;
-  info.ucValid = 1;
-  return QURN_OK;
+  return ret;
 }
 
 uint32_t FrameUpdateMonitorTaskKeyInfo(FrameMonitorTaskInfo* info, uint32_t firstThreshold,
