@@ -16,9 +16,18 @@
 #define QURN_END_DECLS
 #endif
 
+/* The parameter list of a call that takes any arguments and reads none of them: C before 2023
+ * writes it as an empty list. */
+#if defined(__cplusplus) || (defined(__STDC_VERSION__) && __STDC_VERSION__ >= 202311L)
+#define QURN_ANY_ARGUMENTS ...
+#else
+#define QURN_ANY_ARGUMENTS
+#endif
+
 #define QURN_OK 0U                 /* Success. */
 #define QURN_FAILED 0xFFFFFFFFU    /* A failure of the function's own. */
 #define QURN_INVALID_ARGUMENT 2U   /* Invalid argument, maintenance calls. */
+#define QURN_INVALID_VALUE 22U     /* Invalid argument, legacy time and memory calls. */
 #define QURN_NO_KEEP_ALIVE_HOOK 6U /* No keep-alive hook is registered. */
 #define QURN_EXIT_STATUS 88        /* Exit status of a process that the library ends. */
 

@@ -63,6 +63,11 @@ uint32_t TovYamlGetArraySize(void* yaml, const char* format, ...)
 /* Converts a duration text to milliseconds. */
 uint32_t TovStrToMilliSeconds(const char* text, uint32_t* milliseconds);
 
+/* Key management. Their argument lists are the framework's own business: the library hands on what
+ * it gets. */
+uint32_t TovPluginKmsEncrypt(QURN_ANY_ARGUMENTS);
+uint32_t TovPluginKmsDecrypt(QURN_ANY_ARGUMENTS);
+
 /* ---- Framework dead-loop library ---- */
 
 /* A framework hook for one thread: POSIX thread id, silence in milliseconds. */
@@ -76,8 +81,11 @@ uint32_t TOV_DeadloopLogHookSet(TovDeadloopLogHook hook);
 
 /* ---- Legacy operating-system layer (KEM) ---- */
 
+/* Registers a module by name and stores its handle id; gives the id back. */
 uint32_t KEM_HandleInitialize(const char* name, uint32_t* handleId);
 uint32_t KEM_HandleFinalize(uint32_t handleId);
+/* A block charged to a handle and a partition, or null; file and line say who asked. Freed under
+ * any handle id. */
 void* KEM_MemAlloc_F(uint32_t handleId, uint8_t partition, uintptr_t size, const char* file,
                      uint32_t line);
 uint32_t KEM_MemFree_F(uint32_t handleId, void* block, const char* file, uint32_t line);

@@ -6,11 +6,14 @@
 #include <qurnadapt/capture.h>
 #include <qurnadapt/event_sets.h>
 #include <qurnadapt/exception.h>
+#include <qurnadapt/handle_table.h>
 #include <qurnadapt/keep_alive.h>
 #include <qurnadapt/legacy_fixed.h>
 #include <qurnadapt/legacy_heart.h>
+#include <qurnadapt/legacy_memory.h>
 #include <qurnadapt/legacy_process.h>
 #include <qurnadapt/legacy_time.h>
+#include <qurnadapt/linked_lists.h>
 #include <qurnadapt/maintenance.h>
 #include <qurnadapt/monitor.h>
 #include <qurnadapt/pointer_stack.h>

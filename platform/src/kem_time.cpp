@@ -50,7 +50,9 @@ uint32_t KEM_SystimeWeekDayGet(ZotSystime* time) {
 
 uint32_t KEM_GetCpuTick(uint32_t* low, uint32_t* high) {
   timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
+    return QURN_FAILED;
+  }
   split(static_cast<uint64_t>(now.tv_sec) * kNanosecondsPerSecond +
             static_cast<uint64_t>(now.tv_nsec),
         high, low);

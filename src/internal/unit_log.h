@@ -8,3 +8,16 @@
 // because its size gives the path's length.
 #define QURN_LOG_AS(print, unit, level, ...) \
   print(0U, (unit), sizeof(unit) - 1U, "<unknown>", 9U, __LINE__, (level), __VA_ARGS__)
+
+namespace qurn {
+
+// The last component of a unit's path, as allocations and assertions name their source.
+constexpr const char* baseName(const char* unit) noexcept {
+  const char* base = unit;
+  for (const char* c = unit; *c != '\0'; ++c) {
+    base = *c == '/' ? c + 1 : base;
+  }
+  return base;
+}
+
+}  // namespace qurn

@@ -33,6 +33,17 @@ void TovStandInSectionUnregister(void);
  * 127 characters. Returns 0, or 0xFFFFFFFF for another region. Thread-safe. */
 uint32_t TovStandInBoxWrite(uint32_t region, const char* text);
 
+/* KEM memory is accounted for by handle, partition and place of allocation. Freeing what is not a
+ * live block, finalising a handle that still holds blocks, and charging a finalised handle are
+ * reported as errors in the log and as records of the mistake box. Thread-safe. */
+
+#define TOV_STAND_IN_ALL_HANDLES 0xFFFFFFFFU
+
+/* Stores what a handle id, or all of them, hold at present. */
+void TovStandInMemoryHeld(uint32_t handleId, uint64_t* blocks, uint64_t* bytes);
+/* Hands a line to print for each place whose blocks are still held. */
+void TovStandInMemoryPrint(KemPrintHook print);
+
 #ifdef __cplusplus
 }
 #endif

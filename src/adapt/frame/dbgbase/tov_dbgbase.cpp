@@ -1,6 +1,7 @@
 // Legacy logging, exit, assertion and environment, routed onto the framework. Callable from any
 // thread; the only lock is the environment's.
 #include <pthread.h>
+#include <qurnadapt/legacy_fixed.h>
 #include <qurnadapt/legacy_process.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -138,5 +139,7 @@ uint32_t ZOT_GetEnvValue(uint32_t selector, uint32_t* out) {
   *out = value;
   return QURN_OK;
 }
+
+void* ZOT_CompLocalCreate(...) { return nullptr; }
 
 }  // extern "C"

@@ -1,7 +1,8 @@
-// The legacy heart-monitor calls, each forwarded through the heart function set. The set is written
-// while the library is loaded and again, with the same values, at start-up: the calls need no lock,
-// but each loads its operation in one piece.
+// The legacy heart-monitor calls, each forwarded through the heart function set, and the tracing
+// calls, which trace nothing. The set is written while the library is loaded and again, with the
+// same values, at start-up: the calls need no lock, but each loads its operation in one piece.
 #include <pthread.h>
+#include <qurnadapt/legacy_fixed.h>
 #include <qurnadapt/legacy_heart.h>
 
 #include "internal/unit_log.h"
@@ -73,5 +74,11 @@ void ZotReboot(void) {
     reboot();
   }
 }
+
+uint32_t TRC_RegisterFunction(...) { return 0; }
+uint32_t TRC_SetConfigPara(...) { return 0; }
+uint32_t TRC_InstanceEventPoint(...) { return 0; }
+uint32_t TRC_IsTraceCompMsg(...) { return 2; }
+uint32_t TRC_CompMsgProc(...) { return 0; }
 
 }  // extern "C"

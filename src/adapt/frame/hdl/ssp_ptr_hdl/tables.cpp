@@ -1,0 +1,218 @@
+// A handle table's life: set-up with its first pages, and its end. The default table and the mutex
+// of all tables come and go together.
+#include <qurnadapt/legacy_memory.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <mutex>
+
+#include "table_access.h"
+
+using namespace qurn::hdl;
+
+static_assert(offsetof(NbbHndTbl, pageCapacity) == 8 && offsetof(NbbHndTbl, currentPage) == 20 &&
+              offsetof(NbbHndTbl, freeQueue) == 24 && offsetof(NbbHndTbl, vacantTail) == 40 &&
+              offsetof(NbbHndTbl, spareShift) == 48 && offsetof(NbbHndTbl, pageMask) == 72 &&
+              sizeof(NbbHndTbl) == 80);
+
+constinit NbbHndTbl g_stNbbHndTbl{};
+constinit uint64_t g_pTblLock = 0;
+
+namespace {
+
+constexpr uint32_t kGenerationBitsMin = 2;
+constexpr uint32_t kGenerationBitsMax = 8;
+constexpr uint32_t kSlotBits = 8;
+constexpr uint32_t kHandleBits = 32;
+
+constinit std::mutex g_moduleMutex;  // held while the module starts or ends
+
+uint32_t maskOf(uint32_t bits) noexcept { return bits >= kHandleBits ? ~0U : (1U << bits) - 1U; }
+
+void release(void* block, uint32_t line) noexcept { ZOT_Free_F(block, kBaseName, line); }
+
+// Frees the pages and the page array. Returns whether a slot was still in use.
+bool releaseMemory(const NbbHndTbl& table) noexcept {
+  bool inUse = false;
+  int32_t index = 0;
+  while (NbbIsNeedAllocateNewPage(&table, static_cast<uint32_t>(index)) == 0) {
+    NbbHndPage* page = pageIn(table, index);
+    const int32_t next = page->nextPage;
+    inUse = inUse || page->usedCount != 0;
+    release(page, __LINE__);
+    if (next == 0) {
+      break;
+    }
+    index = next;
+  }
+  release(table.pageArray, __LINE__);
+  return inUse;
+}
+
+// ---- what failed set-ups left
+
+// A failed set-up keeps what it allocated, in a record that nobody may look at: before its first
+// set-up a record holds anything. So what is kept is noted here, for the next attempt on the record
+// to free. With more failed tables than places, the oldest only has its own termination.
+class Leftovers {
+ public:
+  void keep(const NbbHndTbl* owner) noexcept {
+    const std::lock_guard lock(mutex_);
+    kept_[next_] = {owner, *owner};
+    next_ = (next_ + 1) % kept_.size();
+  }
+
+  // The table is being terminated, so its memory is freed elsewhere.
+  void forget(const uint64_t* pageArray) noexcept {
+    const std::lock_guard lock(mutex_);
+    for (Leftover& leftover : kept_) {
+      if (leftover.table.pageArray == pageArray) {
+        leftover = {};
+      }
+    }
+  }
+
+  void releaseThoseOf(const NbbHndTbl* owner) noexcept {
+    const std::lock_guard lock(mutex_);
+    for (Leftover& leftover : kept_) {
+      if (leftover.owner == owner) {
+        releaseMemory(leftover.table);
+        leftover = {};
+      }
+    }
+  }
+
+ private:
+  struct Leftover {
+    const NbbHndTbl* owner;
+    NbbHndTbl table;
+  };
+
+  std::mutex mutex_;
+  std::array<Leftover, 8> kept_{};
+  size_t next_ = 0;
+};
+
+constinit Leftovers g_leftovers;
+
+// ---- set-up
+
+void layOutHandles(NbbHndTbl& table, uint32_t spareBits, uint32_t generationBits, uint32_t slotBits,
+                   uint32_t pageBits) noexcept {
+  table.spareShift = generationBits + slotBits + pageBits;
+  table.spareMask = maskOf(spareBits);
+  table.generationShift = slotBits + pageBits;
+  table.generationMask = maskOf(generationBits);
+  table.slotShift = pageBits;
+  table.slotMask = maskOf(slotBits);
+  table.pageMask = maskOf(pageBits);
+  table.pageCapacity =
+      static_cast<int32_t>(std::min<uint64_t>(uint64_t{table.pageMask} + 1, NBB_PAGES_MAX));
+}
+
+void chainVacantEntries(NbbHndTbl& table) noexcept {
+  uint64_t* last = table.pageArray + table.pageCapacity - 1;
+  for (uint64_t* entry = table.pageArray; entry < last; ++entry) {
+    *entry = linkTo(entry + 1);
+  }
+  *last = 0;
+  table.vacantHead = table.pageArray;
+  table.vacantTail = last;
+  table.freeSlotCount = 0;
+}
+
+// Adds the first pages, under the lock. Returns whether they hold the reserve.
+bool addFirstPages(NbbHndTbl& table) noexcept {
+  const TableLock lock;
+  if (lock.result() != QURN_OK) {
+    HDL_LOG(TOV_LOG_ERROR, "Mutex lock unsuccessfully:%d", static_cast<int32_t>(lock.result()));
+    return false;
+  }
+  while (table.freeSlotCount < NBB_FREE_SLOTS_RESERVED && nbb_alloc_next_page(&table) != 0) {
+  }
+  return table.freeSlotCount >= NBB_FREE_SLOTS_RESERVED;
+}
+
+// Asked under the lock, as other threads may be using the table.
+bool isDefaultTableSetUp() noexcept {
+  const TableLock lock;
+  return isSetUp(g_stNbbHndTbl);
+}
+
+}  // namespace
+
+extern "C" {
+
+uint32_t NbbSetupPageArray(NbbHndTbl* table) {
+  if (table->pageCapacity <= 0) {
+    HDL_LOG(TOV_LOG_ERROR, "Handle page memory unsuccessfully, msg len is 0.");
+    return 0;
+  }
+  const size_t bytes = static_cast<size_t>(table->pageCapacity) * sizeof(uint64_t);
+  table->pageArray =
+      static_cast<uint64_t*>(ZOT_Malloc_F(0, g_aucZotMemPt[0], bytes, kBaseName, __LINE__));
+  if (table->pageArray == nullptr) {
+    return 0;
+  }
+  chainVacantEntries(*table);
+  if (!addFirstPages(*table)) {
+    return 0;
+  }
+  makeCurrent(*table, 0);
+  table->freedBehindCount = 0;
+  return 1;
+}
+
+uint32_t nbb_handle_table_initialize(NbbHndTbl* table, uint32_t spareBits, uint32_t generationBits,
+                                     uint32_t slotBits, uint32_t pageBits) {
+  HDL_ASSERT(uint64_t{spareBits} + generationBits + slotBits + pageBits == kHandleBits);
+  HDL_ASSERT(generationBits <= kGenerationBitsMax);
+  HDL_ASSERT(generationBits >= kGenerationBitsMin);
+  HDL_ASSERT(slotBits == kSlotBits);
+  g_leftovers.releaseThoseOf(table);
+  *table = {};
+  layOutHandles(*table, spareBits, generationBits, slotBits, pageBits);
+  if (NbbSetupPageArray(table) != 0) {
+    return 1;
+  }
+  if (table->pageArray != nullptr) {
+    g_leftovers.keep(table);
+  }
+  return 0;
+}
+
+void nbb_handle_table_terminate(NbbHndTbl* table) {
+  bool inUse = false;
+  {
+    const TableLock lock;
+    if (table->pageArray == nullptr) {
+      return;
+    }
+    g_leftovers.forget(table->pageArray);
+    inUse = releaseMemory(*table);
+    table->pageArray = nullptr;
+  }
+  HDL_ASSERT(!inUse);
+}
+
+uint32_t nbb_handle_initialize(void) {
+  const std::lock_guard lock(g_moduleMutex);
+  if (g_pTblLock == 0) {
+    KEM_MutexInit(&g_pTblLock);
+  } else if (isDefaultTableSetUp()) {
+    return 1;
+  }
+  return nbb_handle_table_initialize(&g_stNbbHndTbl, 0, 8, kSlotBits, 16);
+}
+
+void NbbHandleTerminate(void) {
+  const std::lock_guard lock(g_moduleMutex);
+  nbb_handle_table_terminate(&g_stNbbHndTbl);
+  if (g_pTblLock != 0) {
+    KEM_MutexDestroy(&g_pTblLock);
+    g_pTblLock = 0;
+  }
+}
+
+}  // extern "C"
