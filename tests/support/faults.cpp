@@ -100,6 +100,15 @@ INTERPOSE(Capability, uint32_t, TOV_DeadLoopRegCapability,
           (const FrameDeadloopCapability* capability), (capability), 0x77)
 INTERPOSE(Sigcap, uint32_t, KEM_SigcapHandleReg, (uint32_t sigId, KemSigcapHandler handler),
           (sigId, handler), 5)
+INTERPOSE(KemAlloc, void*, KEM_MemAlloc_F,
+          (uint32_t handleId, uint8_t partition, uintptr_t size, const char* file, uint32_t line),
+          (handleId, partition, size, file, line), nullptr)
+INTERPOSE(KemHandleFinalize, uint32_t, KEM_HandleFinalize, (uint32_t handleId), (handleId), 7)
+INTERPOSE(KemHandleInitialize, uint32_t, KEM_HandleInitialize,
+          (const char* name, uint32_t* handleId), (name, handleId), 7)
+INTERPOSE(KemMutexLock, uint32_t, KEM_MutexLock, (uint64_t * mutex), (mutex), 7)
+INTERPOSE(KemTick2Ms, uint32_t, KEM_CpuTick2Ms,
+          (const uint32_t tick[2], uint32_t* msHigh, uint32_t* msLow), (tick, msHigh, msLow), 7)
 INTERPOSE(EpollCreate, int, epoll_create, (int size), (size), -1)
 INTERPOSE(EpollCtl, int, epoll_ctl, (int epfd, int op, int fd, epoll_event* event),
           (epfd, op, fd, event), -1)
@@ -201,6 +210,14 @@ char** backtrace_symbols(void* const* addresses, int count) noexcept {
   }
   static auto* const next = real<char**(void* const*, int)>("backtrace_symbols");
   return next(addresses, count);
+}
+
+int _snprintf_s_chk(char* dest, size_t capacity, size_t /*bos*/, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int length = vsnprintf(dest, capacity, format, args);
+  va_end(args);
+  return fault::strikes(fault::Call::SnprintfS) ? -1 : length;
 }
 
 int _memset_s_chk(void* dest, size_t capacity, int value, size_t count, size_t bos) {

@@ -1,0 +1,363 @@
+// The handle table: the stated cases, failures and retries, a randomised comparison with the model,
+// and many threads at once.
+#include <gtest/gtest.h>
+#include <tovplatform/stand_in.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <random>
+#include <thread>
+
+#include "support/faults.h"
+#include "support/handle_table_model.h"
+#include "support/recording_platform.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+constexpr uint32_t kAnyMoment = 1000;
+
+// A pointer that is none of the table's own memory.
+void* pointer(uint64_t number) { return reinterpret_cast<void*>((number << 4U) + 0x1000); }
+
+uint64_t blocksHeld() {
+  uint64_t blocks = 0;
+  uint64_t bytes = 0;
+  TovStandInMemoryHeld(0, &blocks, &bytes);
+  return blocks;
+}
+
+class HandleTable : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(nbb_handle_initialize(), 1U); }
+  void TearDown() override {
+    NbbHandleTerminate();
+    EXPECT_EQ(blocksHeld(), 0U);
+  }
+};
+
+TEST_F(HandleTable, HandlesCarryGenerationSlotAndPage) {
+  EXPECT_EQ(g_stNbbHndTbl.freeSlotCount, 1024);
+  EXPECT_EQ(nbb_create_handle(pointer(1)), 0x01000000U);
+  EXPECT_EQ(g_stNbbHndTbl.freeSlotCount, 1024 + 256 - 1);  // page 4 joined
+  EXPECT_EQ(nbb_create_handle(pointer(2)), 0x01010000U);
+  for (uint32_t i = 3; i <= 256; ++i) {
+    nbb_create_handle(pointer(i));
+  }
+  EXPECT_EQ(nbb_create_handle(pointer(257)), 0x01000001U);
+  EXPECT_EQ(nbb_handle_initialize(), 1U);  // changes nothing
+  EXPECT_EQ(nbb_validate_handle(0x01010000U), pointer(2));
+  nbb_modify_handle(0x01010000U, pointer(99));
+  EXPECT_EQ(nbb_validate_handle(0x01010000U), pointer(99));
+  EXPECT_EQ(nbb_get_spare_handle_bits(&g_stNbbHndTbl, 0xFFFFFFFFU), 0U);
+  uint32_t handle = 0x01010000U;
+  nbb_set_spare_handle_bits(&g_stNbbHndTbl, &handle, 0);
+  EXPECT_EQ(handle, 0x01010000U);
+  EXPECT_EQ(recorded::texts(), Texts{});
+}
+
+TEST_F(HandleTable, ADestroyedHandleNeverValidatesAgainUntilGenerationsHaveGoneRound) {
+  uint32_t handle = nbb_create_handle(pointer(1));
+  for (uint32_t generation = 1; generation <= 255; ++generation) {
+    ASSERT_EQ(handle, generation << 24U);
+    nbb_destroy_handle(handle);
+    ASSERT_EQ(nbb_validate_handle(handle), nullptr);
+    ASSERT_EQ(reinterpret_cast<NbbHndPage*>(g_stNbbHndTbl.pageArray[0])->generations[0],
+              generation % 255 + 1);
+    handle = (generation % 255 + 1) << 24U;
+    ASSERT_EQ(nbb_assign_handle_in_table(&g_stNbbHndTbl, handle, pointer(1)), handle);
+  }
+  EXPECT_EQ(handle, 0x01000000U);
+  EXPECT_EQ(nbb_assign_handle_in_table(&g_stNbbHndTbl, handle, pointer(2)), 0U);
+  EXPECT_EQ(recorded::texts(), Texts{});
+}
+
+TEST_F(HandleTable, MistakesAreAnsweredWithTheirLines) {
+  const std::string invalid = "nbb_validate_handle_in_table: Invalid handle value, ignore.";
+  const auto said = [](const Texts& info, const Texts& errors) {
+    EXPECT_EQ(recorded::texts(40), info);
+    EXPECT_EQ(recorded::texts(100), errors);
+    for (const recorded::Line& line : recorded::lines()) {
+      EXPECT_TRUE(line.wellFormed && line.unit == "ssp_ptr_hdl") << line.text;
+    }
+    recorded::forget();
+  };
+  const uint32_t live = nbb_create_handle(pointer(1));
+  for (const uint32_t handle : {0U, 0x00010000U, 0x01001000U}) {  // no generation, page 4096
+    EXPECT_EQ(nbb_validate_handle(handle), nullptr);
+    said({invalid}, {});
+  }
+  for (const uint32_t handle : {0x01000FFFU, 0x02000000U, 0x01050000U}) {  // vacant, old, free
+    EXPECT_EQ(nbb_validate_handle(handle), nullptr);
+    said({}, {});
+  }
+  nbb_modify_handle(0, pointer(2));
+  said({invalid}, {"nbb_modify_handle: handle is null."});
+  nbb_modify_handle(live, nullptr);
+  said({}, {"nbb_modify_handle: ptr is null."});
+  nbb_modify_handle(live + 0x01000000U, pointer(2));
+  said({}, {"nbb_modify_handle: pstHandle is null."});
+  nbb_destroy_handle(live + 0x01000000U);
+  said({"ptrHandle is null."}, {});
+  EXPECT_EQ(nbb_create_handle(nullptr), 0U);
+  said({}, {"nbb_create_handle,ptr is null."});
+  EXPECT_EQ(nbb_assign_handle_in_table(nullptr, 1, pointer(1)), 0U);
+  EXPECT_EQ(nbb_assign_handle_in_table(&g_stNbbHndTbl, 0, pointer(1)), 0U);
+  EXPECT_EQ(nbb_assign_handle_in_table(&g_stNbbHndTbl, 1, nullptr), 0U);
+  said({}, {"nbb_assign_handle: psthnd_tbl is null.", "nbb_assign_handle: ptrHandle is null.",
+            "nbb_assign_handle: ptr is null."});
+  EXPECT_EQ(nbb_assign_handle_in_table(&g_stNbbHndTbl, 0x01001000U, pointer(1)), 0U);
+  NbbHndTbl none{};
+  EXPECT_EQ(NbbSetupPageArray(&none), 0U);
+  said({}, {"Handle page memory unsuccessfully, msg len is 0."});
+  EXPECT_EQ(nbb_validate_handle(live), pointer(1));
+}
+
+TEST_F(HandleTable, AssertsOnBadWidthsAndOnHandlesLeftInUseAndGoesOn) {
+  NbbHndTbl table;
+  const std::array<std::array<uint32_t, 4>, 4> bad{
+      {{1, 8, 8, 16}, {15, 1, 8, 8}, {7, 9, 8, 8}, {0, 8, 10, 14}}};
+  for (const auto& [spare, generation, slot, page] : bad) {
+    recorded::forget();
+    EXPECT_EQ(nbb_handle_table_initialize(&table, spare, generation, slot, page), 1U);
+    EXPECT_EQ(recorded::events(), Texts{"assertion in ssp_ptr_hdl"});
+    // Whatever the widths, no slot beyond a page is touched.
+    EXPECT_EQ(nbb_validate_handle_in_table(&table, 0xFFFFFF00U), nullptr);
+    const uint32_t handle = nbb_create_handle_in_table(&table, pointer(1));
+    nbb_destroy_handle_in_table(&table, handle);
+    nbb_handle_table_terminate(&table);
+  }
+  nbb_handle_table_initialize(&table, 8, 8, 8, 8);
+  uint32_t handle = nbb_create_handle_in_table(&table, pointer(1));
+  recorded::forget();
+  EXPECT_EQ(nbb_alloc_page(&table, 0), 0U);  // there is one already
+  EXPECT_EQ(recorded::events().size(), 2U);
+  EXPECT_EQ(nbb_alloc_page(&table, 1000), 0U);
+  nbb_set_spare_handle_bits(&table, &handle, 0xAB);
+  EXPECT_EQ(handle, 0xAB010000U);
+  EXPECT_EQ(nbb_get_spare_handle_bits(&table, handle), 0xABU);
+  EXPECT_EQ(nbb_validate_handle_in_table(&table, handle), pointer(1));
+  recorded::forget();
+  nbb_set_spare_handle_bits(&table, &handle, 0x100);
+  nbb_handle_table_terminate(&table);
+  EXPECT_EQ(recorded::events().size(), 2U);
+}
+
+// No operation on a table without memory may do or touch anything.
+void expectDead(NbbHndTbl& table) {
+  EXPECT_EQ(nbb_create_handle_in_table(&table, pointer(1)), 0U);
+  EXPECT_EQ(nbb_assign_handle_in_table(&table, 0x01000000U, pointer(1)), 0U);
+  EXPECT_EQ(nbb_validate_handle_in_table(&table, 0x01000000U), nullptr);
+  nbb_modify_handle_in_table(&table, 0x01000000U, pointer(1));
+  nbb_destroy_handle_in_table(&table, 0x01000000U);
+}
+
+TEST_F(HandleTable, AFailedSetUpFailsCleanlyAndCanBeRetried) {
+  NbbHandleTerminate();
+  for (int after = 0; after <= 4; ++after) {  // the array and four pages
+    fault::arm(fault::Call::KemAlloc, ENOMEM, after);
+    EXPECT_EQ(nbb_handle_initialize(), 0U);
+    EXPECT_EQ(blocksHeld(), static_cast<uint64_t>(after));  // what was added stays
+    expectDead(g_stNbbHndTbl);
+    EXPECT_EQ(nbb_create_handle(pointer(1)), 0U);
+    if (after % 2 == 0) {
+      NbbHandleTerminate();
+      EXPECT_EQ(blocksHeld(), 0U);
+    }
+  }
+  ASSERT_EQ(nbb_handle_initialize(), 1U);
+  fault::arm(fault::Call::KemMutexLock, EINVAL);
+  NbbHndTbl own;
+  EXPECT_EQ(nbb_handle_table_initialize(&own, 0, 8, 8, 16), 0U);
+  EXPECT_ERROR("Mutex lock unsuccessfully:7");
+  expectDead(own);
+  EXPECT_EQ(nbb_handle_table_initialize(&own, 14, 8, 8, 2), 1U);  // frees what the first try kept
+  EXPECT_EQ(blocksHeld(), 5U + 5U);
+  nbb_handle_table_terminate(&own);
+  expectDead(own);
+  nbb_handle_table_terminate(&own);
+  EXPECT_EQ(nbb_handle_table_initialize(&own, 15, 8, 8, 1), 0U);  // cannot hold 1024 slots
+  nbb_handle_table_terminate(&own);
+}
+
+TEST_F(HandleTable, ThePlainCallsNeedTheModule) {
+  NbbHandleTerminate();
+  EXPECT_EQ(g_pTblLock, 0U);
+  EXPECT_EQ(nbb_create_handle(pointer(1)), 0U);
+  EXPECT_EQ(nbb_validate_handle(1), nullptr);
+  nbb_modify_handle(1, pointer(1));
+  nbb_destroy_handle(1);
+  Texts expected;
+  for (const std::string call : {"create", "validate", "modify", "destroy"}) {
+    expected.push_back("NBB " + call + " handle unsuccessfully, module has not initialized.");
+  }
+  EXPECT_EQ(recorded::texts(100), expected);
+  NbbHandleTerminate();
+  EXPECT_EQ(nbb_handle_initialize(), 1U);
+}
+
+struct Layout {
+  uint32_t generationBits;
+  uint32_t pageBits;
+  uint32_t seed;
+};
+
+void PrintTo(const Layout& layout, std::ostream* out) {
+  *out << layout.generationBits << " generation bits, " << layout.pageBits << " page bits";
+}
+
+class AgainstModel : public testing::TestWithParam<Layout> {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(nbb_handle_initialize(), 1U);
+    const auto [generationBits, pageBits, seed] = GetParam();
+    ASSERT_EQ(nbb_handle_table_initialize(&table_, 24 - generationBits - pageBits, generationBits,
+                                          8, pageBits),
+              1U);
+  }
+  void TearDown() override {
+    nbb_handle_table_terminate(&table_);
+    NbbHandleTerminate();
+    EXPECT_EQ(blocksHeld(), 0U);
+  }
+
+  uint32_t upTo(uint32_t most) { return std::uniform_int_distribution<uint32_t>(0, most)(random_); }
+
+  // A handle that exists or once did, or one made up.
+  uint32_t anyHandle() {
+    if (!handles_.empty() && upTo(9) != 0) {
+      return handles_[upTo(static_cast<uint32_t>(handles_.size()) - 1)];
+    }
+    const uint32_t pages = std::min(1U << GetParam().pageBits, upTo(5) == 0 ? 5000U : 20U);
+    return model_.compose(upTo(pages - 1), upTo(255), upTo((1U << GetParam().generationBits) - 1));
+  }
+
+  void create() {
+    const uint32_t handle = model_.create(pointer(step_));
+    ASSERT_EQ(nbb_create_handle_in_table(&table_, pointer(step_)), handle);
+    if (handle != 0) {
+      handles_.push_back(handle);
+    }
+  }
+
+  void assign(uint32_t handle) {
+    const uint32_t assigned = model_.assign(handle, pointer(step_));
+    ASSERT_EQ(nbb_assign_handle_in_table(&table_, handle, pointer(step_)), assigned);
+    if (assigned != 0) {
+      handles_.push_back(assigned);
+    }
+  }
+
+  void modify(uint32_t handle) {
+    model_.modify(handle, pointer(step_));
+    nbb_modify_handle_in_table(&table_, handle, pointer(step_));
+  }
+
+  // Some destroyed handles stay among those to try.
+  void destroy() {
+    if (handles_.empty()) {
+      return;
+    }
+    uint32_t& chosen = handles_[upTo(static_cast<uint32_t>(handles_.size()) - 1)];
+    model_.destroy(chosen);
+    nbb_destroy_handle_in_table(&table_, chosen);
+    if (upTo(3) != 0) {
+      std::swap(chosen, handles_.back());
+      handles_.pop_back();
+    }
+  }
+
+  // Growing and shrinking alternate, so that pages come and go.
+  void operate() {
+    const bool growing = (step_ / 6000) % 2 == 0;
+    const uint32_t choice = upTo(99);
+    const bool failing = upTo(19) == 0;
+    if (failing) {
+      model_.failNextPage();
+      fault::arm(fault::Call::KemAlloc, ENOMEM);
+    }
+    if (choice < (growing ? 60U : 10U)) {
+      create();
+    } else if (choice < (growing ? 65U : 15U)) {
+      assign(anyHandle());
+    } else if (choice < (growing ? 70U : 20U)) {
+      modify(anyHandle());
+    } else if (choice < (growing ? 80U : 99U)) {
+      destroy();
+    }
+    model_.pagesSucceed();
+    fault::arm(fault::Call::KemAlloc, 0, 0, 0);
+    const uint32_t asked = anyHandle();
+    ASSERT_EQ(nbb_validate_handle_in_table(&table_, asked), model_.validate(asked));
+  }
+
+  std::mt19937 random_{GetParam().seed};
+  HandleTableModel model_{GetParam().generationBits, GetParam().pageBits};
+  NbbHndTbl table_{};
+  std::vector<uint32_t> handles_;
+  uint32_t step_ = 0;
+};
+
+TEST_P(AgainstModel, EveryAnswerAndTheRecordAreTheModels) {
+  constexpr uint32_t kSteps = 150'000;
+  ASSERT_EQ(model_.differenceFrom(table_, true), "");
+  for (step_ = 1; step_ <= kSteps; ++step_) {
+    operate();
+    ASSERT_FALSE(HasFatalFailure()) << "step " << step_;
+    ASSERT_EQ(model_.differenceFrom(table_, step_ % 500 == 0), "") << "step " << step_;
+    if (step_ % 5000 == 0) {
+      recorded::forget();
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Nbb, AgainstModel,
+                         testing::Values(Layout{8, 16, 1}, Layout{8, 16, 2}, Layout{2, 12, 3},
+                                         Layout{8, 3, 4}),
+                         [](const auto& layout) {
+                           return "Seed" + std::to_string(layout.param.seed);
+                         });
+
+// Handles wander between threads through shared places, and each thread also tries to change and
+// destroy handles that may be going at this moment.
+TEST_F(HandleTable, ManyThreadsLeaveItConsistent) {
+  constexpr uint32_t kThreads = 4;
+  constexpr uint32_t kRounds = 20'000;
+  std::array<std::atomic<uint32_t>, 512> places{};
+  std::vector<std::thread> threads;
+  for (uint32_t number = 0; number < kThreads; ++number) {
+    threads.emplace_back([&places, number] {
+      std::mt19937 random(number);
+      for (uint32_t round = 0; round < kRounds; ++round) {
+        const uint32_t handle = nbb_create_handle(pointer(number * kRounds + round));
+        if (nbb_validate_handle(handle) != pointer(number * kRounds + round)) {
+          ADD_FAILURE() << "a new handle does not validate";
+        }
+        const uint32_t seen = places[random() % places.size()];
+        if (round % 8 == 0 && seen != 0) {
+          nbb_modify_handle(seen, pointer(kAnyMoment));
+          nbb_destroy_handle(seen);
+        }
+        if (const uint32_t old = places[random() % places.size()].exchange(handle); old != 0) {
+          nbb_destroy_handle(old);
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(inconsistencyOf(g_stNbbHndTbl), "");
+  for (std::atomic<uint32_t>& place : places) {
+    if (place != 0) {
+      nbb_destroy_handle(place);
+    }
+  }
+  recorded::forget();
+  NbbHandleTerminate();
+  EXPECT_EQ(recorded::events(), Texts{});  // nothing was left in use
+}
+
+}  // namespace
