@@ -161,6 +161,10 @@ INSTANTIATE_TEST_SUITE_P(
                  {"ZOT set heart monitor of thread (", "component: told of",
                   kOwnFrames ? "" : " component_loop"},
                  {"default strategy"}},
+        Survivor{"component",
+                 {"ZOT set heart monitor of thread (", "component: finalised, all well",
+                  "host: the component holds 0 blocks, 0 bytes"},
+                 {"trigger third", "Block ", "still holds"}},
         Survivor{"ignore", {"returned EPIPE, and still here after SIGHUP"}, {"trigger third"}},
         Survivor{"exit", {"Task deadloop entry, task[worker-2:"}, {"trigger third"}},
         Survivor{"healthy --thresholds 20,30,40", {}, {" error ", "threshold timeout"}}));

@@ -182,6 +182,22 @@ TEST_F(HandleTable, AFailedSetUpFailsCleanlyAndCanBeRetried) {
   nbb_handle_table_terminate(&own);
 }
 
+// So that no other thread can slip between the validation of a handle and the change.
+TEST_F(HandleTable, EveryCallTakesTheLockOnce) {
+  const uint32_t handle = nbb_create_handle(pointer(1));
+  const auto locksOnce = [](auto call) {
+    fault::arm(fault::Call::KemMutexLock, 0, 1);
+    call();
+    return fault::strikes(fault::Call::KemMutexLock);  // the next one is the second
+  };
+  EXPECT_TRUE(locksOnce([] { nbb_create_handle(pointer(2)); }));
+  EXPECT_TRUE(locksOnce([=] { nbb_validate_handle(handle); }));
+  EXPECT_TRUE(locksOnce([=] { nbb_modify_handle(handle, pointer(3)); }));
+  EXPECT_TRUE(locksOnce([=] { nbb_destroy_handle(handle); }));
+  EXPECT_TRUE(locksOnce(
+      [=] { nbb_assign_handle_in_table(&g_stNbbHndTbl, handle + (1U << 24U), pointer(4)); }));
+}
+
 TEST_F(HandleTable, ThePlainCallsNeedTheModule) {
   NbbHandleTerminate();
   EXPECT_EQ(g_pTblLock, 0U);

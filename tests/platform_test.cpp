@@ -240,6 +240,82 @@ TEST(Boxes, KeepTheNewestTwentyRecordsUntilTheyAreCleaned) {
   EXPECT_NE(TovStandInBoxWrite(8, "x"), QURN_OK);
 }
 
+std::string mistakes() {
+  g_printed.clear();
+  KEM_HookPrint(collect);
+  KEM_BoxextRecordShow(3, 0, 20, 0xFFFFFFFF);
+  KEM_BoxextRegionClean(3);
+  return g_printed;
+}
+
+std::string holders() {
+  g_printed.clear();
+  TovStandInMemoryPrint(collect);
+  return g_printed;
+}
+
+TEST(KemMemory, IsAccountedForByHandlePartitionAndPlace) {
+  uint32_t id = 0;
+  ASSERT_EQ(KEM_HandleInitialize("module", &id), QURN_OK);
+  void* one = KEM_MemAlloc_F(id, 1, 100, "one", 10);
+  void* two = KEM_MemAlloc_F(id, 1, 50, "one", 10);
+  void* other = KEM_MemAlloc_F(id, 2, 1, "one", 10);
+  void* raw = KEM_MemAlloc_F(0x04048000, 0, 7, nullptr, 0);
+  EXPECT_EQ(holders(),
+            "handle 1 (module), partition 1, one:10: 2 blocks, 150 bytes;"
+            "handle 1 (module), partition 2, one:10: 1 blocks, 1 bytes;"
+            "handle 67403776 (-), partition 0, -:0: 1 blocks, 7 bytes;");
+  uint64_t blocks = 0;
+  uint64_t bytes = 0;
+  TovStandInMemoryHeld(id, &blocks, &bytes);
+  EXPECT_TRUE(blocks == 3 && bytes == 151);
+  TovStandInMemoryHeld(TOV_STAND_IN_ALL_HANDLES, &blocks, &bytes);
+  EXPECT_TRUE(blocks == 4 && bytes == 158);
+  EXPECT_EQ(KEM_MemFree_F(0, one, "x", 1) | KEM_MemFree_F(0, raw, "x", 1), QURN_OK);
+  EXPECT_EQ(KEM_HandleFinalize(id), QURN_OK);
+  EXPECT_EQ(mistakes(), "Handle 1 (module) is finalised and still holds 2 blocks, 51 bytes.;");
+  EXPECT_EQ(KEM_MemFree_F(id, two, "x", 1), QURN_OK);  // still theirs to free
+  EXPECT_EQ(holders(), "handle 1 (module, finalised), partition 2, one:10: 1 blocks, 1 bytes;");
+  EXPECT_EQ(KEM_MemFree_F(0, other, "x", 1), QURN_OK);
+  EXPECT_EQ(mistakes() + holders(), "");
+}
+
+TEST(KemMemory, LeavesAloneWhatIsNoLiveBlockAndSaysSo) {
+  void* block = KEM_MemAlloc_F(0, 0, 32, "owner", 1);
+  EXPECT_EQ(KEM_MemFree_F(0, nullptr, "x", 1), QURN_OK);
+  EXPECT_EQ(KEM_MemFree_F(0, static_cast<char*>(block) + 8, "inside", 2), QURN_FAILED);
+  EXPECT_EQ(KEM_MemFree_F(0, block, "first", 3), QURN_OK);
+  EXPECT_EQ(KEM_MemFree_F(0, block, "second", 4), QURN_FAILED);
+  EXPECT_EQ(KEM_MemFree_F(0, &block, "foreign", 5), QURN_FAILED);
+  EXPECT_TRUE(std::regex_match(
+      mistakes(),
+      std::regex("Block 0x[0-9a-f]+, freed at inside:2, was never allocated here.;"
+                 "Block 0x[0-9a-f]+ is freed twice: at second:4, and before at first:3.;"
+                 "Block 0x[0-9a-f]+, freed at foreign:5, was never allocated here.;")))
+      << g_printed;
+  uint32_t id = 0;
+  ASSERT_EQ(KEM_HandleInitialize("module", &id) | KEM_HandleFinalize(id), QURN_OK);
+  EXPECT_EQ(KEM_HandleFinalize(id), QURN_FAILED);
+  EXPECT_EQ(KEM_HandleFinalize(99), QURN_FAILED);
+  EXPECT_EQ(KEM_MemAlloc_F(id, 0, 8, "late", 6), nullptr);
+  EXPECT_EQ(KEM_MemAlloc_F(0xFFFFFFFF, 0, 8, "bad", 7), nullptr);
+  EXPECT_EQ(mistakes(),
+            "Handle 1 (module, finalised) is not a live one.;"
+            "Handle 99 (-) is not a live one.;"
+            "Handle 1 cannot be charged with 8 bytes at late:6.;"
+            "Handle 4294967295 cannot be charged with 8 bytes at bad:7.;");
+  EXPECT_NE(KEM_HandleInitialize(nullptr, &id), QURN_OK);
+}
+
+TEST(KeyManagement, IsNoneAndRefuses) {
+  testing::internal::CaptureStderr();
+  EXPECT_NE(TovPluginKmsEncrypt("plain", 5), QURN_OK);
+  EXPECT_NE(KEM_CRYPT_Decrypt_Sec("cipher", 6), QURN_OK);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("no key management: nothing was encrypted."), std::string::npos) << log;
+  EXPECT_NE(log.find("no key management: nothing was decrypted."), std::string::npos) << log;
+}
+
 TEST(Kem, ArithmeticReportsWhatDoesNotFit) {
   uint32_t high = 0;
   uint32_t low = 0xFFFFFFFF;

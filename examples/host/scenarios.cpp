@@ -1,5 +1,6 @@
 #include "scenarios.h"
 
+#include <legacy_component.h>
 #include <malloc.h>
 #include <pthread.h>
 #include <qurnadapt/legacy_heart.h>
@@ -12,8 +13,6 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
-
-#include "legacy_component.h"
 
 namespace {
 
@@ -103,7 +102,21 @@ bool hang_in_a_section(FrameDeadloopHandle& /*self*/) {
   return true;
 }
 
-bool run_a_legacy_component(FrameDeadloopHandle& /*self*/) { return run_legacy_component(); }
+bool loop_in_a_legacy_component(FrameDeadloopHandle& /*self*/) {
+  return loop_in_legacy_component();
+}
+
+bool run_a_legacy_component(FrameDeadloopHandle& self) {
+  const bool good = run_legacy_component();
+  uint64_t blocks = 0;
+  uint64_t bytes = 0;
+  TovStandInMemoryHeld(TOV_STAND_IN_ALL_HANDLES, &blocks, &bytes);
+  std::printf("host: the component holds %llu blocks, %llu bytes\n",
+              static_cast<unsigned long long>(blocks), static_cast<unsigned long long>(bytes));
+  TovStandInMemoryPrint([](const char* line) -> uint32_t { return std::puts(line) < 0 ? 1 : 0; });
+  std::fflush(stdout);
+  return Frame_SetHeartbeatToMon(&self, 1, 2, 3) == QURN_OK && good;  // the component stopped it
+}
 
 bool ask_for_a_reboot(FrameDeadloopHandle& /*self*/) {
   ZotReboot();
@@ -148,7 +161,7 @@ bool get_stuck_in_the_allocator(FrameDeadloopHandle& /*self*/) {
 
 namespace {
 
-constexpr std::array<Scenario, 12> kScenarios{{
+constexpr std::array<Scenario, 13> kScenarios{{
     {"loop", "a worker enters an endless loop", QURN_EXIT_STATUS, "spin_until_rescued", nullptr,
      enter_a_loop},
     {"mutex", "a worker waits for a lock that is never released", QURN_EXIT_STATUS, "wait_for_lock",
@@ -164,7 +177,9 @@ constexpr std::array<Scenario, 12> kScenarios{{
     {"sdk", "a worker hangs inside a dead-loop section", QURN_EXIT_STATUS, "spin_until_rescued",
      nullptr, hang_in_a_section},
     {"bridge", "a component written against the legacy calls is watched and saved", 0,
-     "component_loop", nullptr, run_a_legacy_component},
+     "component_loop", nullptr, loop_in_a_legacy_component},
+    {"component", "a component written against the legacy calls does its work and finalises", 0,
+     nullptr, nullptr, run_a_legacy_component},
     {"reboot", "a worker asks for a reboot", QURN_EXIT_STATUS, nullptr, nullptr, ask_for_a_reboot},
     {"ignore", "signals that the configuration ignores do not disturb", 0, nullptr, nullptr,
      provoke_ignored_signals},

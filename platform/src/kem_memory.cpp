@@ -17,6 +17,7 @@
 #include <string_view>
 #include <tuple>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -33,10 +34,32 @@ struct Account {
   uint64_t bytes = 0;
 };
 
-// Who is charged: handle, partition, file and line.
-using Charge = std::tuple<uint32_t, uint8_t, std::string, uint32_t>;
-using ChargeView = std::tuple<uint32_t, uint8_t, std::string_view, uint32_t>;
-using Accounts = std::map<Charge, Account, std::less<>>;
+// Who is charged. Accounts own the file's name, look-ups only see it.
+template <typename Text>
+struct ChargeOf {
+  uint32_t handleId;
+  uint8_t partition;
+  Text file;
+  uint32_t line;
+};
+using Charge = ChargeOf<std::string>;
+using ChargeView = ChargeOf<std::string_view>;
+
+struct InOrder {
+  using is_transparent = void;
+  template <typename One, typename Other>
+  bool operator()(const ChargeOf<One>& one, const ChargeOf<Other>& other) const {
+    return key(one) < key(other);
+  }
+
+ private:
+  template <typename Text>
+  static auto key(const ChargeOf<Text>& charge) {
+    return std::tuple<uint32_t, uint8_t, std::string_view, uint32_t>(
+        charge.handleId, charge.partition, charge.file, charge.line);
+  }
+};
+using Accounts = std::map<Charge, Account, InOrder>;
 
 struct Block {
   size_t bytes;
@@ -112,7 +135,7 @@ Account& accountOf(Books& all, const ChargeView& charge) {
 Account heldBy(const Books& all, uint32_t handleId) {
   Account sum;
   for (const auto& [charge, account] : all.accounts) {
-    if (handleId == TOV_STAND_IN_ALL_HANDLES || std::get<0>(charge) == handleId) {
+    if (handleId == TOV_STAND_IN_ALL_HANDLES || charge.handleId == handleId) {
       sum.blocks += account.blocks;
       sum.bytes += account.bytes;
     }

@@ -38,9 +38,9 @@ class IssuedRecords {
   static Segment* makeSegment(size_t bucketCount) noexcept;
   [[nodiscard]] std::atomic<uintptr_t>* find(uintptr_t address) const noexcept;
 
-  std::mutex mutex_;  // of those who change
   alignas(sizeof(Bucket)) std::array<Bucket, kFirstBuckets> firstBuckets_{};
   Segment first_{nullptr, kFirstBuckets, firstBuckets_.data()};
+  std::mutex mutex_;  // of those who change
 };
 
 }  // namespace qurn::mem

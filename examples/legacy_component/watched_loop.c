@@ -1,4 +1,4 @@
-/* A component written against the legacy calls, and in C. */
+/* A loop of the component that does not end by itself, and the hook that ends it. */
 #include "legacy_component.h"
 
 #include <qurnadapt/legacy_heart.h>
@@ -21,7 +21,7 @@ __attribute__((noinline)) void component_loop(void) {
   }
 }
 
-bool run_legacy_component(void) {
+bool loop_in_legacy_component(void) {
   FrameDeadloopHandle self = 0;
   if (ZOT_SetHeartMon(&self, 1, 2, 3) != 0 || ZOT_SendHeartToMon(&self) != 0 ||
       ZOT_RegThreadDeadloopHook(&self, rescue_component) != 0) {
