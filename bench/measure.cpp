@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -109,6 +110,60 @@ void measureIdlePass() {
     thread.join();
   }
   print("idle pass, 64 threads", cost, "64 x (mutex, two coarse clocks)", floor, "ns");
+}
+
+// ---- handles and legacy memory
+
+// The floor of a look-up: the tables' lock and two dependent loads.
+struct LockedLoads {
+  uint64_t mutex = 0;
+  std::array<uint64_t, 2> words{};
+
+  LockedLoads() {
+    KEM_MutexInit(&mutex);
+    words[0] = reinterpret_cast<uint64_t>(&words[1]);
+  }
+  void run() {
+    KEM_MutexLock(&mutex);
+    const volatile uint64_t* second =
+        reinterpret_cast<const uint64_t*>(*static_cast<const volatile uint64_t*>(words.data()));
+    static_cast<void>(*second);
+    KEM_MutexUnlock(&mutex);
+  }
+};
+
+void measureHandles() {
+  LockedLoads floor;
+  nbb_handle_initialize();
+  std::vector<uint32_t> live;
+  for (const size_t count : {1'000U, 100'000U, 1'000'000U}) {
+    while (live.size() < count) {
+      live.push_back(nbb_create_handle(&floor));
+    }
+    const std::string suffix = ", " + std::to_string(count) + " live";
+    const uint32_t handle = live[count / 2];
+    const double lockedLoads = bestOf(20, 100'000, [&] { floor.run(); });
+    const double validate = bestOf(20, 100'000, [&] { nbb_validate_handle(handle); });
+    print(("validate" + suffix).c_str(), validate, "KEM mutex, two loads", lockedLoads, "ns");
+    const double both = bestOf(20, 100'000, [&] { nbb_destroy_handle(nbb_create_handle(&floor)); });
+    print(("create, destroy" + suffix).c_str(), both, "2 x (KEM mutex, two loads)", 2 * lockedLoads,
+          "ns");
+  }
+  for (const uint32_t handle : live) {
+    nbb_destroy_handle(handle);
+  }
+  NbbHandleTerminate();
+}
+
+void measureLegacyHandle() {
+  ZotHandleRecord* record = nullptr;
+  ZOT_HandleInitializeByName("measured", &record);
+  volatile uint32_t result = 0;
+  const auto value = reinterpret_cast<uintptr_t>(record);
+  const double cost = bestOf(20, 100'000, [&] { result = ZOT_GetRelHandle(value); });
+  const double raw = bestOf(20, 100'000, [&] { result = ZOT_GetRelHandle(1); });
+  ZOT_HandleFinalize(record);
+  print("legacy handle, of a record", cost, "the same call for a raw id", raw, "ns");
 }
 
 // ---- capture
@@ -254,6 +309,8 @@ int main() {
   FRAME_KeepAliveReport();
   measureHeartbeat();
   measureIdlePass();
+  measureHandles();
+  measureLegacyHandle();
   measureCapture();
   return 0;
 }
