@@ -2,8 +2,8 @@
 // or the system log. Callable from any thread, not from signal handlers. Lines are put together in
 // fixed buffers, because a caller may be on duty while another thread is stuck in the allocator.
 #include <qurnadapt/platform.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 #include <spdlog/spdlog.h>
 #include <sys/prctl.h>
@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +27,32 @@ constexpr size_t kFilesKept = 5;
 constexpr size_t kTextBytes = 2048;
 
 // ---- destination and level
+
+// Writes to the descriptor, past the stream: a thread may be stuck with the stream locked.
+class DescriptorSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  explicit DescriptorSink(int fd) : fd_(fd) {}
+
+ private:
+  void sink_it_(const spdlog::details::log_msg& message) override {
+    spdlog::memory_buf_t line;
+    formatter_->format(message, line);
+    const char* rest = line.data();
+    size_t length = line.size();
+    while (length > 0) {
+      const ssize_t written = ::write(fd_, rest, length);
+      if (written < 0 && errno != EINTR) {
+        return;
+      }
+      const size_t done = written < 0 ? 0 : static_cast<size_t>(written);
+      rest += done;
+      length -= done;
+    }
+  }
+  void flush_() override {}
+
+  int fd_;
+};
 
 spdlog::sink_ptr fileSink(const std::string& path) {
   const char* bytes = getenv("TOV_LOG_FILE_BYTES");
@@ -46,7 +73,7 @@ spdlog::sink_ptr sinkFor(std::string_view target) {
       std::fprintf(stderr, "log file: %s; logging to standard error\n", mistake.what());
     }
   }
-  return std::make_shared<spdlog::sinks::stderr_sink_mt>();
+  return std::make_shared<DescriptorSink>(STDERR_FILENO);
 }
 
 spdlog::level::level_enum configuredLevel() {

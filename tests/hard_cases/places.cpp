@@ -1,0 +1,290 @@
+// Where threads get stuck. Functions whose names start with "at_" are those that a report must
+// name; they are compiled with optimisation, without frame pointers, and with every call left a
+// call.
+#include <alloca.h>
+#include <dlfcn.h>
+#include <link.h>
+#include <malloc.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "hard_case.h"
+
+#define PLACE extern "C" __attribute__((noinline, noclone))
+
+std::atomic<bool> g_rescued{false};
+extern "C" {
+volatile int g_insideConstructor = 0;
+volatile int g_libraryRescued = 0;
+void at_library_entry(volatile int* rescued);
+}
+
+PLACE void at_spin() {
+  while (!g_rescued.load(std::memory_order_relaxed)) {
+  }
+}
+
+// ---- depth
+
+PLACE void at_level_1() { at_spin(); }
+#define LEVEL(N, BELOW) \
+  PLACE void at_level_##N() { at_level_##BELOW(); }
+LEVEL(2, 1)
+LEVEL(3, 2)
+LEVEL(4, 3)
+LEVEL(5, 4)
+LEVEL(6, 5)
+LEVEL(7, 6)
+LEVEL(8, 7)
+LEVEL(9, 8)
+LEVEL(10, 9)
+LEVEL(11, 10)
+LEVEL(12, 11)
+
+PLACE int at_recursion(int depth) {
+  if (depth == 0) {
+    at_spin();
+    return 0;
+  }
+  return at_recursion(depth - 1) + 1;
+}
+PLACE void at_deep_recursion() { at_recursion(5000); }
+
+// ---- in the kernel
+
+static pthread_mutex_t g_heldMutex = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t g_condition = PTHREAD_COND_INITIALIZER;
+static void holdMutex() { pthread_mutex_lock(&g_heldMutex); }
+
+PLACE void at_mutex() { pthread_mutex_lock(&g_heldMutex); }
+PLACE void at_condition() {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_mutex_lock(&mutex);
+  pthread_cond_wait(&g_condition, &mutex);
+}
+PLACE void at_read() {
+  std::array<int, 2> ends{};
+  char byte = 0;
+  while (pipe(ends.data()) != 0 || read(ends[0], &byte, 1) != 1) {
+  }
+}
+PLACE void at_sleep() {
+  timespec rest{3600, 0};
+  while (nanosleep(&rest, &rest) != 0) {
+  }
+}
+PLACE void at_epoll() {
+  epoll_event event{};
+  const int epoll = epoll_create1(0);
+  while (epoll_wait(epoll, &event, 1, -1) < 1) {
+  }
+}
+PLACE void at_join() {
+  pthread_t other{};
+  pthread_create(
+      &other, nullptr,
+      [](void*) -> void* {
+        pause();
+        return nullptr;
+      },
+      nullptr);
+  pthread_join(other, nullptr);
+}
+PLACE void at_clock() {
+  timespec now{};
+  while (!g_rescued.load(std::memory_order_relaxed)) {
+    clock_gettime(CLOCK_MONOTONIC, &now);
+  }
+}
+
+// ---- with a lock of the process held
+
+static std::atomic<bool> g_inside{false};
+
+// Runs while the allocator prints its statistics, that is with the lock of its main heap held.
+PLACE ssize_t at_allocator_lock(void* /*cookie*/, const char* /*text*/, size_t size) {
+  g_inside = true;
+  at_spin();
+  return static_cast<ssize_t>(size);
+}
+PLACE void at_allocator() {
+  const cookie_io_functions_t functions{nullptr, at_allocator_lock, nullptr, nullptr};
+  FILE* trap = fopencookie(nullptr, "w", functions);
+  setvbuf(trap, nullptr, _IONBF, 0);
+  FILE* kept = stderr;
+  stderr = trap;
+  malloc_stats();
+  stderr = kept;
+}
+PLACE void at_churn() {
+  while (!g_rescued.load(std::memory_order_relaxed)) {
+    void* volatile block = malloc(static_cast<size_t>(rand() % 5000));
+    free(block);
+  }
+}
+PLACE void at_printing() {
+  FILE* sink = fopen("/dev/null", "w");
+  while (!g_rescued.load(std::memory_order_relaxed)) {
+    fprintf(sink, "%d %f %s", 1, 2.5, "three");
+  }
+}
+PLACE int at_one_phdr(dl_phdr_info* /*info*/, size_t /*size*/, void* /*data*/) { return 0; }
+PLACE void at_walking() {
+  while (!g_rescued.load(std::memory_order_relaxed)) {
+    dl_iterate_phdr(at_one_phdr, nullptr);
+  }
+}
+PLACE void at_stream() {
+  flockfile(stderr);
+  g_inside = true;
+  at_spin();
+  funlockfile(stderr);
+}
+PLACE int at_phdr_callback(dl_phdr_info* /*info*/, size_t /*size*/, void* /*data*/) {
+  g_inside = true;
+  at_spin();
+  return 1;
+}
+PLACE void at_phdr() { dl_iterate_phdr(at_phdr_callback, nullptr); }
+PLACE void at_loading() { dlopen(ENDLESS_CONSTRUCTOR, RTLD_NOW); }
+
+// Another thread is inside; it is not monitored.
+template <void (*place)()>
+void bystanderIn() {
+  pthread_t other{};
+  pthread_create(
+      &other, nullptr,
+      [](void*) -> void* {
+        place();
+        return nullptr;
+      },
+      nullptr);
+  while (!g_inside && g_insideConstructor == 0) {
+    usleep(1000);
+  }
+}
+
+// ---- in handlers, on other stacks
+
+PLACE void at_handler(int /*sig*/) { at_spin(); }
+PLACE void at_raise() {
+  signal(SIGUSR1, at_handler);
+  raise(SIGUSR1);
+}
+
+static void useAlternateStack() {
+  constexpr size_t kBytes = 65536;
+  const stack_t stack{malloc(kBytes), 0, kBytes};
+  sigaltstack(&stack, nullptr);
+}
+PLACE void at_spin_with_alternate_stack() {
+  useAlternateStack();
+  at_spin();
+}
+PLACE void at_raise_to_alternate_stack() {
+  useAlternateStack();
+  struct sigaction action {};
+  action.sa_handler = at_handler;
+  action.sa_flags = SA_ONSTACK;
+  sigaction(SIGUSR1, &action, nullptr);
+  raise(SIGUSR1);
+}
+
+// Leaves eight kilobytes of the stack, whose bounds the thread asks for beforehand.
+PLACE void at_end_of_stack() {
+  constexpr uint64_t kLeft = 8192;
+  pthread_attr_t attributes;
+  void* start = nullptr;
+  size_t size = 0;
+  pthread_getattr_np(pthread_self(), &attributes);
+  pthread_attr_getstack(&attributes, &start, &size);
+  pthread_attr_destroy(&attributes);
+  const auto here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
+  const uint64_t used = here - reinterpret_cast<uint64_t>(start) - kLeft;
+  auto* volatile filler = static_cast<char*>(alloca(used));
+  filler[0] = 1;
+  at_spin();
+}
+
+PLACE void at_stripped_library() { at_library_entry(&g_libraryRescued); }
+
+// ---- registers
+
+#if defined(__x86_64__)
+// Spins with every vector register set, and looks at them afterwards.
+PLACE void at_registers() {
+  alignas(16) std::array<uint64_t, 32> before{};
+  alignas(16) std::array<uint64_t, 32> after{};
+  for (size_t i = 0; i < before.size(); ++i) {
+    before[i] = 0x0123456789ABCDEFULL * (i + 1);
+  }
+  errno = 1234;
+#define EACH(F) \
+  F(0) F(1) F(2) F(3) F(4) F(5) F(6) F(7) F(8) F(9) F(10) F(11) F(12) F(13) F(14) F(15)
+#define LOAD(N) "movaps " #N "*16(%[before]), %%xmm" #N "\n"
+#define STORE(N) "movaps %%xmm" #N ", " #N "*16(%[after])\n"
+#define CLOBBER(N) , "xmm" #N
+  asm volatile(EACH(LOAD) "1: cmpb $0, (%[flag])\n je 1b\n" EACH(STORE)
+               :
+               : [before] "r"(before.data()), [after] "r"(after.data()), [flag] "r"(&g_rescued)
+               : "memory", "cc" EACH(CLOBBER));
+  const bool kept = before == after && errno == 1234;
+  printf("registers and errno %s\n", kept ? "kept" : "CHANGED");
+}
+#else
+PLACE void at_registers() {
+  at_spin();
+  printf("registers and errno kept\n");
+}
+#endif
+
+namespace {
+
+using End = HardCase::End;
+
+constexpr HardCase kCases[] = {
+    {"leaf", End::kReported, 1, nullptr, at_level_1},
+    {"twelve", End::kReported, 1, nullptr, at_level_12},
+    {"recursion", End::kReported, 1, nullptr, at_deep_recursion},
+    {"mutex", End::kReported, 1, holdMutex, at_mutex},
+    {"condition", End::kReported, 1, nullptr, at_condition},
+    {"read", End::kReported, 1, nullptr, at_read},
+    {"sleep", End::kReported, 1, nullptr, at_sleep},
+    {"epoll", End::kReported, 1, nullptr, at_epoll},
+    {"join", End::kReported, 1, nullptr, at_join},
+    {"allocator", End::kReported, 1, nullptr, at_allocator},
+    {"stream", End::kReported, 1, nullptr, at_stream},
+    {"phdr", End::kReported, 1, nullptr, at_phdr},
+    {"loading", End::kSilenced, 1, nullptr, at_loading},
+    {"beside_allocator", End::kReported, 1, bystanderIn<at_allocator>, at_level_1},
+    {"beside_stream", End::kReported, 1, bystanderIn<at_stream>, at_level_1},
+    {"beside_phdr", End::kReported, 1, bystanderIn<at_phdr>, at_level_1},
+    {"beside_loading", End::kSilenced, 1, bystanderIn<at_loading>, at_level_1},
+    {"handler", End::kReported, 1, nullptr, at_raise},
+    {"alternate_stack", End::kReported, 1, nullptr, at_spin_with_alternate_stack},
+    {"on_alternate_stack", End::kReported, 1, nullptr, at_raise_to_alternate_stack},
+    {"end_of_stack", End::kReported, 1, doNotPaint, at_end_of_stack},
+    {"stripped", End::kReported, 1, nullptr, at_stripped_library},
+    {"main_thread", End::kReported, 0, nullptr, at_level_1},
+    {"clock", End::kSampled, 1, nullptr, at_clock},
+    {"churn", End::kSampled, 1, nullptr, at_churn},
+    {"printing", End::kSampled, 1, nullptr, at_printing},
+    {"walking", End::kSampled, 1, nullptr, at_walking},
+    {"registers", End::kRescued, 1, nullptr, at_registers},
+    {"two", End::kRescued, 2, nullptr, at_level_1},
+    {"five", End::kRescued, 5, nullptr, at_level_1},
+};
+
+}  // namespace
+
+std::span<const HardCase> hardCases() { return kCases; }

@@ -1,0 +1,174 @@
+// Stands between the signal and the library's handler, and in front of the calls that a handler
+// must not make: they may wait for a lock that the stuck thread holds.
+#include <dlfcn.h>
+#include <link.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "hard_case.h"
+#include "internal/machine_context.h"
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* block, size_t size);
+void __libc_free(void* block);
+}
+
+namespace {
+
+using Handler = void (*)(int, siginfo_t*, void*);
+
+constexpr size_t kPaintedBytes = size_t{24} * 1024;
+constexpr unsigned char kPaint = 0xA5;
+constexpr int kErrno = 4711;
+
+constinit Handler g_handler = nullptr;
+constinit std::atomic<size_t> g_stackUsed{0};
+constinit std::atomic<int> g_runs{0};
+constinit std::atomic<bool> g_painting{true};
+constinit thread_local bool t_handling = false;
+
+[[noreturn]] void stop(const char* what) {
+  t_handling = false;
+  static_cast<void>(!write(STDERR_FILENO, "forbidden: ", 11));
+  static_cast<void>(!write(STDERR_FILENO, what, strlen(what)));
+  static_cast<void>(!write(STDERR_FILENO, "\n", 1));
+  _exit(3);
+}
+
+void forbid(const char* what) {
+  if (t_handling) {
+    stop(what);
+  }
+}
+
+template <typename Function>
+Function* real(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+// Below this frame lies nothing that is in use, on a stack without a red zone in sight.
+__attribute__((noinline)) void runPainted(int sig, siginfo_t* info, void* context) {
+  auto* const top = static_cast<unsigned char*>(__builtin_frame_address(0)) - 512;
+  volatile unsigned char* const bottom = top - kPaintedBytes;
+  for (volatile unsigned char* byte = bottom; byte < top; ++byte) {
+    *byte = kPaint;
+  }
+  g_handler(sig, info, context);
+  const volatile unsigned char* lowest = bottom;
+  while (*lowest == kPaint && lowest < top) {
+    ++lowest;
+  }
+  const uint64_t interrupted = qurn::machineWords(context)[qurn::kStackPointerWord];
+  const size_t used = interrupted - reinterpret_cast<uint64_t>(lowest);
+  g_stackUsed = std::max(g_stackUsed.load(), used);
+}
+
+void watchedHandler(int sig, siginfo_t* info, void* context) {
+  const int kept = errno;
+  errno = kErrno;
+  t_handling = true;
+  if (g_painting) {
+    runPainted(sig, info, context);
+  } else {
+    g_handler(sig, info, context);
+  }
+  t_handling = false;
+  if (errno != kErrno) {
+    stop("a change of errno");
+  }
+  errno = kept;
+  ++g_runs;
+}
+
+}  // namespace
+
+// The streams may be locked for good.
+void reportHandler() {
+  std::array<char, 80> line{};
+  const int length = snprintf(line.data(), line.size(), "%d captures, at most %zu bytes of stack\n",
+                              g_runs.load(), g_stackUsed.load());
+  static_cast<void>(!write(STDERR_FILENO, line.data(), static_cast<size_t>(length)));
+}
+void doNotPaint() { g_painting = false; }
+
+// Defines NAME to be the system's, except in the handler.
+#define FORBID_IN_HANDLER(RETURNS, NAME, PARAMETERS, ARGUMENTS)                \
+  extern "C" RETURNS NAME PARAMETERS noexcept(noexcept(::NAME ARGUMENTS)) {    \
+    forbid(#NAME);                                                             \
+    static constinit auto* next = static_cast<RETURNS(*) PARAMETERS>(nullptr); \
+    if (next == nullptr) {                                                     \
+      next = real<RETURNS PARAMETERS>(#NAME);                                  \
+    }                                                                          \
+    return next ARGUMENTS;                                                     \
+  }
+
+using PhdrCallback = int (*)(dl_phdr_info*, size_t, void*);
+
+FORBID_IN_HANDLER(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+FORBID_IN_HANDLER(int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock))
+FORBID_IN_HANDLER(int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock))
+FORBID_IN_HANDLER(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
+                  (condition, mutex))
+FORBID_IN_HANDLER(int, dl_iterate_phdr, (PhdrCallback callback, void* data), (callback, data))
+FORBID_IN_HANDLER(int, dladdr, (const void* address, Dl_info* info), (address, info))
+FORBID_IN_HANDLER(int, fflush, (FILE * stream), (stream))
+FORBID_IN_HANDLER(int, fputs, (const char* text, FILE* stream), (text, stream))
+FORBID_IN_HANDLER(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* stream),
+                  (data, size, count, stream))
+FORBID_IN_HANDLER(int, vsnprintf, (char* text, size_t size, const char* format, va_list args),
+                  (text, size, format, args))
+FORBID_IN_HANDLER(FILE*, fopen, (const char* path, const char* mode), (path, mode))
+
+extern "C" {
+
+void* malloc(size_t size) noexcept {
+  forbid("malloc");
+  return __libc_malloc(size);
+}
+
+void* calloc(size_t count, size_t size) noexcept {
+  forbid("calloc");
+  return __libc_calloc(count, size);
+}
+
+void* realloc(void* block, size_t size) noexcept {
+  forbid("realloc");
+  return __libc_realloc(block, size);
+}
+
+void free(void* block) noexcept {
+  forbid("free");
+  __libc_free(block);
+}
+
+// However the process ends, it says what the handler needed.
+void _exit(int status) {
+  reportHandler();
+  syscall(SYS_exit_group, status);
+  __builtin_unreachable();
+}
+
+int sigaction(int sig, const struct sigaction* action, struct sigaction* old) noexcept {
+  auto* const next = real<int(int, const struct sigaction*, struct sigaction*)>("sigaction");
+  if (sig != SIGRTMIN + 2 || action == nullptr) {
+    return next(sig, action, old);
+  }
+  struct sigaction watched = *action;
+  g_handler = action->sa_sigaction;
+  watched.sa_sigaction = watchedHandler;
+  return next(sig, &watched, old);
+}
+
+}  // extern "C"

@@ -1,0 +1,187 @@
+// Awkward places to be stuck in, each in a process of its own: what the report names, how the
+// process ends, and what its signal handler did meanwhile.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+struct CaseRun {
+  int status = -1;
+  double seconds = 0;
+  std::string output;
+};
+
+CaseRun run(const std::string& name) {
+  CaseRun result;
+  const auto start = std::chrono::steady_clock::now();
+  FILE* pipe = popen(("timeout 60 " HARD_CASE " " + name + " 2>&1").c_str(), "r");
+  std::array<char, 4096> text{};
+  while (fgets(text.data(), text.size(), pipe) != nullptr) {
+    result.output += text.data();
+  }
+  const int status = pclose(pipe);
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return result;
+}
+
+// The names of each report's frames, innermost first.
+std::vector<Names> reports(const std::string& output) {
+  const std::regex frame(R"( #(\d+) ([^+\n]*))");
+  std::vector<Names> all;
+  for (std::sregex_iterator at(output.begin(), output.end(), frame), end; at != end; ++at) {
+    if ((*at)[1] == "0") {
+      all.emplace_back();
+    }
+    all.back().push_back((*at)[2]);
+  }
+  return all;
+}
+
+// Those of our own places.
+Names places(const Names& frames) {
+  Names own;
+  for (const std::string& name : frames) {
+    if (name.rfind("at_", 0) == 0) {
+      own.push_back(name);
+    }
+  }
+  return own;
+}
+
+void expectSafeHandler(const std::string& output, int captures, bool painted) {
+  EXPECT_EQ(output.find("forbidden:"), std::string::npos);
+  std::smatch said;
+  ASSERT_TRUE(std::regex_search(output, said,
+                                std::regex(R"((\d+) captures, at most (\d+) bytes of stack)")));
+  EXPECT_EQ(std::stoi(said[1]), captures);
+  EXPECT_LT(std::stoi(said[2]), 8192);
+  EXPECT_TRUE(!painted || std::stoi(said[2]) > 1000);
+}
+
+struct Case {
+  const char* name;
+  Names places;  // innermost first; no others of ours
+};
+
+void PrintTo(const Case& one, std::ostream* out) { *out << one.name; }
+
+std::string nameOf(const testing::TestParamInfo<Case>& info) { return info.param.name; }
+
+class HardCases : public testing::TestWithParam<Case> {};
+
+TEST_P(HardCases, AreReportedAndEndTheProcess) {
+  const CaseRun result = run(GetParam().name);
+  SCOPED_TRACE(result.output);
+  EXPECT_EQ(result.status, 88);
+  EXPECT_LT(result.seconds, 30);
+  const std::vector<Names> written = reports(result.output);
+  ASSERT_EQ(written.size(), 1U);
+  EXPECT_EQ(places(written[0]), GetParam().places);
+  expectSafeHandler(result.output, 1, std::string(GetParam().name) != "end_of_stack");
+}
+
+Names levels(int deepest) {
+  Names names{"at_spin"};
+  for (int level = 1; level <= deepest; ++level) {
+    names.push_back("at_level_" + std::to_string(level));
+  }
+  return names;
+}
+
+Names recursion() {
+  Names names(20, "at_recursion");
+  names[0] = "at_spin";
+  return names;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Stuck, HardCases,
+    testing::Values(
+        Case{"leaf", levels(1)}, Case{"twelve", levels(12)}, Case{"recursion", recursion()},
+        Case{"mutex", {"at_mutex"}}, Case{"condition", {"at_condition"}}, Case{"read", {"at_read"}},
+        Case{"sleep", {"at_sleep"}}, Case{"epoll", {"at_epoll"}}, Case{"join", {"at_join"}},
+        Case{"allocator", {"at_spin", "at_allocator_lock", "at_allocator"}},
+        Case{"stream", {"at_spin", "at_stream"}},
+        Case{"phdr", {"at_spin", "at_phdr_callback", "at_phdr"}},
+        Case{"beside_allocator", levels(1)}, Case{"beside_stream", levels(1)},
+        Case{"beside_phdr", levels(1)}, Case{"handler", {"at_spin", "at_handler", "at_raise"}},
+        Case{"alternate_stack", {"at_spin", "at_spin_with_alternate_stack"}},
+        Case{"on_alternate_stack", {"at_spin", "at_handler", "at_raise_to_alternate_stack"}},
+        Case{"end_of_stack", {"at_spin", "at_end_of_stack"}},
+        Case{"stripped", {"at_library_entry", "at_stripped_library"}},
+        Case{"main_thread", levels(1)}),
+    nameOf);
+
+class Rescued : public testing::TestWithParam<Case> {};
+
+// As many reports as threads, each whole.
+TEST_P(Rescued, EveryThreadIsReportedAndTheProcessGoesOn) {
+  const CaseRun result = run(GetParam().name);
+  SCOPED_TRACE(result.output);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.output.find("CHANGED"), std::string::npos);
+  const std::vector<Names> written = reports(result.output);
+  const size_t threads = std::string(GetParam().name) == "five"  ? 5
+                         : std::string(GetParam().name) == "two" ? 2
+                                                                 : 1;
+  ASSERT_EQ(written.size(), threads);
+  for (const Names& frames : written) {
+    EXPECT_EQ(places(frames), GetParam().places);
+  }
+  expectSafeHandler(result.output, static_cast<int>(threads), true);
+}
+
+INSTANTIATE_TEST_SUITE_P(Stuck, Rescued,
+                         testing::Values(Case{"registers", {"at_registers"}},
+                                         Case{"two", levels(1)}, Case{"five", levels(1)}),
+                         nameOf);
+
+class Sampled : public testing::TestWithParam<Case> {};
+
+TEST_P(Sampled, EveryCaptureHoldsTheCaller) {
+  const CaseRun result = run(GetParam().name);
+  EXPECT_EQ(result.status, 0);
+  const std::vector<Names> written = reports(result.output);
+  ASSERT_EQ(written.size(), 300U);
+  for (const Names& frames : written) {
+    const Names own = places(frames);
+    ASSERT_FALSE(own.empty()) << testing::PrintToString(frames);
+    ASSERT_EQ(own.back(), GetParam().places[0]) << testing::PrintToString(frames);
+  }
+  expectSafeHandler(result.output, 300, true);
+}
+
+INSTANTIATE_TEST_SUITE_P(Stuck, Sampled,
+                         testing::Values(Case{"clock", {"at_clock"}}, Case{"churn", {"at_churn"}},
+                                         Case{"printing", {"at_printing"}},
+                                         Case{"walking", {"at_walking"}}),
+                         nameOf);
+
+class Silenced : public testing::TestWithParam<const char*> {};
+
+// Names need the loader's lock, which is held for good: the detection thread waits for it too, and
+// its heartbeats stop.
+TEST_P(Silenced, TheGuardNotices) {
+  const CaseRun result = run(GetParam());
+  SCOPED_TRACE(result.output);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.output.find("trigger third threshold"), std::string::npos);
+  EXPECT_NE(result.output.find("the heartbeats stopped"), std::string::npos);
+  EXPECT_EQ(reports(result.output).size(), 0U);
+  expectSafeHandler(result.output, 1, true);
+}
+
+INSTANTIATE_TEST_SUITE_P(Stuck, Silenced, testing::Values("loading", "beside_loading"),
+                         [](const auto& one) { return std::string(one.param); });
+
+}  // namespace
