@@ -223,4 +223,23 @@ TEST_F(DetectionPass, AThreadThatCannotBeSignalledStaysReportedAndPassesGoOn) {
   EXPECT_EQ(recorded::count("next"), 1U);
 }
 
+TEST_F(DetectionPass, AThreadThatEndsBeforeTheSignalReachesItIsReleasedAndPassesGoOn) {
+  static SilentThread* leaving = nullptr;
+  SilentThread first("first", 1, 1, 1);
+  leaving = &first;
+  fault::onStrike([] { leaving->end(); });
+  fault::arm(fault::Call::PthreadKill,
+             0);  // succeeds, as for a thread that ended, and sends nothing
+  passAfter(1000);
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_SIGNALED);
+  FRAME_TaskDeadloopMonitorEntry();
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
+  EXPECT_EQ(recorded::count("terminated"), 1U);
+  SilentThread second("second", 1, 1, 1);
+  fault::arm(fault::Call::PthreadKill, 0);
+  passAfter(1000);
+  FRAME_TaskDeadloopMonitorEntry();  // it is there, and so may still be captured
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_SIGNALED);
+}
+
 }  // namespace

@@ -167,6 +167,14 @@ INSTANTIATE_TEST_SUITE_P(Stuck, Sampled,
                                          Case{"walking", {"at_walking"}}),
                          nameOf);
 
+TEST(Stepped, TheWalkIsRightBeforeEveryInstruction) {
+  const CaseRun result = run("stepped");
+  if (result.status == 77) {
+    GTEST_SKIP() << result.output;
+  }
+  EXPECT_EQ(result.status, 0) << result.output;
+}
+
 class Silenced : public testing::TestWithParam<const char*> {};
 
 // Names need the loader's lock, which is held for good: the detection thread waits for it too, and

@@ -24,6 +24,10 @@ std::span<const HardCase> hardCases();
 // Set by the dead-loop hook of the last stuck thread.
 extern std::atomic<bool> g_rescued;
 
+// Walks the stack before every instruction of a function. Returns 0 when all walks were right, 77
+// where the machine cannot be stepped.
+int stepThroughFunction();
+
 // ---- the watched handler
 
 // The dead-loop handler is called through a guard that ends the process, with a line that starts

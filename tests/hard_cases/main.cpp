@@ -1,4 +1,4 @@
-// hard_case NAME: runs one case, with detection passes ten times a second.
+// hard_case NAME: runs one case, with detection passes ten times a second; or "stepped".
 #include <pthread.h>
 #include <qurnadapt/qurnadapt.h>
 #include <sched.h>
@@ -89,6 +89,9 @@ int sample() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && strcmp(argv[1], "stepped") == 0) {
+    return stepThroughFunction();
+  }
   for (const HardCase& one : hardCases()) {
     if (argc == 2 && strcmp(argv[1], one.name) == 0) {
       g_case = &one;

@@ -25,6 +25,10 @@ bool setPeriodIfUnset(uint32_t periodMs) noexcept;
 // Creates the event control's epoll instance; false with errno set on failure.
 bool createEpollInstance() noexcept;
 
+// The signal that was sent will never be handled: captures may be asked for again. A capture that
+// has finished all the same is kept.
+void withdrawSignal() noexcept;
+
 }  // namespace qurn::mnt
 
 #define MNT_LOG(level, ...) QURN_LOG_AS(LOG_InnerPrint, qurn::mnt::kUnit, level, __VA_ARGS__)

@@ -73,6 +73,12 @@ void capture(FrameDeadloopDumpInfo* dumpInfo, void* context) noexcept {
 }
 
 }  // namespace
+
+void withdrawSignal() noexcept {
+  uint32_t signalled = FRAME_DEADLOOP_STATUS_SIGNALED;
+  g_dump.status.compare_exchange_strong(signalled, FRAME_DEADLOOP_STATUS_IDLE);
+}
+
 }  // namespace qurn::mnt
 
 using namespace qurn::mnt;

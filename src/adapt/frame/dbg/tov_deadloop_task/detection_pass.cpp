@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 
+#include "../qurn_frame_mnt/frame_mnt.h"
 #include "internal/safe_strings.h"
 #include "monitor_table.h"
 
@@ -73,6 +74,23 @@ PassStep measureNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
   return PassStep::kNextSlot;
 }
 
+// A thread that ends before the signal reaches it is never captured: its slot is freed like that of
+// any thread that ended, and passes go on. One that is there may still be captured.
+void withdrawFromEndedThread(FrameTaskDeadloopCtrl& ctrl) noexcept {
+  const ReadLock lock(ctrl.stCtrlLock);
+  FrameDeadloopMonitorNode& node = ctrl.astNode[ctrl.ulFatalTaskIndex];
+  const NodeLock nodeLock(node);
+  const bool registered =
+      node.stTaskInfo.ucValid != 0 && node.stTaskInfo.uiTid == ctrl.uiSignalledTid;
+  const bool ended = registered
+                         ? FrameIsTerminatedTaskReleased(&node.stTaskInfo)
+                         : !FrameIsMonitorTaskExist(static_cast<int32_t>(ctrl.uiSignalledTid));
+  if (ended) {
+    ctrl.uiSignalledTid = 0;
+    mnt::withdrawSignal();
+  }
+}
+
 // One threshold's line, logged where its action is, so that each carries its own source line.
 #define LOG_THRESHOLD(level, ordinal, info, elapsedMs)                                           \
   MONITOR_LOG(level,                                                                             \
@@ -118,9 +136,17 @@ extern "C" {
 
 void FRAME_TaskDeadloopMonitorEntry(void) {
   FrameTaskDeadloopCtrl* ctrl = monitor();
-  if (ctrl == nullptr || FrameGetDeadloopStatus() != FRAME_DEADLOOP_STATUS_IDLE) {
+  if (ctrl == nullptr) {
     return;
   }
+  const uint32_t status = FrameGetDeadloopStatus();
+  if (status == FRAME_DEADLOOP_STATUS_SIGNALED && ctrl->uiSignalledTid != 0) {
+    withdrawFromEndedThread(*ctrl);
+  }
+  if (status != FRAME_DEADLOOP_STATUS_IDLE) {
+    return;
+  }
+  ctrl->uiSignalledTid = 0;
   const qurn::ReadLock lock(ctrl->stCtrlLock);
   if (ctrl->uiTaskNum == 0) {
     return;
@@ -211,9 +237,10 @@ void FrameFatalThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,
                                       uint32_t elapsedMs) {
   LOG_THRESHOLD(TOV_LOG_ERROR, "third", info, elapsedMs);
   setTimeoutLevel(*info, kFatalLevel);
-  FrameThreadDeadloopPrint(info->ulThreadId);
+  const uint32_t signalled = FrameThreadDeadloopPrint(info->ulThreadId);
   FRAME_KeepAliveReport();
   if (FrameTaskDeadloopCtrl* ctrl = monitor(); ctrl != nullptr) {
+    ctrl->uiSignalledTid = signalled == QURN_OK ? info->uiTid : 0;
     ctrl->uiFatalElapsedTime = elapsedMs;
     ctrl->ulFatalTaskIndex = slot;
   }

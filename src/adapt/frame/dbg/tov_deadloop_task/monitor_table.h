@@ -30,6 +30,7 @@ struct FrameTaskDeadloopCtrl {
   FrameThreadDeadloopWarningHook pfnWarningHook;
   FrameThreadDeadloopHook pfnDeadloopHook;
   FrameDeadloopMonitorNode astNode[FRAME_MONITOR_CAPACITY];
+  uint32_t uiSignalledTid;  // the thread whose capture is awaited, else 0; detection thread only
 };
 static_assert(offsetof(FrameMonitorTaskInfo, uiTid) == 4);
 static_assert(offsetof(FrameMonitorTaskInfo, ulThreadId) == 8);
