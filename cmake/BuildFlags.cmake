@@ -6,6 +6,12 @@ target_compile_options(
   qurn_build_flags
   INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror
             -fstack-protector-strong)
+# Landing pads for indirect jumps, and return addresses that are checked, where the machine has it.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64")
+  target_compile_options(qurn_build_flags INTERFACE -fcf-protection=full)
+elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
+  target_compile_options(qurn_build_flags INTERFACE -mbranch-protection=standard)
+endif()
 # Bound at load time, so that no call from a signal handler ever enters the lazy binder.
 target_link_options(qurn_build_flags INTERFACE -Wl,-z,now -Wl,-z,relro -Wl,--as-needed
                     -Wl,--no-undefined-version)
@@ -17,4 +23,12 @@ if(QURN_SANITIZE)
   if(QURN_SANITIZE MATCHES undefined)
     target_compile_options(qurn_build_flags INTERFACE -fno-sanitize-recover=undefined)
   endif()
+endif()
+
+# Checked forms of the system library's calls, for what is shipped: tests replace the plain ones.
+add_library(qurn_fortified INTERFACE)
+if(NOT QURN_SANITIZE)
+  target_compile_options(
+    qurn_fortified INTERFACE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
+                             $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
 endif()
