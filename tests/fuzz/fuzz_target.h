@@ -1,0 +1,55 @@
+// What fuzz targets share: the entry that the fuzzer calls, a reader of its bytes, and a demand
+// that stops it.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+#define DEMAND(condition)                                                          \
+  do {                                                                             \
+    if (!(condition)) {                                                            \
+      std::fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition); \
+      std::abort();                                                                \
+    }                                                                              \
+  } while (false)
+
+class Bytes {
+ public:
+  Bytes(const uint8_t* data, size_t size) : data_(data), rest_(size) {}
+
+  [[nodiscard]] bool empty() const { return rest_ == 0; }
+  // Little-endian; zeros behind the end.
+  uint32_t number(size_t width) {
+    uint32_t value = 0;
+    for (size_t i = 0; i < width && rest_ > 0; ++i, ++data_, --rest_) {
+      value |= uint32_t{*data_} << (8 * i);
+    }
+    return value;
+  }
+  // All that is left, in memory that ends with it.
+  std::vector<char> text() {
+    std::vector<char> all(data_, data_ + rest_);
+    rest_ = 0;
+    all.shrink_to_fit();
+    return all;
+  }
+  // All that is left up to a NUL.
+  std::string string() {
+    const std::vector<char> all = text();
+    return std::string(all.begin(), std::find(all.begin(), all.end(), '\0'));
+  }
+
+ private:
+  const uint8_t* data_;
+  size_t rest_;
+};
+
+// A readable file with this content, as a path; one at a time.
+std::string fileWith(const std::vector<char>& content);
