@@ -8,16 +8,10 @@
 #include <string>
 #include <vector>
 
-// A sanitizer has an allocator of its own; the one for threads runs handlers late, in its own
-// frames.
+// The sanitizer for threads runs handlers late, in its own frames.
 #if defined(__SANITIZE_THREAD__)
-constexpr bool kOwnAllocator = true;
 constexpr bool kOwnFrames = true;
-#elif defined(__SANITIZE_ADDRESS__)
-constexpr bool kOwnAllocator = true;
-constexpr bool kOwnFrames = false;
 #else
-constexpr bool kOwnAllocator = false;
 constexpr bool kOwnFrames = false;
 #endif
 
@@ -72,9 +66,6 @@ class StuckWorker : public testing::TestWithParam<Stuck> {};
 
 TEST_P(StuckWorker, IsReportedAndTheProcessEndsWithStatus88) {
   const std::string scenario = GetParam().scenario;
-  if ((kOwnAllocator && scenario == "malloc") || (kOwnFrames && scenario == "mutex")) {
-    GTEST_SKIP() << "the sanitizer keeps the signal from such a thread, or has no such lock";
-  }
   const HostRun run = runHost("--scenario " + scenario);
   SCOPED_TRACE(run.output);
   EXPECT_EQ(run.status, 88);
@@ -106,10 +97,6 @@ TEST_P(StuckWorker, IsReportedAndTheProcessEndsWithStatus88) {
 INSTANTIATE_TEST_SUITE_P(
     Host, StuckWorker,
     testing::Values(Stuck{"loop", {"spin_until_rescued", "enter_a_loop", "worker_main"}},
-                    Stuck{"mutex", {"wait_for_lock", "block_on_a_lock", "worker_main"}},
-                    Stuck{"malloc",
-                          {"spin_until_rescued", "spin_inside_the_allocator", "malloc_stats",
-                           "get_stuck_in_the_allocator", "worker_main"}},
                     Stuck{"sleep", {"sleep_in_the_kernel", "block_in_the_kernel", "worker_main"}}),
     [](const auto& stuck) { return std::string(stuck.param.scenario); });
 

@@ -182,6 +182,26 @@ TEST_F(HandleTable, AFailedSetUpFailsCleanlyAndCanBeRetried) {
   nbb_handle_table_terminate(&own);
 }
 
+// More than 1024 slots freed behind the current page make the search start over, from page 0 on.
+TEST_F(HandleTable, TheSearchForFreeSlotsGoesOnUntilEnoughAreFreeBehindIt) {
+  for (const uint32_t freed : {1024U, 1025U}) {
+    std::vector<uint32_t> handles;
+    while (g_stNbbHndTbl.currentPage < 5) {
+      handles.push_back(nbb_create_handle(pointer(1)));
+    }
+    for (uint32_t i = 0; i < freed; ++i) {
+      nbb_destroy_handle(handles[i % 5 * 256 + i / 5]);  // no page gets empty
+    }
+    ASSERT_EQ(g_stNbbHndTbl.freedBehindCount, static_cast<int32_t>(freed));
+    for (int i = 0; i < 256; ++i) {
+      nbb_create_handle(pointer(2));  // what page 5 has
+    }
+    EXPECT_EQ(nbb_create_handle(pointer(3)) & 0xFFFFU, freed > 1024 ? 1U : 6U);
+    NbbHandleTerminate();
+    ASSERT_EQ(nbb_handle_initialize(), 1U);
+  }
+}
+
 // So that no other thread can slip between the validation of a handle and the change.
 TEST_F(HandleTable, EveryCallTakesTheLockOnce) {
   const uint32_t handle = nbb_create_handle(pointer(1));
@@ -224,109 +244,38 @@ void PrintTo(const Layout& layout, std::ostream* out) {
   *out << layout.generationBits << " generation bits, " << layout.pageBits << " page bits";
 }
 
-class AgainstModel : public testing::TestWithParam<Layout> {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(nbb_handle_initialize(), 1U);
-    const auto [generationBits, pageBits, seed] = GetParam();
-    ASSERT_EQ(nbb_handle_table_initialize(&table_, 24 - generationBits - pageBits, generationBits,
-                                          8, pageBits),
-              1U);
-  }
-  void TearDown() override {
-    nbb_handle_table_terminate(&table_);
-    NbbHandleTerminate();
-    EXPECT_EQ(blocksHeld(), 0U);
-  }
+void failPages(bool fail) { fault::arm(fault::Call::KemAlloc, ENOMEM, 0, fail ? 1 : 0); }
 
-  uint32_t upTo(uint32_t most) { return std::uniform_int_distribution<uint32_t>(0, most)(random_); }
+class AgainstModel : public testing::TestWithParam<Layout> {};
 
-  // A handle that exists or once did, or one made up.
-  uint32_t anyHandle() {
-    if (!handles_.empty() && upTo(9) != 0) {
-      return handles_[upTo(static_cast<uint32_t>(handles_.size()) - 1)];
-    }
-    const uint32_t pages = std::min(1U << GetParam().pageBits, upTo(5) == 0 ? 5000U : 20U);
-    return model_.compose(upTo(pages - 1), upTo(255), upTo((1U << GetParam().generationBits) - 1));
-  }
-
-  void create() {
-    const uint32_t handle = model_.create(pointer(step_));
-    ASSERT_EQ(nbb_create_handle_in_table(&table_, pointer(step_)), handle);
-    if (handle != 0) {
-      handles_.push_back(handle);
-    }
-  }
-
-  void assign(uint32_t handle) {
-    const uint32_t assigned = model_.assign(handle, pointer(step_));
-    ASSERT_EQ(nbb_assign_handle_in_table(&table_, handle, pointer(step_)), assigned);
-    if (assigned != 0) {
-      handles_.push_back(assigned);
-    }
-  }
-
-  void modify(uint32_t handle) {
-    model_.modify(handle, pointer(step_));
-    nbb_modify_handle_in_table(&table_, handle, pointer(step_));
-  }
-
-  // Some destroyed handles stay among those to try.
-  void destroy() {
-    if (handles_.empty()) {
-      return;
-    }
-    uint32_t& chosen = handles_[upTo(static_cast<uint32_t>(handles_.size()) - 1)];
-    model_.destroy(chosen);
-    nbb_destroy_handle_in_table(&table_, chosen);
-    if (upTo(3) != 0) {
-      std::swap(chosen, handles_.back());
-      handles_.pop_back();
-    }
-  }
-
-  // Growing and shrinking alternate, so that pages come and go.
-  void operate() {
-    const bool growing = (step_ / 6000) % 2 == 0;
-    const uint32_t choice = upTo(99);
-    const bool failing = upTo(19) == 0;
-    if (failing) {
-      model_.failNextPage();
-      fault::arm(fault::Call::KemAlloc, ENOMEM);
-    }
-    if (choice < (growing ? 60U : 10U)) {
-      create();
-    } else if (choice < (growing ? 65U : 15U)) {
-      assign(anyHandle());
-    } else if (choice < (growing ? 70U : 20U)) {
-      modify(anyHandle());
-    } else if (choice < (growing ? 80U : 99U)) {
-      destroy();
-    }
-    model_.pagesSucceed();
-    fault::arm(fault::Call::KemAlloc, 0, 0, 0);
-    const uint32_t asked = anyHandle();
-    ASSERT_EQ(nbb_validate_handle_in_table(&table_, asked), model_.validate(asked));
-  }
-
-  std::mt19937 random_{GetParam().seed};
-  HandleTableModel model_{GetParam().generationBits, GetParam().pageBits};
-  NbbHndTbl table_{};
-  std::vector<uint32_t> handles_;
-  uint32_t step_ = 0;
-};
-
+// Growing and shrinking alternate, so that pages come and go.
 TEST_P(AgainstModel, EveryAnswerAndTheRecordAreTheModels) {
+  using Operation = TableBesideModel::Operation;
   constexpr uint32_t kSteps = 150'000;
-  ASSERT_EQ(model_.differenceFrom(table_, true), "");
-  for (step_ = 1; step_ <= kSteps; ++step_) {
-    operate();
-    ASSERT_FALSE(HasFatalFailure()) << "step " << step_;
-    ASSERT_EQ(model_.differenceFrom(table_, step_ % 500 == 0), "") << "step " << step_;
-    if (step_ % 5000 == 0) {
+  const auto [generationBits, pageBits, seed] = GetParam();
+  NbbHndTbl table;
+  ASSERT_EQ(nbb_handle_initialize(), 1U);
+  ASSERT_EQ(nbb_handle_table_initialize(&table, 24 - generationBits - pageBits, generationBits, 8,
+                                        pageBits),
+            1U);
+  TableBesideModel both(table, generationBits, pageBits, failPages);
+  std::mt19937 random(seed);
+  const auto any = [&random] { return static_cast<uint32_t>(random()); };
+  std::discrete_distribution<int> growing{60, 5, 5, 10, 20};
+  std::discrete_distribution<int> shrinking{10, 5, 5, 79, 1};
+  ASSERT_EQ(both.difference(true), "");
+  for (uint32_t step = 1; step <= kSteps; ++step) {
+    const int drawn = (step / 6000) % 2 == 0 ? growing(random) : shrinking(random);
+    ASSERT_TRUE(both.operate(static_cast<Operation>(drawn), any(), any() % 20 == 0)) << step;
+    ASSERT_TRUE(both.operate(Operation::kValidate, any(), false)) << step;
+    ASSERT_EQ(both.difference(step % 500 == 0), "") << step;
+    if (step % 5000 == 0) {
       recorded::forget();
     }
   }
+  nbb_handle_table_terminate(&table);
+  NbbHandleTerminate();
+  EXPECT_EQ(blocksHeld(), 0U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Nbb, AgainstModel,

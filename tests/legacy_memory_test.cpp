@@ -57,6 +57,9 @@ TEST(LegacyHandle, RecordsAreChargedToTheHandleBlock) {
   g_aucZotMemPt[0] = 3;
   ASSERT_EQ(ZOT_HandleInitialize(nullptr, 0xFFFFFFFF, &record), QURN_OK);
   EXPECT_EQ(held().back().find("handle 1 (owner), partition 3, qurn_memory:"), 0U);
+  void* block = ZOT_Malloc_F(valueOf(record), 0, 8, "component", 1);
+  EXPECT_EQ(held().back().find("handle 2 (ffffffff), partition 0, component:1:"), 0U);
+  EXPECT_EQ(ZOT_Free_F(block, "component", 2), QURN_OK);
   EXPECT_EQ(ZOT_HandleFinalize(record), QURN_OK);
   EXPECT_EQ(ZOT_HandleFinalize(owner), QURN_OK);
 }
@@ -72,6 +75,7 @@ TEST(LegacyHandle, OnlyRawIdsAndLiveRecordsAreHandles) {
         valueOf(unreadable) + 4095, valueOf(&forged)}) {
     EXPECT_EQ(ZOT_GetRelHandle(value), QURN_FAILED);
     EXPECT_EQ(ZOT_Malloc_F(value, 0, 8, "component", 1), nullptr);
+    EXPECT_ERROR("Handle 4294967295 cannot be charged with 8 bytes at component:1.");
     EXPECT_EQ(ZOT_HandleFinalize(reinterpret_cast<ZotHandleRecord*>(value)), QURN_FAILED);
   }
   ZotHandleRecord* record = nullptr;
@@ -90,7 +94,9 @@ TEST(LegacyHandle, OnlyRawIdsAndLiveRecordsAreHandles) {
 
 TEST(LegacyHandle, FailuresLeaveNothingBehind) {
   ZotHandleRecord* untouched = nullptr;
+  fault::arm(fault::Call::KemHandleInitialize, 0);
   EXPECT_EQ(ZOT_HandleInitialize(nullptr, 1, nullptr), QURN_FAILED);
+  EXPECT_TRUE(fault::strikes(fault::Call::KemHandleInitialize)) << "it was not called";
   EXPECT_EQ(ZOT_HandleInitializeByName("module", nullptr), QURN_FAILED);
   EXPECT_EQ(ZOT_HandleInitializeByName(nullptr, &untouched), QURN_FAILED);
   fault::arm(fault::Call::SnprintfS, 0);

@@ -8,9 +8,7 @@ namespace {
 
 bool g_allocationsFail = false;
 
-void* pointer(uint32_t number) {
-  return reinterpret_cast<void*>((uint64_t{number} << 4U) + 0x1000);
-}
+void failPages(bool fail) { g_allocationsFail = fail; }
 
 }  // namespace
 
@@ -25,8 +23,7 @@ extern "C" uint32_t KEM_MemFree_F(uint32_t /*handleId*/, void* block, const char
   return QURN_OK;
 }
 
-// An operation is a byte, and a page, a slot and a generation where it needs a handle. Repeats make
-// pages fill up and run empty.
+// An operation is a byte and the choice of a handle; repeats make pages fill up and run empty.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Bytes bytes(data, size);
   const uint32_t generationBits = 2 + bytes.number(1) % 7;
@@ -35,41 +32,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   NbbHndTbl table;
   DEMAND(nbb_handle_table_initialize(&table, 24 - generationBits - pageBits, generationBits, 8,
                                      pageBits) != 0);
-  HandleTableModel model(generationBits, pageBits);
-  for (uint32_t step = 1; !bytes.empty() && step < 2000; ++step) {
-    const uint32_t operation = bytes.number(1);
-    const uint32_t repeats = operation < 128 ? 1 : 1U << (operation % 11);
-    g_allocationsFail = operation % 13 == 0;
-    g_allocationsFail ? model.failNextPage() : model.pagesSucceed();
-    const uint32_t page = bytes.number(1) % (1U << pageBits);
-    const uint32_t slot = bytes.number(1);
-    const uint32_t generation = bytes.number(1) % (1U << generationBits);
+  TableBesideModel both(table, generationBits, pageBits, failPages);
+  for (uint32_t step = 0; !bytes.empty() && step < 2000; ++step) {
+    const uint32_t code = bytes.number(1);
+    const uint32_t repeats = code < 128 ? 1 : 1U << (code % 11);
+    const uint32_t choice = bytes.number(4);
     for (uint32_t i = 0; i < repeats; ++i) {
-      const uint32_t handle = model.compose(page, (slot + i) % 256, generation);
-      switch (operation % 5) {
-        case 0:
-          DEMAND(nbb_create_handle_in_table(&table, pointer(step)) == model.create(pointer(step)));
-          break;
-        case 1:
-          DEMAND(nbb_assign_handle_in_table(&table, handle, pointer(step)) ==
-                 model.assign(handle, pointer(step)));
-          break;
-        case 2:
-          nbb_modify_handle_in_table(&table, handle, pointer(step));
-          model.modify(handle, pointer(step));
-          break;
-        case 3:
-          nbb_destroy_handle_in_table(&table, handle);
-          model.destroy(handle);
-          break;
-        default:
-          DEMAND(nbb_validate_handle_in_table(&table, handle) == model.validate(handle));
-      }
+      DEMAND(both.operate(static_cast<TableBesideModel::Operation>(code % 5), choice + i,
+                          code % 13 == 0));
     }
-    DEMAND(model.differenceFrom(table, false).empty());
+    DEMAND(both.difference(false).empty());
   }
-  g_allocationsFail = false;
-  DEMAND(model.differenceFrom(table, true).empty());
+  DEMAND(both.difference(true).empty());
   nbb_handle_table_terminate(&table);
   return 0;
 }

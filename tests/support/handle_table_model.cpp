@@ -95,6 +95,11 @@ uint32_t HandleTableModel::compose(uint32_t page, uint32_t slot, uint32_t genera
   return page | slot << pageBits_ | generation << (pageBits_ + 8);
 }
 
+uint32_t HandleTableModel::anyHandle(uint32_t choice) const {
+  const uint32_t pages = std::min(1U << pageBits_, choice % 6 == 0 ? 5000U : 20U);
+  return compose((choice >> 16U) % pages, (choice >> 8U) % 256, choice & generationMask_);
+}
+
 bool HandleTableModel::addPage(uint32_t index) {
   vacant_.erase(std::find(vacant_.begin(), vacant_.end(), index));
   if (pageFails_) {
@@ -249,4 +254,51 @@ std::string HandleTableModel::differenceFrom(const NbbHndTbl& table, bool thorou
     }
   }
   return inconsistencyOf(table);
+}
+
+TableBesideModel::TableBesideModel(NbbHndTbl& table, uint32_t generationBits, uint32_t pageBits,
+                                   void (*failPages)(bool fail))
+    : table_(table), model_(generationBits, pageBits), failPages_(failPages) {}
+
+bool TableBesideModel::operate(Operation operation, uint32_t choice, bool pagesFail) {
+  pagesFail ? model_.failNextPage() : model_.pagesSucceed();
+  failPages_(pagesFail);
+  const bool same = apply(operation, choice, reinterpret_cast<void*>((++pointers_ << 4U) + 0x1000));
+  failPages_(false);
+  return same;
+}
+
+bool TableBesideModel::give(uint32_t handle, uint32_t expected) {
+  if (handle != 0) {
+    handles_.push_back(handle);
+  }
+  return handle == expected;
+}
+
+bool TableBesideModel::apply(Operation operation, uint32_t choice, void* pointer) {
+  const size_t place = handles_.empty() ? 0 : (choice / 10) % handles_.size();
+  const bool known = !handles_.empty() && choice % 10 != 0;
+  const uint32_t handle = known ? handles_[place] : model_.anyHandle(choice / 10);
+  switch (operation) {
+    case Operation::kCreate:
+      return give(nbb_create_handle_in_table(&table_, pointer), model_.create(pointer));
+    case Operation::kAssign:
+      return give(nbb_assign_handle_in_table(&table_, handle, pointer),
+                  model_.assign(handle, pointer));
+    case Operation::kModify:
+      nbb_modify_handle_in_table(&table_, handle, pointer);
+      model_.modify(handle, pointer);
+      return true;
+    case Operation::kDestroy:
+      nbb_destroy_handle_in_table(&table_, handle);
+      model_.destroy(handle);
+      if (known && choice % 4 != 0) {
+        std::swap(handles_[place], handles_.back());
+        handles_.pop_back();
+      }
+      return true;
+    case Operation::kValidate:
+      break;
+  }
+  return nbb_validate_handle_in_table(&table_, handle) == model_.validate(handle);
 }

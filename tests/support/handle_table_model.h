@@ -8,6 +8,7 @@
 #include <deque>
 #include <map>
 #include <string>
+#include <vector>
 
 class HandleTableModel {
  public:
@@ -23,8 +24,8 @@ class HandleTableModel {
   void modify(uint32_t handle, void* pointer);
   void destroy(uint32_t handle);
 
-  // A handle of any page, slot and generation.
-  [[nodiscard]] uint32_t compose(uint32_t page, uint32_t slot, uint32_t generation) const;
+  // A handle of some page, mostly a low one, slot and generation.
+  [[nodiscard]] uint32_t anyHandle(uint32_t choice) const;
 
   // "" when the table holds the same as the model. The thorough comparison looks at every slot.
   [[nodiscard]] std::string differenceFrom(const NbbHndTbl& table, bool thorough) const;
@@ -37,6 +38,7 @@ class HandleTableModel {
     uint32_t used = 0;
   };
 
+  [[nodiscard]] uint32_t compose(uint32_t page, uint32_t slot, uint32_t generation) const;
   bool addPage(uint32_t index);
   bool keepReserve();
   void grabFreeSlots();
@@ -51,6 +53,33 @@ class HandleTableModel {
   uint32_t current_ = 0;
   int32_t freeSlots_ = 0;
   int32_t freedBehind_ = 0;
+};
+
+// Does to a table what it does to the model, and compares every answer.
+class TableBesideModel {
+ public:
+  enum class Operation { kCreate, kAssign, kModify, kDestroy, kValidate };
+
+  // The table is set up with these widths. Page allocations fail as failPages says.
+  TableBesideModel(NbbHndTbl& table, uint32_t generationBits, uint32_t pageBits,
+                   void (*failPages)(bool fail));
+
+  // The choice picks a handle: nine times of ten one that was given out, else one made up of it.
+  // Returns whether both answered the same.
+  bool operate(Operation operation, uint32_t choice, bool pagesFail);
+  [[nodiscard]] std::string difference(bool thorough) const {
+    return model_.differenceFrom(table_, thorough);
+  }
+
+ private:
+  bool give(uint32_t handle, uint32_t expected);
+  bool apply(Operation operation, uint32_t choice, void* pointer);
+
+  NbbHndTbl& table_;
+  HandleTableModel model_;
+  void (*failPages_)(bool fail);
+  std::vector<uint32_t> handles_;  // given out, some of them destroyed since
+  uint64_t pointers_ = 0;
 };
 
 // "" when the record of a set-up table agrees with itself: ring, lists and counts.
