@@ -1,9 +1,13 @@
 // The detection pass: thresholds, hooks, threads that ended, and the fatal action.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <semaphore>
+#include <utility>
 
 #include "support/faults.h"
 #include "support/recording_platform.h"
@@ -240,6 +244,65 @@ TEST_F(DetectionPass, AThreadThatEndsBeforeTheSignalReachesItIsReleasedAndPasses
   passAfter(1000);
   FRAME_TaskDeadloopMonitorEntry();  // it is there, and so may still be captured
   EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_SIGNALED);
+}
+
+// A detached thread on a stack of its own, which takes the thread's control block with it.
+class DetachedThread {
+ public:
+  DetachedThread() {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, stack_, kStackBytes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_t thread{};
+    pthread_create(&thread, &attributes, main, this);
+    registered_.acquire();
+  }
+  void endAndUnmap() {
+    end_.release();
+    ASSERT_TRUE(eventually([this] { return tgkill(getpid(), tid_, 0) != 0; }));
+    munmap(stack_, kStackBytes);
+  }
+
+ private:
+  static constexpr size_t kStackBytes = 1 << 20;
+  static void* main(void* self) {
+    auto& thread = *static_cast<DetachedThread*>(self);
+    FrameDeadloopHandle slot = 0;
+    EXPECT_EQ(Frame_SetHeartbeatToMon(&slot, 1, 1, 1), QURN_OK);
+    thread.tid_ = gettid();
+    thread.registered_.release();
+    thread.end_.acquire();
+    return nullptr;
+  }
+
+  void* stack_ =
+      mmap(nullptr, kStackBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  std::atomic<pid_t> tid_{0};
+  std::binary_semaphore registered_{0};
+  std::binary_semaphore end_{0};
+};
+
+TEST(EndedDetachedThread, IsReleasedAndItsIdentifierNeverUsed) {
+  static DetachedThread* leaving = nullptr;
+  frozen_clock::start();
+  ASSERT_EQ(FrameSetDeadloopPeriodDelay(1), QURN_OK) << "every heartbeat is due";
+  ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
+  DetachedThread detached;
+  leaving = &detached;
+  const auto endOnceReported = [](void*) -> uint32_t {
+    if (recorded::count("trigger third") != 0 && leaving != nullptr) {
+      std::exchange(leaving, nullptr)->endAndUnmap();
+    }
+    return 0;
+  };
+  ASSERT_EQ(FRAME_KeepAliveProcSet(1, endOnceReported, nullptr), QURN_OK);
+  frozen_clock::advance(1000);
+  FRAME_TaskDeadloopMonitorEntry();
+  EXPECT_EQ(leaving, nullptr);
+  EXPECT_EQ(recorded::count("trigger third"), 1U);
+  EXPECT_EQ(recorded::count("terminated"), 1U);
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
 }
 
 }  // namespace

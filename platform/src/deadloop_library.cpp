@@ -8,6 +8,8 @@
 #include <atomic>
 #include <mutex>
 
+#include "held_across_fork.h"
+
 namespace {
 
 constexpr uint32_t kAlreadyRegistered = 0x88000002;
@@ -44,6 +46,10 @@ ThreadHook* findHook(uint64_t threadId) {
     }
   }
   return nullptr;
+}
+
+__attribute__((constructor)) void watchForks() noexcept {
+  holdAcrossFork<[]() -> std::mutex& { return g_mutex; }>();
 }
 
 }  // namespace

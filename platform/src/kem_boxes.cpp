@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <mutex>
 
+#include "held_across_fork.h"
+
 namespace {
 
 constexpr uint32_t kRegions = 8;
@@ -34,6 +36,10 @@ void print(const char* text) {
   } else {
     std::fprintf(stderr, "%s\n", text);
   }
+}
+
+__attribute__((constructor)) void watchForks() noexcept {
+  holdAcrossFork<[]() -> std::mutex& { return g_regionsMutex; }>();
 }
 
 }  // namespace

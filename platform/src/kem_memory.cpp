@@ -20,6 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include "held_across_fork.h"
+
 namespace {
 
 constexpr uint32_t kMistakeBox = 3;
@@ -87,6 +89,10 @@ struct Books {
 Books& books() {
   static auto* const instance = new Books;
   return *instance;
+}
+
+__attribute__((constructor)) void watchForks() noexcept {
+  holdAcrossFork<[]() -> std::mutex& { return books().mutex; }>();
 }
 
 const char* textOr(const char* text, const char* otherwise) {

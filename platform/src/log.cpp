@@ -2,6 +2,7 @@
 // or the system log. Callable from any thread, not from signal handlers. Lines are put together in
 // fixed buffers, because a caller may be on duty while another thread is stuck in the allocator.
 #include <qurnadapt/platform.h>
+#include <spdlog/details/null_mutex.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/syslog_sink.h>
@@ -20,6 +21,8 @@
 #include <string>
 #include <string_view>
 
+#include "held_across_fork.h"
+
 namespace {
 
 constexpr size_t kDefaultFileBytes = size_t{10} << 20U;
@@ -29,7 +32,7 @@ constexpr size_t kTextBytes = 2048;
 // ---- destination and level
 
 // Writes to the descriptor, past the stream: a thread may be stuck with the stream locked.
-class DescriptorSink final : public spdlog::sinks::base_sink<std::mutex> {
+class DescriptorSink final : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
  public:
   explicit DescriptorSink(int fd) : fd_(fd) {}
 
@@ -57,14 +60,14 @@ class DescriptorSink final : public spdlog::sinks::base_sink<std::mutex> {
 spdlog::sink_ptr fileSink(const std::string& path) {
   const char* bytes = getenv("TOV_LOG_FILE_BYTES");
   const size_t limit = bytes == nullptr ? 0 : std::strtoull(bytes, nullptr, 10);
-  return std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
+  return std::make_shared<spdlog::sinks::rotating_file_sink_st>(
       path, limit == 0 ? kDefaultFileBytes : limit, kFilesKept);
 }
 
 spdlog::sink_ptr sinkFor(std::string_view target) {
   constexpr std::string_view kFile = "file:";
   if (target == "syslog") {
-    return std::make_shared<spdlog::sinks::syslog_sink_mt>("qurnadapt", LOG_PID, LOG_DAEMON, false);
+    return std::make_shared<spdlog::sinks::syslog_sink_st>("qurnadapt", LOG_PID, LOG_DAEMON, false);
   }
   if (target.substr(0, kFile.size()) == kFile) {
     try {
@@ -126,6 +129,8 @@ class RepeatFilter {
     uint32_t droppedBefore;  // to be told before the message
   };
 
+  std::mutex& mutex() { return mutex_; }
+
   Verdict judge(const Message& message) {
     const uint64_t site = hashOf(message.unit) + message.line;
     const uint64_t text = hashOf(message.text, site);
@@ -168,6 +173,13 @@ constinit RepeatFilter g_repeats;
 
 // ---- one line
 
+constinit std::mutex g_writing;  // the sinks have no lock of their own
+
+__attribute__((constructor)) void watchForks() noexcept {
+  holdAcrossFork<[]() -> std::mutex& { return g_repeats.mutex(); }>();
+  holdAcrossFork<[]() -> std::mutex& { return g_writing; }>();
+}
+
 spdlog::level::level_enum levelFor(uint32_t level) {
   if (level >= TOV_LOG_ERROR) {
     return spdlog::level::err;
@@ -189,6 +201,7 @@ void write(const Message& message) {
       message.moduleId, static_cast<int>(message.unit.size()), message.unit.data(), message.line,
       static_cast<int>(message.text.size()), message.text.data());
   if (length > 0) {
+    const std::lock_guard lock(g_writing);
     logger().log(message.level, std::string_view(line.data(), static_cast<size_t>(length)));
   }
 }

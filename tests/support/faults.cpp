@@ -136,7 +136,7 @@ INTERPOSE(TimerfdSettime, int, timerfd_settime,
 
 extern "C" {
 
-// These three do their work and fail all the same, so that nothing stays open or locked.
+// These two do their work and fail all the same, so that nothing stays open or locked.
 
 int closedir(DIR* directory) noexcept {
   static auto* const next = real<int(DIR*)>("closedir");
@@ -146,8 +146,7 @@ int closedir(DIR* directory) noexcept {
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   static auto* const next = real<int(pthread_mutex_t*)>("pthread_mutex_lock");
-  const int result = next(mutex);
-  return fault::strikes(fault::Call::MutexLock) ? errno : result;
+  return fault::strikes(fault::Call::MutexLock) ? errno : next(mutex);
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {

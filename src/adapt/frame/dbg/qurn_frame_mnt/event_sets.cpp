@@ -197,6 +197,21 @@ bool qurn::mnt::createEpollInstance() noexcept {
   return g_events.epollFd >= 0;
 }
 
+// What the lists held stays allocated: giving it back is up to a platform that may not have
+// survived the fork.
+void qurn::mnt::dropEventLoopAfterFork() noexcept {
+  pthread_rwlock_init(&g_events.lifeCycleLock, nullptr);
+  pthread_mutex_init(&g_events.setLock, nullptr);
+  pthread_mutex_init(&g_events.recordLock, nullptr);
+  if (const int32_t epollFd = g_events.epollFd.exchange(-1); epollFd != -1) {
+    close(epollFd);
+  }
+  g_events.setList.next = &g_events.setList;
+  g_events.setList.prev = &g_events.setList;
+  g_events.liveRecords = nullptr;
+  g_events.retiredRecords = nullptr;
+}
+
 extern "C" {
 
 int32_t FrameInitMntEpollEventCtrl(void) {

@@ -2,6 +2,7 @@
 // cross from one concern to another.
 #pragma once
 
+#include <pthread.h>
 #include <qurnadapt/maintenance.h>
 
 #include "internal/unit_log.h"
@@ -25,9 +26,19 @@ bool setPeriodIfUnset(uint32_t periodMs) noexcept;
 // Creates the event control's epoll instance; false with errno set on failure.
 bool createEpollInstance() noexcept;
 
+// As FrameThreadDeadloopPrint, of a thread whose kernel thread id is known: one that has ended by
+// the time of the signal is a failure. Its identifier may name freed memory then, so nothing that
+// takes one may be called.
+uint32_t captureThread(pthread_t thread, uint32_t tid) noexcept;
+
 // The signal that was sent will never be handled: captures may be asked for again. A capture that
 // has finished all the same is kept.
 void withdrawSignal() noexcept;
+
+// In the child of a fork, which has no detection thread: a capture under way concerns the parent's
+// thread, and the event loop's descriptor is the parent's too.
+void dropCaptureAfterFork() noexcept;
+void dropEventLoopAfterFork() noexcept;
 
 }  // namespace qurn::mnt
 

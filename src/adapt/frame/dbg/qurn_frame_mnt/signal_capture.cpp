@@ -72,7 +72,52 @@ void capture(FrameDeadloopDumpInfo* dumpInfo, void* context) noexcept {
   publish(depth, stackLength);
 }
 
+// Whether the signal is on its way. An id of 0 stands for a thread of which only the identifier is
+// known.
+bool signalThread(pthread_t thread, uint32_t tid) noexcept {
+  if (tid != 0 && tgkill(getpid(), static_cast<pid_t>(tid), 0) != 0) {
+    return false;
+  }
+  return pthread_kill(thread, deadloopSignal()) == 0;
+}
+
+uint32_t sendSignal(pthread_t thread, uint32_t tid) noexcept {
+  const auto shortId = static_cast<uint32_t>(thread);
+  g_dump.status.store(FRAME_DEADLOOP_STATUS_SIGNALED, std::memory_order_release);
+  MNT_LOG(TOV_LOG_INFO, "Signal %d send to thread %u.", deadloopSignal(), shortId);
+  if (!signalThread(thread, tid)) {
+    MNT_LOG(TOV_LOG_ERROR, "Signal %d send to thread %u unsuccessfully.", deadloopSignal(),
+            shortId);
+    g_dump.status.store(FRAME_DEADLOOP_STATUS_IDLE, std::memory_order_release);
+    return QURN_FAILED;
+  }
+  FRAME_KeepAliveReport();
+  return QURN_OK;
+}
+
 }  // namespace
+
+uint32_t captureThread(pthread_t thread, uint32_t tid) noexcept {
+  FrameDeadloopDumpInfo* dumpInfo = g_dump.dumpInfo.load(std::memory_order_acquire);
+  if (thread == 0 || thread == ~pthread_t{0} || dumpInfo == nullptr) {
+    MNT_LOG(TOV_LOG_ERROR,
+            "Thread deadloop print unsuccessfully, thread %x or parameter is invalid.",
+            static_cast<uint32_t>(thread));
+    return QURN_FAILED;
+  }
+  FRAME_KeepAliveReport();
+  memset_s(dumpInfo, sizeof(*dumpInfo), 0, sizeof(*dumpInfo));
+  if (const uint32_t ret = sendSignal(thread, tid); ret != QURN_OK) {
+    MNT_LOG(TOV_LOG_ERROR, "Thread deadloop send signal unsuccessfully. (ret=%u)", ret);
+    return QURN_FAILED;
+  }
+  return QURN_OK;
+}
+
+void dropCaptureAfterFork() noexcept {
+  g_dump.captureBusy.store(0);
+  g_dump.status.store(FRAME_DEADLOOP_STATUS_IDLE);
+}
 
 void withdrawSignal() noexcept {
   uint32_t signalled = FRAME_DEADLOOP_STATUS_SIGNALED;
@@ -141,36 +186,9 @@ void* FrameDeadloopStackMemAlloc(uint64_t** addresses, char** symbolText,
 
 uint32_t FrameGetDeadloopStatus(void) { return g_dump.status.load(std::memory_order_acquire); }
 
-uint32_t FrameThreadDeadloopPrint(pthread_t thread) {
-  FrameDeadloopDumpInfo* dumpInfo = g_dump.dumpInfo.load(std::memory_order_acquire);
-  if (thread == 0 || thread == ~pthread_t{0} || dumpInfo == nullptr) {
-    MNT_LOG(TOV_LOG_ERROR,
-            "Thread deadloop print unsuccessfully, thread %x or parameter is invalid.",
-            static_cast<uint32_t>(thread));
-    return QURN_FAILED;
-  }
-  FRAME_KeepAliveReport();
-  memset_s(dumpInfo, sizeof(*dumpInfo), 0, sizeof(*dumpInfo));
-  if (const uint32_t ret = FrameDeadloopSignalSend(thread); ret != QURN_OK) {
-    MNT_LOG(TOV_LOG_ERROR, "Thread deadloop send signal unsuccessfully. (ret=%u)", ret);
-    return QURN_FAILED;
-  }
-  return QURN_OK;
-}
+uint32_t FrameThreadDeadloopPrint(pthread_t thread) { return captureThread(thread, 0); }
 
-uint32_t FrameDeadloopSignalSend(pthread_t thread) {
-  const auto shortId = static_cast<uint32_t>(thread);
-  g_dump.status.store(FRAME_DEADLOOP_STATUS_SIGNALED, std::memory_order_release);
-  MNT_LOG(TOV_LOG_INFO, "Signal %d send to thread %u.", deadloopSignal(), shortId);
-  if (pthread_kill(thread, deadloopSignal()) != 0) {
-    MNT_LOG(TOV_LOG_ERROR, "Signal %d send to thread %u unsuccessfully.", deadloopSignal(),
-            shortId);
-    g_dump.status.store(FRAME_DEADLOOP_STATUS_IDLE, std::memory_order_release);
-    return QURN_FAILED;
-  }
-  FRAME_KeepAliveReport();
-  return QURN_OK;
-}
+uint32_t FrameDeadloopSignalSend(pthread_t thread) { return sendSignal(thread, 0); }
 
 void FrameDeadLoopSignalHandle(int sig, siginfo_t* info, void* context) {
   const ErrnoKeeper errnoKeeper;

@@ -89,6 +89,13 @@ bool setUpDetection(FrameTimerCtrl** timerCtrl) noexcept {
   return true;
 }
 
+// A service that goes on in the child starts up anew there.
+void forgetDetectionInChild() noexcept {
+  dropCaptureAfterFork();
+  dropEventLoopAfterFork();
+  g_detectionRuns = false;
+}
+
 }  // namespace
 
 const FrameProcInfo& procInfo() noexcept { return g_procInfo; }
@@ -103,6 +110,10 @@ bool setPeriodIfUnset(uint32_t periodMs) noexcept {
 using namespace qurn::mnt;
 
 extern "C" {
+
+__attribute__((constructor)) static void watchForks(void) {
+  static_cast<void>(pthread_atfork(nullptr, nullptr, forgetDetectionInChild));
+}
 
 uint32_t FRAME_MntInit(void) {
   FrameGetProcInfo(&g_procInfo.pid, g_procInfo.procName, sizeof(g_procInfo.procName));

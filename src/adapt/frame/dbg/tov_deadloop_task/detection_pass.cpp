@@ -237,8 +237,11 @@ void FrameFatalThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,
                                       uint32_t elapsedMs) {
   LOG_THRESHOLD(TOV_LOG_ERROR, "third", info, elapsedMs);
   setTimeoutLevel(*info, kFatalLevel);
-  const uint32_t signalled = FrameThreadDeadloopPrint(info->ulThreadId);
+  const uint32_t signalled = qurn::mnt::captureThread(info->ulThreadId, info->uiTid);
   FRAME_KeepAliveReport();
+  if (signalled != QURN_OK && FrameIsTerminatedTaskReleased(info)) {
+    return;
+  }
   if (FrameTaskDeadloopCtrl* ctrl = monitor(); ctrl != nullptr) {
     ctrl->uiSignalledTid = signalled == QURN_OK ? info->uiTid : 0;
     ctrl->uiFatalElapsedTime = elapsedMs;

@@ -53,6 +53,7 @@ class NodeLock {
 
  private:
   FrameDeadloopMonitorNode& node_;
+  bool held_;
 };
 
 // Waits out a registration or stop in progress, without keeping later ones out.

@@ -56,14 +56,15 @@ SlotSearch findSlots(FrameTaskDeadloopCtrl& ctrl) noexcept {
 
 FrameTaskDeadloopCtrl* monitor() noexcept { return g_monitor.load(std::memory_order_acquire); }
 
-NodeLock::NodeLock(FrameDeadloopMonitorNode& node) noexcept : node_(node) {
-  if (pthread_mutex_lock(&node_.stInfoMutex) != 0) {
+NodeLock::NodeLock(FrameDeadloopMonitorNode& node) noexcept
+    : node_(node), held_(pthread_mutex_lock(&node.stInfoMutex) == 0) {
+  if (!held_) {
     MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop lock mistake, errno(%d).", errno);
   }
 }
 
 NodeLock::~NodeLock() {
-  if (pthread_mutex_unlock(&node_.stInfoMutex) != 0) {
+  if (held_ && pthread_mutex_unlock(&node_.stInfoMutex) != 0) {
     MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop unlock mistake errno(%d).", errno);
   }
 }

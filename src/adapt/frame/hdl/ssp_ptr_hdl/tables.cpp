@@ -1,12 +1,13 @@
 // A handle table's life: set-up with its first pages, and its end. The default table and the mutex
 // of all tables come and go together.
+#include <pthread.h>
 #include <qurnadapt/legacy_memory.h>
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <mutex>
 
+#include "internal/scoped_lock.h"
 #include "table_access.h"
 
 using namespace qurn::hdl;
@@ -26,7 +27,8 @@ constexpr uint32_t kGenerationBitsMax = 8;
 constexpr uint32_t kSlotBits = 8;
 constexpr uint32_t kHandleBits = 32;
 
-constinit std::mutex g_moduleMutex;  // held while the module starts or ends
+constinit pthread_mutex_t g_moduleMutex =
+    PTHREAD_MUTEX_INITIALIZER;  // held while the module starts or ends
 
 uint32_t maskOf(uint32_t bits) noexcept { return bits >= kHandleBits ? ~0U : (1U << bits) - 1U; }
 
@@ -58,14 +60,14 @@ bool releaseMemory(const NbbHndTbl& table) noexcept {
 class Leftovers {
  public:
   void keep(const NbbHndTbl* owner) noexcept {
-    const std::lock_guard lock(mutex_);
+    const qurn::MutexLock lock(mutex_);
     kept_[next_] = {owner, *owner};
     next_ = (next_ + 1) % kept_.size();
   }
 
   // The table is being terminated, so its memory is freed elsewhere.
   void forget(const uint64_t* pageArray) noexcept {
-    const std::lock_guard lock(mutex_);
+    const qurn::MutexLock lock(mutex_);
     for (Leftover& leftover : kept_) {
       if (leftover.table.pageArray == pageArray) {
         leftover = {};
@@ -74,7 +76,7 @@ class Leftovers {
   }
 
   void releaseThoseOf(const NbbHndTbl* owner) noexcept {
-    const std::lock_guard lock(mutex_);
+    const qurn::MutexLock lock(mutex_);
     for (Leftover& leftover : kept_) {
       if (leftover.owner == owner) {
         releaseMemory(leftover.table);
@@ -83,18 +85,39 @@ class Leftovers {
     }
   }
 
+  void lock() noexcept { pthread_mutex_lock(&mutex_); }
+  void unlock() noexcept { pthread_mutex_unlock(&mutex_); }
+
  private:
   struct Leftover {
     const NbbHndTbl* owner;
     NbbHndTbl table;
   };
 
-  std::mutex mutex_;
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
   std::array<Leftover, 8> kept_{};
   size_t next_ = 0;
 };
 
 constinit Leftovers g_leftovers;
+
+// ---- forks: a thread that is in a table at that moment does not exist in the child
+
+void holdTables() noexcept {
+  pthread_mutex_lock(&g_moduleMutex);
+  KEM_MutexLock(&g_pTblLock);
+  g_leftovers.lock();
+}
+
+void releaseTables() noexcept {
+  g_leftovers.unlock();
+  KEM_MutexUnlock(&g_pTblLock);
+  pthread_mutex_unlock(&g_moduleMutex);
+}
+
+__attribute__((constructor)) void watchForks() noexcept {
+  static_cast<void>(pthread_atfork(holdTables, releaseTables, releaseTables));
+}
 
 // ---- set-up
 
@@ -197,7 +220,7 @@ void nbb_handle_table_terminate(NbbHndTbl* table) {
 }
 
 uint32_t nbb_handle_initialize(void) {
-  const std::lock_guard lock(g_moduleMutex);
+  const qurn::MutexLock lock(g_moduleMutex);
   if (g_pTblLock == 0) {
     KEM_MutexInit(&g_pTblLock);
   } else if (isDefaultTableSetUp()) {
@@ -207,7 +230,7 @@ uint32_t nbb_handle_initialize(void) {
 }
 
 void NbbHandleTerminate(void) {
-  const std::lock_guard lock(g_moduleMutex);
+  const qurn::MutexLock lock(g_moduleMutex);
   nbb_handle_table_terminate(&g_stNbbHndTbl);
   if (g_pTblLock != 0) {
     KEM_MutexDestroy(&g_pTblLock);

@@ -20,6 +20,11 @@ namespace {
 
 constinit IssuedRecords g_issued;
 
+__attribute__((constructor)) void watchForks() noexcept {
+  const auto release = [] { g_issued.unlock(); };
+  static_cast<void>(pthread_atfork([] { g_issued.lock(); }, release, release));
+}
+
 // A zero-filled record that counts as issued, or null.
 ZotHandleRecord* newRecord() noexcept {
   auto* record = static_cast<ZotHandleRecord*>(

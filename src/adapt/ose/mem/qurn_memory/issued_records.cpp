@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "internal/scoped_lock.h"
 #include "memory_unit.h"
 
 namespace qurn::mem {
@@ -55,7 +56,7 @@ bool IssuedRecords::contains(uintptr_t address) const noexcept {
 }
 
 bool IssuedRecords::add(uintptr_t address) noexcept {
-  const std::lock_guard lock(mutex_);
+  const qurn::MutexLock lock(mutex_);
   if (find(address) != nullptr) {
     return true;
   }
@@ -77,7 +78,7 @@ bool IssuedRecords::add(uintptr_t address) noexcept {
 }
 
 void IssuedRecords::remove(uintptr_t address) noexcept {
-  const std::lock_guard lock(mutex_);
+  const qurn::MutexLock lock(mutex_);
   if (auto* place = find(address); place != nullptr) {
     place->store(kEmpty, std::memory_order_release);
   }

@@ -3,11 +3,12 @@
 // cache line; adding and removing, which happen when a module starts and ends, take one.
 #pragma once
 
+#include <pthread.h>
+
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 
 namespace qurn::mem {
 
@@ -17,6 +18,10 @@ class IssuedRecords {
   // Returns false when there is no memory for it.
   bool add(uintptr_t address) noexcept;
   void remove(uintptr_t address) noexcept;
+
+  // Keep changes out while the process forks.
+  void lock() noexcept { pthread_mutex_lock(&mutex_); }
+  void unlock() noexcept { pthread_mutex_unlock(&mutex_); }
 
  private:
   // An address is in the bucket that it hashes to, in one of the segments. A segment is added when
@@ -40,7 +45,7 @@ class IssuedRecords {
 
   alignas(sizeof(Bucket)) std::array<Bucket, kFirstBuckets> firstBuckets_{};
   Segment first_{nullptr, kFirstBuckets, firstBuckets_.data()};
-  std::mutex mutex_;  // of those who change
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;  // of those who change
 };
 
 }  // namespace qurn::mem
