@@ -2,10 +2,12 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <link.h>
 #include <pthread.h>
 #include <qurnadapt/platform.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -26,6 +28,9 @@ struct Fault {
 };
 
 constinit std::array<Fault, static_cast<size_t>(fault::Call::kCount)> g_faults{};
+constinit std::array<std::atomic<int>, static_cast<size_t>(fault::Call::kCount)> g_calls{};
+constinit std::atomic<int> g_sweepNumber{0};
+constinit std::atomic<fault::Call> g_swept{fault::Call::kCount};
 constinit std::atomic<bool> g_environmentRead{false};
 constinit std::atomic<void (*)()> g_onStrike{nullptr};
 constinit std::atomic<int64_t> g_frozenMs{-1};
@@ -45,6 +50,33 @@ void armFromEnvironment() {
   }
 }
 
+// Where the library's code lies, found at the first question.
+bool isLibraryCode(const void* address) {
+  struct Range {
+    uintptr_t start = 0;
+    uintptr_t end = 0;
+  };
+  static const Range library = [] {
+    Range range;
+    dl_iterate_phdr(
+        [](dl_phdr_info* info, size_t /*size*/, void* out) {
+          for (int i = 0; i < info->dlpi_phnum; ++i) {
+            const ElfW(Phdr)& part = info->dlpi_phdr[i];
+            if (strstr(info->dlpi_name, "libqurnadapt") != nullptr && part.p_type == PT_LOAD &&
+                (part.p_flags & PF_X) != 0) {
+              const uintptr_t start = info->dlpi_addr + part.p_vaddr;
+              *static_cast<Range*>(out) = {start, start + part.p_memsz};
+            }
+          }
+          return 0;
+        },
+        &range);
+    return range;
+  }();
+  const auto place = reinterpret_cast<uintptr_t>(address);
+  return place >= library.start && place < library.end;
+}
+
 template <typename Function>
 Function* real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -59,8 +91,14 @@ void fault::arm(Call call, int error, int after, int times) {
   armed.times = times;
 }
 
-bool fault::strikes(Call call) {
+bool fault::strikes(Call call, const void* caller) {
   armFromEnvironment();
+  ++g_calls[static_cast<size_t>(call)];
+  if (g_sweepNumber > 0 && isLibraryCode(caller) && --g_sweepNumber == 0) {
+    g_swept = call;
+    errno = EIO;
+    return true;
+  }
   Fault& armed = g_faults[static_cast<size_t>(call)];
   if (armed.times <= 0 || armed.after-- > 0) {
     return false;
@@ -71,6 +109,19 @@ bool fault::strikes(Call call) {
   }
   errno = armed.error;
   return true;
+}
+
+int fault::calls(Call call) { return g_calls[static_cast<size_t>(call)]; }
+
+void fault::sweep(uint32_t number) {
+  g_swept = Call::kCount;
+  isLibraryCode(nullptr);
+  g_sweepNumber = static_cast<int>(number);
+}
+
+fault::Call fault::endSweep() {
+  g_sweepNumber = 0;
+  return g_swept;
 }
 
 void fault::onStrike(void (*action)()) { g_onStrike = action; }
@@ -96,6 +147,18 @@ void symbolsReadAs(const char* line) { g_symbolLine = line; }
     return next ARGUMENTS;                                                  \
   }
 
+INTERPOSE(GmtimeR, tm*, gmtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
+INTERPOSE(LocaltimeR, tm*, localtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
+INTERPOSE(Mktime, time_t, mktime, (tm * fields), (fields), -1)
+INTERPOSE(Timegm, time_t, timegm, (tm * fields), (fields), -1)
+INTERPOSE(Strdup, char*, strdup, (const char* text), (text), nullptr)
+INTERPOSE(StrToMs, uint32_t, TovStrToMilliSeconds, (const char* text, uint32_t* milliseconds),
+          (text, milliseconds), 7)
+INTERPOSE(YamlLoad, void*, TovYamlLoadFile, (const char* path), (path), nullptr)
+INTERPOSE(KemMutexInit, uint32_t, KEM_MutexInit, (uint64_t * mutex), (mutex), 7)
+INTERPOSE(Read, ssize_t, read, (int fd, void* to, size_t count), (fd, to, count), -1)
+INTERPOSE(Rdlock, int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock), errno)
+INTERPOSE(Wrlock, int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock), errno)
 INTERPOSE(Capability, uint32_t, TOV_DeadLoopRegCapability,
           (const FrameDeadloopCapability* capability), (capability), 0x77)
 INTERPOSE(Sigcap, uint32_t, KEM_SigcapHandleReg, (uint32_t sigId, KemSigcapHandler handler),
@@ -136,7 +199,13 @@ INTERPOSE(TimerfdSettime, int, timerfd_settime,
 
 extern "C" {
 
-// These two do their work and fail all the same, so that nothing stays open or locked.
+// These three do their work and fail all the same, so that nothing stays open or locked.
+
+int close(int fd) {
+  static auto* const next = real<int(int)>("close");
+  const int result = next(fd);
+  return fault::strikes(fault::Call::Close) ? -1 : result;
+}
 
 int closedir(DIR* directory) noexcept {
   static auto* const next = real<int(DIR*)>("closedir");
@@ -193,6 +262,9 @@ int open(const char* path, int flags, ...) {
   va_start(args, flags);
   const mode_t mode = va_arg(args, mode_t);
   va_end(args);
+  if (fault::strikes(fault::Call::Open)) {
+    return -1;
+  }
   static auto* const next = real<int(const char*, int, ...)>("open");
   const char* map = g_memoryMap;
   return next(map != nullptr && strstr(path, "/maps") != nullptr ? map : path, flags, mode);

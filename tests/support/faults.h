@@ -10,31 +10,44 @@ enum class Call {
   Alloc,
   Capability,
   ClockGettime,  // of CLOCK_MONOTONIC_COARSE
+  Close,
+  Closedir,
   EpollCreate,
   EpollCtl,
   EpollWait,
+  GmtimeR,
   KemAlloc,
   KemHandleFinalize,
   KemHandleInitialize,
+  KemMutexInit,
   KemMutexLock,
   KemTick2Ms,
+  LocaltimeR,
   Lseek,
   MemsetS,
+  Mktime,
   MutexInit,
   MutexLock,
   MutexUnlock,
+  Open,
   Opendir,
-  Closedir,
   Prctl,
   PthreadCreate,
   PthreadKill,
+  Rdlock,
+  Read,
   RwlockInit,
   Sigaction,
   Sigcap,
   SnprintfS,
+  Strdup,
+  StrToMs,
   Symbols,
+  Timegm,
   TimerfdCreate,
   TimerfdSettime,
+  Wrlock,
+  YamlLoad,
   kCount
 };
 
@@ -42,8 +55,18 @@ enum class Call {
 void arm(Call call, int error, int after = 0, int times = 1);
 // What runs when the next armed fault strikes, before the call fails.
 void onStrike(void (*action)());
-// What an interposed call asks: true when it is to fail, errno then set.
-bool strikes(Call call);
+// What an interposed call asks: true when it is to fail, errno then set. The caller of the
+// interposed call tells the library's calls from others.
+bool strikes(Call call, const void* caller = __builtin_return_address(0));
+
+// How often it was made, by whomever.
+int calls(Call call);
+
+// The call of this number that the library makes from now on, of whatever kind, counted from 1,
+// fails with EIO.
+void sweep(uint32_t number);
+// Ends that. Returns what failed, kCount when the library made fewer calls.
+Call endSweep();
 
 // Before the library is loaded a test can only speak through the environment: "CALL:AFTER", CALL
 // the number of a Call.

@@ -33,7 +33,12 @@ bool isOwnedByCaller(const FrameMonitorTaskInfo& info) noexcept {
 struct SlotSearch {
   uint64_t owned = FRAME_MONITOR_CAPACITY;
   uint64_t firstFree = FRAME_MONITOR_CAPACITY;
+  // The slot is that of a thread that ended without a stop and whose POSIX thread id the caller
+  // got.
+  bool isLeftover = false;
 };
+
+uint32_t callersTid() noexcept { return static_cast<uint32_t>(syscall(SYS_gettid)); }
 
 // Looks for the caller's registration in the whole table before a free slot may be taken.
 SlotSearch findSlots(FrameTaskDeadloopCtrl& ctrl) noexcept {
@@ -43,6 +48,7 @@ SlotSearch findSlots(FrameTaskDeadloopCtrl& ctrl) noexcept {
     const NodeLock lock(node);
     if (isOwnedByCaller(node.stTaskInfo)) {
       found.owned = slot;
+      found.isLeftover = node.stTaskInfo.uiTid != callersTid();
       break;
     }
     if (node.stTaskInfo.ucValid == 0 && found.firstFree == FRAME_MONITOR_CAPACITY) {
@@ -50,6 +56,14 @@ SlotSearch findSlots(FrameTaskDeadloopCtrl& ctrl) noexcept {
     }
   }
   return found;
+}
+
+// Frees a slot, so that nothing of its thread stays with the next one in it.
+void clear(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
+  FrameDeadloopMonitorNode& node = ctrl.astNode[slot];
+  const NodeLock lock(node);
+  memset_s(&node.stTaskInfo, sizeof(node.stTaskInfo), 0, sizeof(node.stTaskInfo));
+  --ctrl.uiTaskNum;
 }
 
 }  // namespace
@@ -168,7 +182,11 @@ uint32_t Frame_SetHeartbeatToMon(FrameDeadloopHandle* handle, uint32_t firstThre
 
 uint32_t FrameSetMonitorTaskInfo(FrameDeadloopHandle* handle, uint32_t firstThreshold,
                                  uint32_t secondThreshold, uint32_t thirdThreshold) {
-  const SlotSearch found = findSlots(g_ctrl);
+  SlotSearch found = findSlots(g_ctrl);
+  if (found.isLeftover) {
+    clear(g_ctrl, found.owned);
+    found = {.firstFree = found.owned};
+  }
   if (found.owned != FRAME_MONITOR_CAPACITY) {
     uint32_t ret = QURN_FAILED;
     {
@@ -214,7 +232,7 @@ uint32_t FrameAddMonitorTaskInfo(uint64_t slot, uint64_t threadId, uint32_t firs
     }
     if (ret == QURN_OK) {
       info.ulThreadId = threadId;
-      info.uiTid = static_cast<uint32_t>(syscall(SYS_gettid));
+      info.uiTid = callersTid();
       info.ucDetectSwitch = 1;
       info.ucValid = 1;
     }

@@ -1,0 +1,380 @@
+// Every call that the library makes to the system or the platform and that can fail does so once,
+// one after the other, in a child process of its own: the scenario ends with the line and the code
+// that the failure has, nothing stays held, and the same scenario works the next time.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <qurnadapt/qurnadapt.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <memory>
+#include <set>
+
+#include "support/faults.h"
+#include "support/recording_platform.h"
+#include "support/silent_thread.h"
+
+namespace {
+
+using fault::Call;
+
+// Exit status: the library made fewer calls.
+constexpr int kNothingFailed = 200;
+
+// What may come of a failing call: the scenario's code, and a line, null where it has none.
+struct Outcome {
+  Call call;
+  uint32_t code;
+  const char* says;
+};
+
+struct Scenario {
+  const char* name;
+  void (*prepare)();
+  uint32_t (*run)();
+  std::vector<Outcome> outcomes;
+};
+
+void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
+
+size_t entriesOf(const char* path) {
+  DIR* directory = opendir(path);
+  size_t count = 0;
+  while (readdir(directory) != nullptr) {
+    ++count;
+  }
+  closedir(directory);
+  return count - 2;  // itself and its parent
+}
+
+size_t threads() { return entriesOf("/proc/self/task"); }
+
+void nothing() {}
+
+bool g_detectionRuns = false;
+
+// ---- scenarios; 0 when all went well
+
+void prepareStartup() {
+  configure(
+      "exception: {signalIgnore: [SIGHUP]}\nwatchDog: {watchDogType: notify, watchDogTimeout: 8s}");
+}
+
+// Until the detection thread waits for its first tick, or has given up.
+uint32_t startUp() {
+  const int waits = fault::calls(Call::EpollWait);
+  const bool runs = g_detectionRuns;
+  const size_t threadsBefore = threads();
+  const uint32_t ret = FRAME_MntInit();
+  if (ret == QURN_OK && !runs) {
+    EXPECT_TRUE(eventually([=] {
+      g_detectionRuns = fault::calls(Call::EpollWait) > waits;
+      return g_detectionRuns || threads() == threadsBefore;
+    }));
+  }
+  return ret;
+}
+
+uint32_t useTheMonitor() {
+  FrameDeadloopHandle self = 0;
+  const auto hook = [](FrameDeadloopHandle*, uint64_t, uint32_t) -> uint32_t { return 0; };
+  uint32_t failed = Frame_SetHeartbeatToMon(&self, 1, 2, 3);
+  failed |= Frame_SetHeartbeatToMon(&self, 4, 5, 6);
+  failed |= Frame_SendHeartbeatToMon(&self);
+  failed |= Frame_RegDeadloopInfoHook(&self, hook);
+  failed |= Frame_SetHeartExceptionPolicy(self, 1);
+  failed |= FRAME_UpdateDeadloopThresholdByName("library_test", 1, 1, 1);
+  failed |= FrameSetDetectSwitch(self, 0);
+  Frame_RegThreadDeadloopHook(nullptr);
+  return failed | Frame_StopHeartbeatToMon(&self);
+}
+
+std::unique_ptr<SilentThread> g_stuck;
+bool g_hooked = false;
+
+// A thread that ended, and behind it one whose silence is to be reported and handled.
+void prepareTick() {
+  frozen_clock::start();
+  FrameDeadloopInit();
+  auto ended = std::make_unique<SilentThread>("ended", 1, 1, 1);
+  g_stuck.reset();  // the last run's
+  g_stuck = std::make_unique<SilentThread>("stuck", 1, 1, 1);
+  g_hooked = false;
+  Frame_RegDeadloopInfoHook(g_stuck->slot(),
+                            [](FrameDeadloopHandle*, uint64_t, uint32_t) -> uint32_t {
+                              g_hooked = true;
+                              return 0;
+                            });
+  const int tid = ended->tid();
+  ended.reset();
+  EXPECT_TRUE(eventually([tid] { return tgkill(getpid(), tid, 0) != 0; }));
+  frozen_clock::advance(1000);
+}
+
+uint32_t tick() {
+  for (int i = 0; i < 3 && !g_hooked; ++i) {
+    FrameDeadloopDetectCallback(nullptr);
+    for (int wait = 0; wait < 200 && FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_SIGNALED;
+         ++wait) {
+      usleep(1000);
+    }
+  }
+  return g_hooked ? QURN_OK : QURN_FAILED;
+}
+
+uint32_t useHandleTable() {
+  NbbHndTbl table{};
+  std::set<uint32_t> handles;
+  if (nbb_handle_initialize() == 0 || nbb_handle_table_initialize(&table, 0, 8, 8, 16) == 0) {
+    nbb_handle_table_terminate(&table);
+    NbbHandleTerminate();
+    return QURN_FAILED;
+  }
+  uint32_t failed = 0;
+  for (int i = 0; i < 30; ++i) {
+    const uint32_t handle = nbb_create_handle_in_table(&table, &table);
+    failed |= handle == 0 ? 1 : 0;
+    if (handle != 0) {
+      handles.insert(handle);
+    }
+  }
+  for (const uint32_t handle : handles) {
+    failed |= nbb_validate_handle_in_table(&table, handle) == &table ? 0 : 1;
+    nbb_destroy_handle_in_table(&table, handle);
+    failed |= nbb_validate_handle_in_table(&table, handle) == nullptr ? 0 : 1;
+  }
+  nbb_handle_table_terminate(&table);
+  NbbHandleTerminate();
+  return failed;
+}
+
+uint32_t useLegacyCalls() {
+  ZotHandleRecord* module = nullptr;
+  if (const uint32_t ret = ZOT_HandleInitializeByName("sweep", &module); ret != QURN_OK) {
+    return ret;
+  }
+  const auto handle = reinterpret_cast<uintptr_t>(module);
+  void* block = ZOT_Malloc_F(handle, 1, 64, "sweep", 1);
+  uint32_t failed = block == nullptr ? 1 : ZOT_Free_F(block, "sweep", 2);
+  ZotUptimeRecord* since = ZOT_StartuptimeInit();
+  ZotUptimeMs uptime{};
+  failed |= since == nullptr ? 1 : ZOT_CalUptime(since, &uptime);
+  ZOT_Free_F(since, "sweep", 3);
+  ZotSystime local{};
+  uint32_t isDst = 0;
+  failed |= ZOT_Local_SystimeGet(&local, &isDst);
+  setenv("SWEEP", "17", 1);
+  uint32_t value = 0;
+  failed |= ZotGetEnvUINT32("SWEEP", &value);
+  for (int attempt = 0; ZOT_HandleFinalize(module) != QURN_OK; ++attempt) {
+    failed |= 1;
+    if (attempt == 1) {
+      return QURN_FAILED;
+    }
+  }
+  return failed;
+}
+
+// ---- one failure, in a child
+
+// What is wrong, to standard error; the exit status tells the parent.
+class Child {
+ public:
+  explicit Child(const Scenario& scenario) : scenario_(scenario) {}
+
+  [[noreturn]] void run(uint32_t number) {
+    alarm(20);  // a lock that stays held
+    scenario_.prepare();
+    recorded::forget();
+    fault::sweep(number);
+    const uint32_t code = scenario_.run();
+    const Call failed = fault::endSweep();
+    if (failed != Call::kCount) {
+      expectOutcome(failed, code);
+    } else if (code != QURN_OK) {
+      complain(failed, code, "without a failure");
+    }
+    scenario_.prepare();
+    if (const uint32_t retry = scenario_.run(); retry != QURN_OK) {
+      complain(failed, retry, "the next time");
+    }
+    const auto held = holdings();
+    scenario_.prepare();
+    if (scenario_.run() != QURN_OK || holdings() > held) {
+      complain(failed, 0, "something stays held");
+    }
+    _exit((failed == Call::kCount ? kNothingFailed : 0) + (wrong_ ? 1 : 0));
+  }
+
+ private:
+  static std::pair<size_t, size_t> holdings() {
+    return {entriesOf("/proc/self/fd"), recorded::blocksHeld()};
+  }
+
+  void complain(Call call, uint32_t code, const char* what) {
+    wrong_ = true;
+    fprintf(stderr, "%s: call %d, code %#x, %s\n", scenario_.name, static_cast<int>(call), code,
+            what);
+    for (const std::string& line : recorded::texts(100)) {
+      fprintf(stderr, "    \"%s\"\n", line.c_str());
+    }
+  }
+
+  // Another thread's line may come a moment later.
+  void expectOutcome(Call call, uint32_t code) {
+    const auto foreseen = [&](const Outcome& outcome) {
+      return outcome.call == call && outcome.code == code &&
+             (outcome.says == nullptr || recorded::count(outcome.says) > 0);
+    };
+    if (!eventually([&] {
+          return std::any_of(scenario_.outcomes.begin(), scenario_.outcomes.end(), foreseen);
+        })) {
+      complain(call, code, "not foreseen");
+    }
+  }
+
+  const Scenario& scenario_;
+  bool wrong_ = false;
+};
+
+class FaultSweep : public testing::TestWithParam<Scenario> {
+ protected:
+  void SetUp() override {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "it starts threads of its own in each child";
+#endif
+  }
+};
+
+TEST_P(FaultSweep, EachFailureIsToldAndLeavesNothingBehind) {
+  uint32_t number = 0;
+  for (int status = 0; status < kNothingFailed;) {
+    const pid_t child = fork();
+    if (child == 0) {
+      Child(GetParam()).run(number + 1);
+    }
+    int ended = 0;
+    waitpid(child, &ended, 0);
+    status = WIFEXITED(ended) ? WEXITSTATUS(ended) : 1000 + WTERMSIG(ended);
+    ++number;
+    EXPECT_EQ(status % kNothingFailed, 0) << "call number " << number;
+  }
+  EXPECT_GT(number, 5U);
+}
+
+// A lock that cannot be taken is done without, as the interface has it: with one thread that is
+// safe.
+constexpr Outcome kLock{Call::MutexLock, QURN_OK, nullptr};
+constexpr Outcome kUnlock{Call::MutexUnlock, QURN_OK, nullptr};
+constexpr Outcome kReadLock{Call::Rdlock, QURN_OK, nullptr};
+constexpr Outcome kWriteLock{Call::Wrlock, QURN_OK, nullptr};
+constexpr Outcome kClearing{Call::MemsetS, QURN_OK, nullptr};
+
+const Scenario kScenarios[] = {
+    {"startup",
+     prepareStartup,
+     startUp,
+     {kLock,
+      kUnlock,
+      kReadLock,
+      kWriteLock,
+      kClearing,
+      // The process has no name, or the thread none, or an initial time or lock is as it was.
+      {Call::SnprintfS, QURN_OK, nullptr},
+      {Call::Open, QURN_OK, nullptr},
+      {Call::Read, QURN_OK, nullptr},
+      {Call::Close, QURN_OK, nullptr},
+      {Call::Prctl, QURN_OK, nullptr},
+      {Call::ClockGettime, QURN_OK, nullptr},
+      {Call::MutexInit, QURN_OK, nullptr},
+      // Start-up stops.
+      {Call::YamlLoad, QURN_FAILED, "Exception operation, cannot get yaml handle."},
+      {Call::Sigcap, QURN_FAILED, "Signal ignore operation, kem reg unsuccessfully. (ret = 5)"},
+      {Call::YamlLoad, QURN_FAILED, "Keep alive operation, cannot get yaml handle."},
+      {Call::StrToMs, 7, "watchDogTimeout parse unsuccessfully. (value = 8s)"},
+      {Call::Capability, 0x77, "Frame register deadloop capability unsuccessfully, ret=0x77."},
+      {Call::Sigaction, QURN_OK, nullptr},  // the reading of the old one
+      {Call::Sigaction, QURN_FAILED, "Deadloop dfx init fail, set sig action fail, ret = -1."},
+      {Call::Alloc, QURN_FAILED, "Deadloop dfx init fail, stack memory alloc fail."},
+      {Call::PthreadCreate, QURN_FAILED, "Frame period task init unsuccessfully. (ret = 5)"},
+      // The detection thread ends.
+      {Call::EpollCreate, QURN_OK, "Frame deadloop proc entry, epoll create unsuccessfully."},
+      {Call::Alloc, QURN_OK, "Frame timer control init, control handle malloc unsuccessfully."},
+      {Call::TimerfdCreate, QURN_OK, "Timer fd create unsuccessfully, (errno = 5)."},
+      {Call::TimerfdSettime, QURN_OK, "Timer fd set time unsuccessfully, (errno = 5)."},
+      {Call::Alloc, QURN_OK, "Timer node malloc unsuccessfully, no enough memory."},
+      {Call::Alloc, QURN_OK, "Frame mnt create event proc, memory malloc unsuccessfully."},
+      {Call::Alloc, QURN_OK, "Frame mnt epoll control, alloc memory unsuccessfully."},
+      {Call::EpollCtl, QURN_OK, "Frame mnt operate epoll event unsuccessfully.(errno = 5)"},
+      // Its loop goes on.
+      {Call::EpollWait, QURN_OK, "Epoll wait unsuccessfully. (errno = 5)"}}},
+    {"monitor",
+     nothing,
+     useTheMonitor,
+     {kReadLock,
+      kWriteLock,
+      {Call::MutexLock, QURN_OK, "Frame task deadloop lock mistake, errno(5)."},
+      {Call::MutexUnlock, QURN_OK, "Frame task deadloop unlock mistake errno(5)."},
+      {Call::Prctl, QURN_FAILED, "monitor task name set unsuccessfully. (errno: 5)"},
+      {Call::ClockGettime, QURN_FAILED, "get current time unsuccessfully. (errno: 5)"},
+      {Call::ClockGettime, QURN_FAILED, "update detect time unsuccessfully. (errno: 5)"},
+      {Call::MemsetS, QURN_FAILED, "task info reset unsuccessfully. (errno: 5)"}}},
+    {"tick",
+     prepareTick,
+     tick,
+     {kReadLock,
+      kClearing,
+      {Call::MutexLock, QURN_OK, "Frame task deadloop lock mistake, errno(5)."},
+      {Call::MutexUnlock, QURN_OK, "Frame task deadloop unlock mistake errno(5)."},
+      // The node that they concern waits for the next tick.
+      {Call::ClockGettime, QURN_OK, "Frame report keep alive, get clock time unsuccessfully."},
+      {Call::ClockGettime, QURN_OK,
+       "Frame get task elapsed time, current time get unsuccessfully."},
+      // A thread that cannot be looked for counts as ended.
+      {Call::SnprintfS, QURN_OK, "terminated."},
+      {Call::SnprintfS, QURN_FAILED, "terminated."},
+      {Call::Opendir, QURN_OK, "Check thread exist, tid"},
+      {Call::Opendir, QURN_FAILED, "Check thread exist, tid"},
+      {Call::Closedir, QURN_FAILED, "Check thread exist, tid dir close unsuccessfully. (errno: 5)"},
+      {Call::PthreadKill, QURN_FAILED, "Thread deadloop send signal unsuccessfully."},
+      // The capture lacks its copy of the stack, or the report its names.
+      {Call::Open, QURN_OK, nullptr},
+      {Call::Read, QURN_OK, nullptr},
+      {Call::Lseek, QURN_OK, nullptr},
+      {Call::Close, QURN_OK, nullptr},
+      {Call::Symbols, QURN_OK, "Frame dump stack unsuccessfully, get symbols unsuccessfully."}}},
+    {"handle_table",
+     nothing,
+     useHandleTable,
+     {kLock,
+      kUnlock,
+      kClearing,
+      {Call::KemMutexLock, QURN_OK, nullptr},
+      {Call::KemMutexInit, QURN_FAILED, "Mutex lock unsuccessfully:-1"},
+      {Call::KemMutexLock, QURN_FAILED, "Mutex lock unsuccessfully:7"},
+      {Call::KemAlloc, QURN_FAILED, nullptr},  // no table
+      {Call::KemAlloc, 1, nullptr}}},          // a handle was refused
+    {"legacy",
+     nothing,
+     useLegacyCalls,
+     {kLock,
+      kUnlock,
+      kReadLock,
+      kClearing,
+      {Call::KemHandleInitialize, QURN_FAILED, "kelva handle init unsuccessfully. (ret = 0x7)"},
+      {Call::KemAlloc, QURN_FAILED, nullptr},  // no module
+      {Call::KemAlloc, 1, nullptr},            // no block
+      {Call::MemsetS, QURN_FAILED, nullptr},
+      {Call::KemHandleFinalize, 1, nullptr},
+      {Call::KemTick2Ms, QURN_FAILED, nullptr},
+      {Call::GmtimeR, 0x16, "Gmt to local time unsuccessfully, gmt time invalid."},
+      {Call::LocaltimeR, QURN_OK, nullptr},
+      {Call::Mktime, QURN_OK, nullptr},
+      {Call::Strdup, QURN_FAILED, nullptr}}}};
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, FaultSweep, testing::ValuesIn(kScenarios),
+                         [](const auto& scenario) { return std::string(scenario.param.name); });
+
+}  // namespace

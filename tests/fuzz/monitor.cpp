@@ -1,0 +1,25 @@
+// Operations of the monitor, and the time between them, against the model.
+#include "../support/monitor_model.h"
+#include "fuzz_target.h"
+
+// An operation is a byte, and two numbers choose whom and what it concerns.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using Operation = MonitorBesideModel::Operation;
+  Bytes bytes(data, size);
+  MonitorBesideModel both;
+  for (uint32_t step = 0; !bytes.empty() && step < 3000; ++step) {
+    const uint32_t code = bytes.number(1);
+    const uint32_t repeats = code < 200 ? 1 : 1 + code % 70;
+    const uint32_t who = bytes.number(1);
+    const uint32_t what = bytes.number(2);
+    for (uint32_t i = 0; i < repeats; ++i) {
+      const auto operation =
+          static_cast<Operation>(code % static_cast<uint32_t>(Operation::kCount));
+      if (!both.operate(operation, who + i, what + i)) {
+        std::fprintf(stderr, "step %u: %s\n", step, both.difference().c_str());
+        std::abort();
+      }
+    }
+  }
+  return 0;
+}
