@@ -32,12 +32,6 @@ uint32_t threadHook(FrameDeadloopHandle* handle, uint64_t threadId, uint32_t ela
   return 0;
 }
 
-std::string thresholdLine(const SilentThread& thread, const char* ordinal, uint32_t elapsedMs) {
-  return "Frame task deadloop detect, task [silent:" + std::to_string(thread.tid()) + "] trigger " +
-         ordinal + " threshold timeout.(elapsed time = " + std::to_string(elapsedMs) +
-         ", first threshold = 2000, second threshold = 4000, third threshold = 6000)";
-}
-
 class DetectionPass : public testing::Test {
  protected:
   void SetUp() override {
@@ -56,49 +50,6 @@ class DetectionPass : public testing::Test {
     FrameWriteDeadloopInfo();
   }
 };
-
-TEST_F(DetectionPass, EachThresholdFiresOnceAtItsTime) {
-  SilentThread silent("silent", 2, 4, 6);
-  passAfter(1999);
-  EXPECT_TRUE(recorded::texts().empty());
-  passAfter(1);
-  passAfter(1999);
-  EXPECT_EQ(recorded::texts(40), Texts{thresholdLine(silent, "first", 2000)});
-  EXPECT_TRUE(recorded::texts(80).empty());
-  passAfter(1);
-  passAfter(1999);
-  EXPECT_EQ(recorded::texts(80), Texts{thresholdLine(silent, "second", 4000)});
-  EXPECT_TRUE(recorded::texts(100).empty());
-  passAfter(1);
-  EXPECT_EQ(recorded::texts(100), Texts{thresholdLine(silent, "third", 6000)});
-}
-
-TEST_F(DetectionPass, AHeartbeatRestartsTheSilenceButNotTheLevel) {
-  SilentThread silent("silent", 2, 4, 6);
-  passAfter(2000);
-  silent.beat();
-  recorded::forget();
-  passAfter(3999);
-  EXPECT_TRUE(recorded::texts().empty()) << "the first threshold has been reported";
-  passAfter(1);
-  EXPECT_EQ(recorded::texts(), Texts{thresholdLine(silent, "second", 4000)});
-}
-
-TEST_F(DetectionPass, ALongSilenceClimbsAllThresholdsAndEndsThePass) {
-  SilentThread stuck("stuck", 2, 2, 2);
-  SilentThread next("next", 1, 9, 9);
-  passAfter(2000);
-  EXPECT_EQ(recorded::count("trigger"), 3U);
-  EXPECT_EQ(recorded::count("next"), 0U) << "later slots wait for a later tick";
-  passAfter(0);
-  EXPECT_EQ(recorded::count("next"), 0U) << "no pass while a capture is under way";
-  Frame_RegDeadloopInfoHook(stuck.slot(), threadHook);
-  report();
-  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
-  passAfter(0);
-  EXPECT_EQ(recorded::count("next"), 1U);
-  EXPECT_EQ(recorded::count("stuck"), 3U) << "a level-3 node is not measured again";
-}
 
 TEST_F(DetectionPass, FatalHandlingRunsTheThreadsHookAndReportsKeepAliveTwice) {
   SilentThread stuck("stuck", 2, 2, 2);
@@ -147,15 +98,6 @@ TEST_F(DetectionPass, AThreadsHookMayUseTheWholeMonitorAndTheProcessHookSeesIt) 
             "Frame task deadloop detect, deadloop process global hook end.");
 }
 
-TEST_F(DetectionPass, FatalHandlingIsVoidOnceTheThreadRegisteredAnew) {
-  FrameDeadloopHandle self = 0;
-  ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 1), QURN_OK);
-  passAfter(1000);
-  ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 1), QURN_OK);
-  report();
-  EXPECT_EQ(recorded::count("default strategy"), 0U);
-}
-
 TEST_F(DetectionPass, WithoutAHookTheProcessEndsWithStatus88) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_EXIT(
@@ -167,40 +109,6 @@ TEST_F(DetectionPass, WithoutAHookTheProcessEndsWithStatus88) {
       testing::ExitedWithCode(88),
       "Task.stuck. deadloop detected with no process hook, execute default strategy.");
   EXPECT_EXIT(ZotReboot(), testing::ExitedWithCode(88), "Frame reboot announce.");
-}
-
-TEST_F(DetectionPass, AThreadThatEndedIsReleasedInsteadOfReported) {
-  SilentThread silent("silent", 2, 4, 6);
-  SilentThread other("other", 2, 4, 6);
-  const std::string tid = std::to_string(silent.tid());
-  const FrameDeadloopHandle freed = *silent.slot();
-  silent.end();
-  passAfter(2000);
-  EXPECT_ERROR("Check thread exist, tid " + tid + " not exist.");
-  EXPECT_TRUE(recorded::has(40, "Task deadloop entry, task[silent:" + tid + "] terminated."));
-  EXPECT_EQ(recorded::count("trigger"), 1U) << "the other thread's";
-  FrameDeadloopHandle self = 9;
-  ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
-  EXPECT_EQ(self, freed);
-}
-
-TEST_F(DetectionPass, AThreadThatGotTheIdOfOneThatEndedIsWatchedAsItself) {
-  pthread_t firstId{};
-  pthread_t secondId{};
-  FrameDeadloopHandle slot = 0;
-  onThread("first", [&] {
-    firstId = pthread_self();
-    EXPECT_EQ(Frame_SetHeartbeatToMon(&slot, 1, 9, 9), QURN_OK);
-    EXPECT_EQ(FrameSetDetectSwitch(slot, 0), QURN_OK);
-  });
-  onThread("second", [&] {
-    secondId = pthread_self();
-    EXPECT_EQ(Frame_SetHeartbeatToMon(&slot, 1, 9, 9), QURN_OK);
-    passAfter(1000);
-  });
-  ASSERT_EQ(firstId, secondId) << "the threads library reuses the first one's stack";
-  EXPECT_EQ(slot, 0U);
-  EXPECT_EQ(recorded::count("task [second:"), 1U);
 }
 
 TEST_F(DetectionPass, ThreadProbesFailClosed) {

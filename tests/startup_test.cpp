@@ -17,16 +17,6 @@ namespace {
 
 using fault::Call;
 
-size_t openDescriptors() {
-  size_t count = 0;
-  DIR* directory = opendir("/proc/self/fd");
-  while (readdir(directory) != nullptr) {
-    ++count;
-  }
-  closedir(directory);
-  return count;
-}
-
 int detectionThreads() {
   DIR* tasks = opendir("/proc/self/task");
   int found = 0;
@@ -58,34 +48,24 @@ TEST(Startup, RunsTheDetectionThreadUnderItsNameAndTicksAtItsPeriod) {
 TEST(Startup, StopsAtTheFirstStepThatFailsWithItsMessageAndCode) {
   struct Case {
     const char* yaml;
-    Call call;
     const char* message;
   };
   const Case cases[] = {
-      {"watchDog: {watchDogType: timer}", Call::kCount,
+      {"watchDog: {watchDogType: timer}",
        "Frame keep alive operation unsuccessfully, ret=0xffffffff."},
-      {"exception: {signalIgnore: [SIGINT]}", Call::kCount,
+      {"exception: {signalIgnore: [SIGINT]}",
        "Frame exception operation unsuccessfully, ret=0xffffffff."},
-      {"exception: {signalIgnore: ['']}", Call::kCount,
-       "Frame exception operation unsuccessfully, ret=0x2."},
-      {"", Call::Capability, "Frame register deadloop capability unsuccessfully, ret=0x77."},
-      {"", Call::Sigaction, "Deadloop init unsuccessfully, ret=0xffffffff."},
-      {"", Call::Alloc, "Deadloop init unsuccessfully, ret=0xffffffff."},
-      {"", Call::PthreadCreate, "Period task create unsuccessfully, ret=0xffffffff."},
+      {"exception: {signalIgnore: ['']}", "Frame exception operation unsuccessfully, ret=0x2."},
   };
   for (const Case& step : cases) {
     SCOPED_TRACE(step.message);
     recorded::forget();
     configure(step.yaml);
-    if (step.call != Call::kCount) {
-      // The first sigaction only reads.
-      fault::arm(step.call, EAGAIN, step.call == Call::Sigaction ? 1 : 0);
-    }
     EXPECT_EQ(FRAME_MntInit(), strtoul(strchr(step.message, '=') + 1, nullptr, 16));
     EXPECT_EQ(recorded::texts(100).back(), step.message);
     EXPECT_EQ(detectionThreads(), 0);
   }
-  EXPECT_ERROR("Frame period task init unsuccessfully. (ret = 11)");
+  configure("");
   EXPECT_EQ(FRAME_MntInit(), QURN_OK) << "a later start-up must work";
 }
 
@@ -125,35 +105,6 @@ TEST(ProcessIdentity, ReadsTheNameUpToABlankAndNeverBeyondTheBuffer) {
   pid = 7;
   FrameGetProcInfo(&pid, nullptr, 32);
   EXPECT_EQ(pid, 7U);
-}
-
-TEST(DetectionThread, GivesBackEverythingWhenItsSetUpFails) {
-  struct Case {
-    Call call;
-    int after;
-    const char* message;
-  };
-  const Case cases[] = {
-      {Call::EpollCreate, 0, "Frame deadloop proc entry, epoll create unsuccessfully."},
-      {Call::Alloc, 0, "Frame timer control init, control handle malloc unsuccessfully."},
-      {Call::TimerfdCreate, 0, "Timer fd create unsuccessfully, (errno = 11)."},
-      {Call::TimerfdSettime, 0, "Timer fd set time unsuccessfully, (errno = 11)."},
-      {Call::Alloc, 1, "Timer node malloc unsuccessfully, no enough memory."},
-      {Call::Alloc, 2, "Frame deadloop proc entry, reg set and event proc unsuccessfully."},
-      {Call::Alloc, 3, "Frame deadloop proc entry, add event to epoll fd unsuccessfully."},
-      {Call::EpollCtl, 0, "Frame deadloop proc entry, add event to epoll fd unsuccessfully."},
-  };
-  FrameSetDeadloopPeriodDelay(1000);
-  const size_t descriptors = openDescriptors();
-  for (const Case& step : cases) {
-    SCOPED_TRACE(step.message);
-    recorded::forget();
-    fault::arm(step.call, EAGAIN, step.after);
-    onThread("set-up", [] { EXPECT_EQ(FrameDeadloopTaskProcEntry(nullptr), nullptr); });
-    EXPECT_EQ(recorded::texts(100).back(), step.message);
-    EXPECT_EQ(recorded::blocksHeld(), 0U);
-    EXPECT_EQ(openDescriptors(), descriptors);
-  }
 }
 
 TEST(DetectionThread, GivesBackWhatOthersRegisteredWhenItsSetUpFails) {

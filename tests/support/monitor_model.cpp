@@ -78,7 +78,8 @@ pthread_t pthread_self() noexcept {
   return g_acting != nullptr ? g_acting->id : next();
 }
 
-long syscall(long number, ...) noexcept {
+// Reads as many words as any system call has, whether they were given or not.
+__attribute__((no_sanitize_address)) long syscall(long number, ...) noexcept {
   if (g_acting != nullptr && number == SYS_gettid) {
     return g_acting->tid;
   }
@@ -106,7 +107,7 @@ int prctl(int option, ...) noexcept {
   return next(option, argument, 0, 0, 0);
 }
 
-int tgkill(pid_t /*process*/, pid_t tid, int /*sig*/) noexcept {
+int tgkill(pid_t /*process*/, pid_t tid, int /*sig*/) {
   errno = ESRCH;
   return isAlive(static_cast<uint32_t>(tid)) ? 0 : -1;
 }
@@ -444,28 +445,27 @@ MonitorModel::Thresholds thresholdsFrom(uint32_t what) {
 
 }  // namespace
 
-// The monitor itself outlives a history, so this one starts with nobody in it.
 MonitorBesideModel::MonitorBesideModel() {
   FrameDeadloopInit();
   Frame_RegThreadDeadloopWarningHook(nullptr);
   Frame_RegThreadDeadloopHook(nullptr);
-  for (uint64_t slot = 0; slot < FRAME_MONITOR_CAPACITY; ++slot) {
-    for (const PretendedThread& thread : g_threads) {
-      as(thread, [&] { return Frame_StopHeartbeatToMon(&slot); });
-    }
-  }
-  for (PretendedThread& thread : g_threads) {
-    thread.ended = true;
-  }
-  if (FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_SIGNALED) {
-    handleSignal();
-  }
-  FrameWriteDeadloopInfo();
   g_threads.clear();
   for (uint64_t number = 0; number < kThreads; ++number) {
     g_threads.push_back(newThread(number));
   }
   g_said.clear();
+}
+
+// The monitor itself outlives a history, so whoever is in it leaves.
+MonitorBesideModel::~MonitorBesideModel() {
+  for (const PretendedThread& thread : g_threads) {
+    uint64_t slot = model_.slotOf(thread.id);
+    as(thread, [&] { return Frame_StopHeartbeatToMon(&slot); });
+  }
+  if (model_.awaitsCapture()) {
+    handleSignal();
+  }
+  FrameWriteDeadloopInfo();
 }
 
 bool MonitorBesideModel::agree(uint32_t answered, uint32_t expected) {
@@ -489,11 +489,21 @@ bool MonitorBesideModel::operate(Operation operation, uint32_t who, uint32_t wha
   // Mostly the thread's own, else any, two of them out of range.
   uint64_t slot = what % 4 != 0 ? model_.slotOf(thread.id) : (what >> 2) % 66;
   const MonitorModel::Thresholds seconds = thresholdsFrom(what);
-  const auto& [first, second, third] = seconds;
+  const uint32_t first = seconds[0];
+  const uint32_t second = seconds[1];
+  const uint32_t third = seconds[2];
   switch (operation) {
-    case Operation::kEnter:
-      return agree(as(thread, [&] { return Frame_SetHeartbeatToMon(&slot, first, second, third); }),
-                   model_.enter(thread, seconds, g_now));
+    case Operation::kEnter: {
+      const uint64_t before = slot;
+      const bool answersAgree =
+          agree(as(thread, [&] { return Frame_SetHeartbeatToMon(&slot, first, second, third); }),
+                model_.enter(thread, seconds, g_now));
+      const uint64_t own = model_.slotOf(thread.id);
+      if (slot != before && slot != own) {
+        difference_ = line("is in slot %u", static_cast<unsigned>(slot));
+      }
+      return answersAgree && difference_.empty();
+    }
     case Operation::kBeat:
       return agree(as(thread, [&] { return Frame_SendHeartbeatToMon(&slot); }),
                    model_.beat(thread, slot, g_now));

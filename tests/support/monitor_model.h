@@ -94,6 +94,9 @@ class MonitorBesideModel {
   };
 
   MonitorBesideModel();
+  ~MonitorBesideModel();
+  MonitorBesideModel(const MonitorBesideModel&) = delete;
+  MonitorBesideModel& operator=(const MonitorBesideModel&) = delete;
   // Lets both do it; what it concerns is chosen by the numbers. False when they differ.
   bool operate(Operation operation, uint32_t who, uint32_t what);
   [[nodiscard]] std::string difference() const;
