@@ -25,10 +25,10 @@ struct HostRun {
   [[nodiscard]] bool has(const std::string& text) const { return at(text) != std::string::npos; }
 };
 
-HostRun runHost(const std::string& options) {
+HostRun runHost(const std::string& options, int mostSeconds = 30) {
   const std::string command =
-      "timeout 30 " QURN_HOST
-      " --period 200 --thresholds 1,1,2 --seconds 5 --config " QURN_HOST_CONFIG " " +
+      "timeout " + std::to_string(mostSeconds) +
+      " " QURN_HOST " --period 200 --thresholds 1,1,2 --seconds 5 --config " QURN_HOST_CONFIG " " +
       options + " 2>&1";
   HostRun run;
   FILE* pipe = popen(command.c_str(), "r");
@@ -111,6 +111,28 @@ TEST(Host, EndsWithStatus88WhereASectionHangsOrARebootIsAsked) {
   EXPECT_EQ(reboot.status, 88);
   EXPECT_TRUE(reboot.has("Frame reboot announce.") && !reboot.has("trigger third"))
       << reboot.output;
+}
+
+TEST(Host, DoesNotGrowOverAThousandDeadLoops) {
+  const HostRun run = runHost("--scenario soak --thresholds 20,30,40", 100);
+  ASSERT_EQ(run.status, 0);
+  std::array<long, 2> kib{};
+  std::array<int, 2> descriptors{};
+  std::array<int, 2> threads{};
+  int deadLoops = 0;
+  for (size_t i = 0, from = 0; i < 2; ++i) {
+    from = run.output.find("host: after ", from);
+    ASSERT_NE(from, std::string::npos);
+    ASSERT_EQ(sscanf(run.output.c_str() + from,
+                     "host: after %d dead loops: %ld KiB, %d descriptors, %d threads", &deadLoops,
+                     &kib[i], &descriptors[i], &threads[i]),
+              4);
+    ++from;
+  }
+  EXPECT_GE(deadLoops, 1000);
+  EXPECT_EQ(descriptors[1], descriptors[0]);
+  EXPECT_LE(threads[1], threads[0]);
+  EXPECT_LE(kib[1], kib[0] + kib[0] / 10 + 256);
 }
 
 struct Survivor {

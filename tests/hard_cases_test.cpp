@@ -175,6 +175,20 @@ TEST(Stepped, TheWalkIsRightBeforeEveryInstruction) {
   EXPECT_EQ(result.status, 0) << result.output;
 }
 
+TEST(Debugged, AThreadIsReportedOnceTheDebuggerLetsItGo) {
+  const CaseRun result = run("debugged");
+  SCOPED_TRACE(result.output);
+  const size_t letGo = result.output.find("the debugger lets go");
+  if (result.output.find("no debugging here") != std::string::npos) {
+    GTEST_SKIP() << "not allowed to trace";
+  }
+  EXPECT_EQ(result.status, 88);
+  EXPECT_LT(result.output.find("Signal 36 send"), letGo);
+  EXPECT_LT(letGo, result.output.find("is captured at"));
+  ASSERT_EQ(reports(result.output).size(), 1U);
+  EXPECT_EQ(places(reports(result.output)[0]), (Names{"at_spin", "at_debugged"}));
+}
+
 class Silenced : public testing::TestWithParam<const char*> {};
 
 // Names need the loader's lock, which is held for good: the detection thread waits for it too, and

@@ -161,7 +161,7 @@ bool get_stuck_in_the_allocator(FrameDeadloopHandle& /*self*/) {
 
 namespace {
 
-constexpr std::array<Scenario, 13> kScenarios{{
+constexpr std::array<Scenario, 14> kScenarios{{
     {"loop", "a worker enters an endless loop", QURN_EXIT_STATUS, "spin_until_rescued", nullptr,
      enter_a_loop},
     {"mutex", "a worker waits for a lock that is never released", QURN_EXIT_STATUS, "wait_for_lock",
@@ -185,6 +185,8 @@ constexpr std::array<Scenario, 13> kScenarios{{
      provoke_ignored_signals},
     {"exit", "a worker ends without stopping its heartbeat", 0, nullptr, nullptr,
      end_without_stopping},
+    {"soak", "a thousand dead loops are handled by hooks, without growth", 0, nullptr,
+     prepare_to_endure, endure_a_thousand_dead_loops},
     {"healthy", "all workers keep working", 0, nullptr, nullptr, keep_working},
 }};
 

@@ -16,3 +16,7 @@ struct Scenario {
 };
 
 std::span<const Scenario> scenarios();
+
+// The scenario in soak.cpp.
+void prepare_to_endure();
+bool endure_a_thousand_dead_loops(FrameDeadloopHandle& self);

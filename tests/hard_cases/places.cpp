@@ -8,6 +8,10 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -248,6 +252,31 @@ PLACE void at_registers() {
 }
 #endif
 
+// ---- beside a debugger
+
+// Stops the thread from a process of its own, as a debugger does, until long after its third
+// threshold.
+static void stopForAWhile(pid_t tid) {
+  const bool stopped = ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) == 0 &&
+                       ptrace(PTRACE_INTERRUPT, tid, nullptr, nullptr) == 0 &&
+                       waitpid(tid, nullptr, __WALL) == tid;
+  sleep(stopped ? 4 : 0);
+  static constexpr char kLetGo[] = "the debugger lets go\n";
+  static constexpr char kCannot[] = "no debugging here\n";
+  static_cast<void>(stopped ? !write(STDERR_FILENO, kLetGo, sizeof(kLetGo) - 1)
+                            : !write(STDERR_FILENO, kCannot, sizeof(kCannot) - 1));
+  ptrace(PTRACE_DETACH, tid, nullptr, nullptr);
+  syscall(SYS_exit_group, 0);
+}
+
+PLACE void at_debugged() {
+  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+  if (const pid_t self = gettid(); fork() == 0) {
+    stopForAWhile(self);
+  }
+  at_spin();
+}
+
 namespace {
 
 using End = HardCase::End;
@@ -275,6 +304,7 @@ constexpr HardCase kCases[] = {
     {"on_alternate_stack", End::kReported, 1, nullptr, at_raise_to_alternate_stack},
     {"end_of_stack", End::kReported, 1, doNotPaint, at_end_of_stack},
     {"stripped", End::kReported, 1, nullptr, at_stripped_library},
+    {"debugged", End::kReported, 1, nullptr, at_debugged},
     {"main_thread", End::kReported, 0, nullptr, at_level_1},
     {"clock", End::kSampled, 1, nullptr, at_clock},
     {"churn", End::kSampled, 1, nullptr, at_churn},

@@ -1,0 +1,94 @@
+// A thousand dead loops in one process, each reported and handled by its thread's hook, and what
+// the process holds after the first rounds and after the last.
+#include <dirent.h>
+#include <qurnadapt/qurnadapt.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+#include "scenarios.h"
+
+namespace {
+
+constexpr uint32_t kPeriodMs = 5;
+constexpr int kThreads = 60;
+constexpr int kRounds = 17;
+constexpr int kFirstRounds = 3;  // by then everything has been allocated once
+
+std::array<std::atomic<bool>, FRAME_MONITOR_CAPACITY> g_handled;
+
+uint32_t release(FrameDeadloopHandle* handle, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
+  g_handled.at(*handle) = true;
+  return 0;
+}
+
+void be_silent_until_handled() {
+  FrameDeadloopHandle self = 0;
+  if (Frame_SetHeartbeatToMon(&self, 1, 1, 1) != QURN_OK) {
+    return;
+  }
+  g_handled.at(self) = false;
+  Frame_RegDeadloopInfoHook(&self, release);
+  while (!g_handled.at(self)) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  Frame_StopHeartbeatToMon(&self);
+}
+
+void runRounds(int count) {
+  for (int round = 0; round < count; ++round) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back(be_silent_until_handled);
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+  }
+}
+
+int entriesOf(const char* path) {
+  DIR* directory = opendir(path);
+  int count = 0;
+  while (directory != nullptr && readdir(directory) != nullptr) {
+    ++count;
+  }
+  closedir(directory);
+  return count;
+}
+
+long residentKib() {
+  FILE* status = std::fopen("/proc/self/status", "r");
+  long kib = 0;
+  std::array<char, 256> line{};
+  while (status != nullptr && std::fgets(line.data(), line.size(), status) != nullptr) {
+    static_cast<void>(std::sscanf(line.data(), "VmRSS: %ld", &kib));
+  }
+  std::fclose(status);
+  return kib;
+}
+
+void printHoldings(int deadLoops) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // joined threads may linger
+  std::printf("host: after %d dead loops: %ld KiB, %d descriptors, %d threads\n", deadLoops,
+              residentKib(), entriesOf("/proc/self/fd"), entriesOf("/proc/self/task"));
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+bool endure_a_thousand_dead_loops(FrameDeadloopHandle& self) {
+  FrameSetDetectSwitch(self, 0);  // this thread only waits
+  runRounds(kFirstRounds);
+  printHoldings(kFirstRounds * kThreads);
+  runRounds(kRounds - kFirstRounds);
+  printHoldings(kRounds * kThreads);
+  return FrameSetDetectSwitch(self, 1) == QURN_OK;
+}
+
+// One dead loop is handled a tick.
+void prepare_to_endure() { FrameSetDeadloopPeriodDelay(kPeriodMs); }

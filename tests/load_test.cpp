@@ -1,0 +1,90 @@
+// The monitor with all slots in use, while everything that may happen to them does.
+#include <gtest/gtest.h>
+#include <qurnadapt/qurnadapt.h>
+#include <sys/prctl.h>
+
+#include <atomic>
+#include <chrono>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+uint32_t goOn(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
+  return 0;
+}
+
+// A thread's life in the monitor, over and over.
+void workUntil(const std::atomic<bool>& stop, unsigned seed) {
+  std::minstd_rand generator(seed);
+  const auto random = [&generator] { return static_cast<uint8_t>(generator() >> 4U); };
+  prctl(PR_SET_NAME, ("load-" + std::to_string(seed % 8)).c_str());
+  while (!stop) {
+    FrameDeadloopHandle self = 0;
+    ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 100, 200, 300), QURN_OK);
+    for (int round = random() % 50; round > 0; --round) {
+      ASSERT_EQ(Frame_SendHeartbeatToMon(&self), QURN_OK);
+      switch (random() % 8) {
+        case 0:
+          ASSERT_EQ(FrameSetDetectSwitch(self, random() & 1U), QURN_OK);
+          break;
+        case 1:
+          ASSERT_EQ(Frame_RegDeadloopInfoHook(&self, goOn), QURN_OK);
+          break;
+        case 2:
+          ASSERT_EQ(Frame_SetHeartExceptionPolicy(self, random() & 1U), QURN_OK);
+          break;
+        case 3:
+          FRAME_UpdateDeadloopThresholdByName("load-3", 100, 200, 300);
+          break;
+        case 4:
+          Frame_RegThreadDeadloopWarningHook(nullptr);
+          break;
+        case 5:
+          ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 200, 200, 200), QURN_OK);
+          break;
+        default:
+          std::this_thread::sleep_for(1ms);
+      }
+    }
+    ASSERT_EQ(Frame_StopHeartbeatToMon(&self), QURN_OK);
+  }
+}
+
+// A minute where a sanitizer looks on.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr auto kDuration = 60s;
+#else
+constexpr auto kDuration = 3s;
+#endif
+
+std::atomic<uint32_t> g_beats{0};
+
+TEST(Load, AllSlotsInUseUnderTicksEveryMillisecond) {
+  ASSERT_EQ(FrameSetDeadloopPeriodDelay(1), QURN_OK);
+  ASSERT_EQ(FRAME_KeepAliveProcSet(
+                1, [](void*) -> uint32_t { return ++g_beats > 0 ? 0 : 1; }, nullptr),
+            QURN_OK);
+  ASSERT_EQ(FRAME_MntInit(), QURN_OK);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> workers;
+  for (unsigned i = 0; i < FRAME_MONITOR_CAPACITY; ++i) {
+    workers.emplace_back([&stop, i] { workUntil(stop, i); });
+  }
+  std::this_thread::sleep_for(kDuration);
+  stop = true;
+  for (std::thread& worker : workers) {
+    worker.join();
+  }
+  const uint32_t beats = g_beats;
+  std::this_thread::sleep_for(1s);
+  EXPECT_GT(g_beats, beats) << "the detection thread goes on";
+  FrameDeadloopHandle self = 9;
+  EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
+  EXPECT_EQ(self, 0U) << "all slots are free again";
+}
+
+}  // namespace
