@@ -1,12 +1,13 @@
 // A thousand dead loops in one process, each reported and handled by its thread's hook, and what
 // the process holds after the first rounds and after the last.
-#include <dirent.h>
 #include <qurnadapt/qurnadapt.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <iterator>
 #include <thread>
 #include <vector>
 
@@ -21,6 +22,8 @@ constexpr int kFirstRounds = 3;  // by then everything has been allocated once
 
 std::array<std::atomic<bool>, FRAME_MONITOR_CAPACITY> g_handled;
 
+// The hook's type is the interface's.
+// NOLINTNEXTLINE(readability-non-const-parameter)
 uint32_t release(FrameDeadloopHandle* handle, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
   g_handled.at(*handle) = true;
   return 0;
@@ -42,6 +45,7 @@ void be_silent_until_handled() {
 void runRounds(int count) {
   for (int round = 0; round < count; ++round) {
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
       threads.emplace_back(be_silent_until_handled);
     }
@@ -51,21 +55,19 @@ void runRounds(int count) {
   }
 }
 
-int entriesOf(const char* path) {
-  DIR* directory = opendir(path);
-  int count = 0;
-  while (directory != nullptr && readdir(directory) != nullptr) {
-    ++count;
-  }
-  closedir(directory);
-  return count;
+auto entriesOf(const char* path) {
+  const std::filesystem::directory_iterator entries(path);
+  return std::distance(begin(entries), end(entries));
 }
 
 long residentKib() {
   FILE* status = std::fopen("/proc/self/status", "r");
+  if (status == nullptr) {
+    return 0;
+  }
   long kib = 0;
   std::array<char, 256> line{};
-  while (status != nullptr && std::fgets(line.data(), line.size(), status) != nullptr) {
+  while (std::fgets(line.data(), line.size(), status) != nullptr) {
     static_cast<void>(std::sscanf(line.data(), "VmRSS: %ld", &kib));
   }
   std::fclose(status);
@@ -74,7 +76,7 @@ long residentKib() {
 
 void printHoldings(int deadLoops) {
   std::this_thread::sleep_for(std::chrono::milliseconds(200));  // joined threads may linger
-  std::printf("host: after %d dead loops: %ld KiB, %d descriptors, %d threads\n", deadLoops,
+  std::printf("host: after %d dead loops: %ld KiB, %td descriptors, %td threads\n", deadLoops,
               residentKib(), entriesOf("/proc/self/fd"), entriesOf("/proc/self/task"));
   std::fflush(stdout);
 }

@@ -13,7 +13,8 @@ QURN_BEGIN_DECLS
  * monitor, dead-loop capability, dead-loop signal, detection thread, in this order.
  * Returns 0, or the code of the first step that failed; what earlier steps did stays in force.
  * Call it once per process, from any one thread; a later call applies the configuration again but
- * starts no second detection thread. It returns before the detection thread has finished its own
+ * starts no second detection thread. The child of a fork is watched only once it calls this itself.
+ * It returns before the detection thread has finished its own
  * set-up, whose failures are only logged. */
 QURN_API uint32_t FRAME_MntInit(void);
 
