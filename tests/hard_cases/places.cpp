@@ -271,9 +271,14 @@ static void stopForAWhile(pid_t tid) {
 
 PLACE void at_debugged() {
   prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+  std::array<int, 2> forked{};  // a thread that is stopped within fork would hold the log's lock
+  static_cast<void>(!pipe(forked.data()));
   if (const pid_t self = gettid(); fork() == 0) {
+    char byte = 0;
+    static_cast<void>(!read(forked[0], &byte, 1));
     stopForAWhile(self);
   }
+  static_cast<void>(!write(forked[1], "", 1));
   at_spin();
 }
 
