@@ -1,7 +1,12 @@
 // The monitor with all slots in use, while everything that may happen to them does.
 #include <gtest/gtest.h>
+#include <linux/seccomp.h>
+#include <malloc.h>
 #include <qurnadapt/qurnadapt.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -86,5 +91,32 @@ TEST(Load, AllSlotsInUseUnderTicksEveryMillisecond) {
   EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
   EXPECT_EQ(self, 0U) << "all slots are free again";
 }
+
+// In strict mode any system call but read, write and exit ends the process.
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
+TEST(HotPaths, MakeNoSystemCallAndAllocateNothing) {
+  ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
+  ASSERT_NE(nbb_handle_initialize(), 0U);
+  FrameDeadloopHandle self = 0;
+  ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1000, 1000, 1000), QURN_OK);
+  const uint32_t handle = nbb_create_handle(&self);
+  const pid_t child = fork();
+  if (child == 0) {
+    const size_t allocated = mallinfo2().uordblks;
+    prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT);
+    bool good = true;
+    for (int i = 0; i < 1000; ++i) {
+      FRAME_TaskDeadloopMonitorEntry();
+      FRAME_KeepAliveReport();
+      good = good && Frame_SendHeartbeatToMon(&self) == QURN_OK &&
+             nbb_validate_handle(handle) == &self;
+    }
+    syscall(SYS_exit, good && mallinfo2().uordblks == allocated ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+#endif
 
 }  // namespace

@@ -40,6 +40,18 @@ bool isMeasured(const FrameMonitorTaskInfo& info) noexcept {
   return info.ucValid != 0 && info.ucDetectSwitch != 0 && timeoutLevel(info) != kFatalLevel;
 }
 
+// Whether any rule can fire: a level is left only at the threshold that follows it.
+bool isDue(const FrameMonitorTaskInfo& info, uint32_t elapsedMs) noexcept {
+  switch (timeoutLevel(info)) {
+    case 0:
+      return elapsedMs >= info.uiFirstThreshold;
+    case kInfoLevel:
+      return elapsedMs >= info.uiSecondThreshold;
+    default:
+      return elapsedMs >= info.uiThirdThreshold;
+  }
+}
+
 PassStep applyRules(uint64_t slot, FrameMonitorTaskInfo& info, uint32_t elapsedMs) noexcept {
   for (const FrameThresholdRule& rule : kRules) {
     if (!rule.isTimeout(&info, elapsedMs)) {
@@ -66,8 +78,10 @@ PassStep measureNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
     }
     FRAME_KeepAliveReport();
     elapsedMs = static_cast<int32_t>(FrameGetTaskElapsedTime(&info));
-    if (elapsedMs >= 0) {
-      return applyRules(slot, info, static_cast<uint32_t>(elapsedMs));
+    if (elapsedMs >= 0) [[likely]] {
+      return isDue(info, static_cast<uint32_t>(elapsedMs))
+                 ? applyRules(slot, info, static_cast<uint32_t>(elapsedMs))
+                 : PassStep::kNextSlot;
     }
   }
   MONITOR_LOG(TOV_LOG_ERROR, "Task deadloop entry, task elapsed time error. (%d)", elapsedMs);

@@ -16,7 +16,8 @@ namespace qurn::monitor {
 inline constexpr char kUnit[] =
     "build/src/adapt/frame/dbg/CMakeFiles/adaptmnt.dir/src/tov_deadloop_task";
 
-struct FrameDeadloopMonitorNode {
+// Each on cache lines of its own: neighbours' heartbeats are other threads' writes.
+struct alignas(64) FrameDeadloopMonitorNode {
   pthread_mutex_t stInfoMutex;
   FrameMonitorTaskInfo stTaskInfo;
 };
@@ -43,17 +44,30 @@ static_assert(sizeof(FrameMonitorTaskInfo) == 72);
 // The initialised monitor, or null.
 FrameTaskDeadloopCtrl* monitor() noexcept;
 
+// Out of the way of those who take a lock.
+[[gnu::cold]] void logLockMistake() noexcept;
+[[gnu::cold]] void logUnlockMistake() noexcept;
+
 // Holds a node's info mutex for a scope. A failing lock is logged and the operation goes on.
 class NodeLock {
  public:
-  explicit NodeLock(FrameDeadloopMonitorNode& node) noexcept;
-  ~NodeLock();
+  explicit NodeLock(FrameDeadloopMonitorNode& node) noexcept
+      : node_(node), held_(pthread_mutex_lock(&node.stInfoMutex) == 0) {
+    if (!held_) [[unlikely]] {
+      logLockMistake();
+    }
+  }
+  ~NodeLock() {
+    if (held_ && pthread_mutex_unlock(&node_.stInfoMutex) != 0) [[unlikely]] {
+      logUnlockMistake();
+    }
+  }
   NodeLock(const NodeLock&) = delete;
   NodeLock& operator=(const NodeLock&) = delete;
 
  private:
   FrameDeadloopMonitorNode& node_;
-  bool held_;
+  const bool held_;
 };
 
 // Waits out a registration or stop in progress, without keeping later ones out.

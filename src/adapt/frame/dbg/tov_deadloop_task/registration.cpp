@@ -70,17 +70,12 @@ void clear(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
 
 FrameTaskDeadloopCtrl* monitor() noexcept { return g_monitor.load(std::memory_order_acquire); }
 
-NodeLock::NodeLock(FrameDeadloopMonitorNode& node) noexcept
-    : node_(node), held_(pthread_mutex_lock(&node.stInfoMutex) == 0) {
-  if (!held_) {
-    MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop lock mistake, errno(%d).", errno);
-  }
+void logLockMistake() noexcept {
+  MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop lock mistake, errno(%d).", errno);
 }
 
-NodeLock::~NodeLock() {
-  if (held_ && pthread_mutex_unlock(&node_.stInfoMutex) != 0) {
-    MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop unlock mistake errno(%d).", errno);
-  }
+void logUnlockMistake() noexcept {
+  MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop unlock mistake errno(%d).", errno);
 }
 
 void waitForRegistrations(FrameTaskDeadloopCtrl& ctrl) noexcept {

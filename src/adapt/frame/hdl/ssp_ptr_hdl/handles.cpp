@@ -14,11 +14,16 @@ struct NamedSlot {
   [[nodiscard]] bool valid() const noexcept { return slot != nullptr; }
 };
 
-NamedSlot find(const NbbHndTbl& table, uint32_t handle) noexcept {
+[[gnu::cold, gnu::noinline]] void logInvalidHandle() noexcept {
+  HDL_LOG(TOV_LOG_INFO, "%s: Invalid handle value, ignore.", "nbb_validate_handle_in_table");
+}
+
+// Inlined where it is used: the call costs as much as the look-up.
+[[gnu::always_inline]] inline NamedSlot find(const NbbHndTbl& table, uint32_t handle) noexcept {
   const uint32_t generation = fieldOf(handle, table.generationShift, table.generationMask);
   const uint32_t pageIndex = handle & table.pageMask;
   if (!isInRange(table, pageIndex) || static_cast<uint8_t>(generation) == 0) [[unlikely]] {
-    HDL_LOG(TOV_LOG_INFO, "%s: Invalid handle value, ignore.", "nbb_validate_handle_in_table");
+    logInvalidHandle();
     return {nullptr, nullptr};
   }
   if (table.pageArray == nullptr || NbbIsNeedAllocateNewPage(&table, pageIndex) != 0) {
