@@ -27,11 +27,11 @@ struct FrameTaskDeadloopCtrl {
   uint8_t ucIsInited;
   uint32_t uiTaskNum;
   uint32_t uiFatalElapsedTime;  // milliseconds; detection thread only
+  uint32_t uiSignalledTid;      // whose capture is awaited, else 0; detection thread only
   uint64_t ulFatalTaskIndex;    // detection thread only
   FrameThreadDeadloopWarningHook pfnWarningHook;
   FrameThreadDeadloopHook pfnDeadloopHook;
   FrameDeadloopMonitorNode astNode[FRAME_MONITOR_CAPACITY];
-  uint32_t uiSignalledTid;  // the thread whose capture is awaited, else 0; detection thread only
 };
 static_assert(offsetof(FrameMonitorTaskInfo, uiTid) == 4);
 static_assert(offsetof(FrameMonitorTaskInfo, ulThreadId) == 8);
