@@ -111,49 +111,6 @@ TEST_F(DetectionPass, WithoutAHookTheProcessEndsWithStatus88) {
   EXPECT_EXIT(ZotReboot(), testing::ExitedWithCode(88), "Frame reboot announce.");
 }
 
-TEST_F(DetectionPass, ThreadProbesFailClosed) {
-  const auto self = static_cast<int32_t>(syscall(SYS_gettid));
-  EXPECT_TRUE(FrameIsMonitorTaskExist(self));
-  fault::arm(fault::Call::Opendir, ENOENT);
-  EXPECT_FALSE(FrameIsMonitorTaskExist(self));
-  fault::arm(fault::Call::Closedir, EIO);
-  EXPECT_FALSE(FrameIsMonitorTaskExist(self));
-  EXPECT_ERROR("Check thread exist, tid dir close unsuccessfully. (errno: 5)");
-
-  SilentThread silent("silent", 2, 4, 6);
-  const std::string who = "task[silent:" + std::to_string(silent.tid()) + "]";
-  silent.end();
-  fault::arm(fault::Call::MemsetS, EPERM);
-  passAfter(2000);
-  EXPECT_ERROR("Task deadloop entry, " + who + " reset unsuccessfully. (errno: 1)");
-}
-
-TEST_F(DetectionPass, ANodeWhoseTimeCannotBeToldIsSkippedForOneTick) {
-  SilentThread silent("silent", 2, 4, 6);
-  frozen_clock::advance(-5);
-  FRAME_TaskDeadloopMonitorEntry();
-  fault::arm(fault::Call::ClockGettime, EPERM, 1);  // the first read is the keep-alive report's
-  passAfter(5);
-  EXPECT_EQ(recorded::texts(100),
-            (Texts{"Task deadloop entry, task elapsed time error. (-5)",
-                   "Frame get task elapsed time, current time get unsuccessfully. (errno: 1)",
-                   "Task deadloop entry, task elapsed time error. (-1)"}));
-  passAfter(2000);
-  EXPECT_EQ(recorded::count("trigger first"), 1U);
-}
-
-TEST_F(DetectionPass, AThreadThatCannotBeSignalledStaysReportedAndPassesGoOn) {
-  SilentThread silent("silent", 1, 1, 1);
-  fault::arm(fault::Call::PthreadKill, EAGAIN);
-  passAfter(1000);
-  EXPECT_EQ(recorded::count("unsuccessfully"), 2U);
-  EXPECT_ERROR("Thread deadloop send signal unsuccessfully. (ret=4294967295)");
-  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
-  SilentThread next("next", 1, 9, 9);
-  passAfter(1000);
-  EXPECT_EQ(recorded::count("next"), 1U);
-}
-
 TEST_F(DetectionPass, AThreadThatEndsBeforeTheSignalReachesItIsReleasedAndPassesGoOn) {
   static SilentThread* leaving = nullptr;
   SilentThread first("first", 1, 1, 1);

@@ -102,23 +102,6 @@ TEST(EventSets, NamesHaveAtMost127Characters) {
   EXPECT_EQ(FRAME_MntEpollCtl(kLongestName.c_str(), EPOLL_CTL_ADD, fd, &event), QURN_OK);
 }
 
-TEST(EventSets, FailuresAreLoggedAndLeaveNothingBehind) {
-  startDetection(1000);
-  epoll_event event{};
-  const int fd = eventfd(0, 0);
-  const size_t held = recorded::blocksHeld();
-  fault::arm(fault::Call::Alloc, ENOMEM);
-  EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", drain, nullptr), QURN_FAILED);
-  fault::arm(fault::Call::Alloc, ENOMEM);
-  EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event), QURN_FAILED);
-  EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event), QURN_FAILED);
-  EXPECT_EQ(recorded::texts(100),
-            (std::vector<std::string>{"Frame mnt create event proc, memory malloc unsuccessfully.",
-                                      "Frame mnt epoll control, alloc memory unsuccessfully.",
-                                      "Frame mnt operate epoll event unsuccessfully.(errno = 2)"}));
-  EXPECT_EQ(recorded::blocksHeld(), held);
-}
-
 TEST(EventSets, UnknownNamesAndFailingFunctionsAreLoggedAndTheLoopGoesOn) {
   startDetection(1000);
   static Seen seen;

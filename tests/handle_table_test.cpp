@@ -38,42 +38,6 @@ class HandleTable : public testing::Test {
   }
 };
 
-TEST_F(HandleTable, HandlesCarryGenerationSlotAndPage) {
-  EXPECT_EQ(g_stNbbHndTbl.freeSlotCount, 1024);
-  EXPECT_EQ(nbb_create_handle(pointer(1)), 0x01000000U);
-  EXPECT_EQ(g_stNbbHndTbl.freeSlotCount, 1024 + 256 - 1);  // page 4 joined
-  EXPECT_EQ(nbb_create_handle(pointer(2)), 0x01010000U);
-  for (uint32_t i = 3; i <= 256; ++i) {
-    nbb_create_handle(pointer(i));
-  }
-  EXPECT_EQ(nbb_create_handle(pointer(257)), 0x01000001U);
-  EXPECT_EQ(nbb_handle_initialize(), 1U);  // changes nothing
-  EXPECT_EQ(nbb_validate_handle(0x01010000U), pointer(2));
-  nbb_modify_handle(0x01010000U, pointer(99));
-  EXPECT_EQ(nbb_validate_handle(0x01010000U), pointer(99));
-  EXPECT_EQ(nbb_get_spare_handle_bits(&g_stNbbHndTbl, 0xFFFFFFFFU), 0U);
-  uint32_t handle = 0x01010000U;
-  nbb_set_spare_handle_bits(&g_stNbbHndTbl, &handle, 0);
-  EXPECT_EQ(handle, 0x01010000U);
-  EXPECT_EQ(recorded::texts(), Texts{});
-}
-
-TEST_F(HandleTable, ADestroyedHandleNeverValidatesAgainUntilGenerationsHaveGoneRound) {
-  uint32_t handle = nbb_create_handle(pointer(1));
-  for (uint32_t generation = 1; generation <= 255; ++generation) {
-    ASSERT_EQ(handle, generation << 24U);
-    nbb_destroy_handle(handle);
-    ASSERT_EQ(nbb_validate_handle(handle), nullptr);
-    ASSERT_EQ(reinterpret_cast<NbbHndPage*>(g_stNbbHndTbl.pageArray[0])->generations[0],
-              generation % 255 + 1);
-    handle = (generation % 255 + 1) << 24U;
-    ASSERT_EQ(nbb_assign_handle_in_table(&g_stNbbHndTbl, handle, pointer(1)), handle);
-  }
-  EXPECT_EQ(handle, 0x01000000U);
-  EXPECT_EQ(nbb_assign_handle_in_table(&g_stNbbHndTbl, handle, pointer(2)), 0U);
-  EXPECT_EQ(recorded::texts(), Texts{});
-}
-
 TEST_F(HandleTable, MistakesAreAnsweredWithTheirLines) {
   const std::string invalid = "nbb_validate_handle_in_table: Invalid handle value, ignore.";
   const auto said = [](const Texts& info, const Texts& errors) {

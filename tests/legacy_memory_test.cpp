@@ -92,38 +92,6 @@ TEST(LegacyHandle, OnlyRawIdsAndLiveRecordsAreHandles) {
   munmap(unreadable, 4096);
 }
 
-TEST(LegacyHandle, FailuresLeaveNothingBehind) {
-  ZotHandleRecord* untouched = nullptr;
-  fault::arm(fault::Call::KemHandleInitialize, 0);
-  EXPECT_EQ(ZOT_HandleInitialize(nullptr, 1, nullptr), QURN_FAILED);
-  EXPECT_TRUE(fault::strikes(fault::Call::KemHandleInitialize)) << "it was not called";
-  EXPECT_EQ(ZOT_HandleInitializeByName("module", nullptr), QURN_FAILED);
-  EXPECT_EQ(ZOT_HandleInitializeByName(nullptr, &untouched), QURN_FAILED);
-  fault::arm(fault::Call::SnprintfS, 0);
-  EXPECT_EQ(ZOT_HandleInitialize(nullptr, 1, &untouched), QURN_FAILED);
-  fault::arm(fault::Call::KemHandleInitialize, 0);
-  EXPECT_EQ(ZOT_HandleInitialize(nullptr, 1, &untouched), QURN_FAILED);
-  fault::arm(fault::Call::KemAlloc, ENOMEM);
-  EXPECT_EQ(ZOT_HandleInitialize(nullptr, 1, &untouched), QURN_FAILED);
-  EXPECT_EQ(KEM_HandleFinalize(1), QURN_FAILED);  // given back already
-  EXPECT_EQ(ZOT_HandleFinalize(nullptr), QURN_FAILED);
-  Texts said = recorded::texts(100);
-  EXPECT_EQ(said.back(), "Para pstHandle is NULL.");
-  said.pop_back();
-  said.pop_back();  // the stand-in's, of the handle that was given back
-  EXPECT_EQ(said, (Texts{"pHandle NULL", "Get ZOT handle by name, input invalid.",
-                         "Get ZOT handle by name, input invalid.", "copy mod id unsuccessfully",
-                         "Get ZOT handle by name, kelva handle init unsuccessfully. (ret = 0x7)"}));
-  EXPECT_EQ(untouched, nullptr);
-  ASSERT_EQ(ZOT_HandleInitialize(nullptr, 1, &untouched), QURN_OK);
-  fault::arm(fault::Call::KemHandleFinalize, 0);
-  EXPECT_EQ(ZOT_HandleFinalize(untouched), QURN_FAILED);
-  EXPECT_EQ(ZOT_GetRelHandle(valueOf(untouched)), untouched->kemHandle);  // still live
-  EXPECT_EQ(ZOT_HandleFinalize(untouched), QURN_OK);
-  EXPECT_EQ(ZOT_MemCheckSwitch(0) | ZOT_MemCheckSwitch(1), 0U);
-  EXPECT_EQ(ZOT_MemCheckSwitch(2), 22U);
-}
-
 TEST(LegacyHandle, ThousandsOfRecordsAreToldFromEverythingElse) {
   std::vector<ZotHandleRecord*> records(5000);
   bool refused = false;

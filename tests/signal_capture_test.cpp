@@ -75,14 +75,6 @@ TEST_F(SignalCapture, AThreadInASystemCallIsCapturedAndGoesOnWaiting) {
   expectReportHeader();
 }
 
-TEST_F(SignalCapture, AMissingSymbolListCutsTheReportButNotTheCycle) {
-  fault::arm(fault::Call::Symbols, ENOMEM);
-  captureAndReport(pthread_self());
-  const Texts lines = recorded::texts();
-  ASSERT_EQ(lines.size(), 4U);
-  EXPECT_EQ(lines[3], "Frame dump stack unsuccessfully, get symbols unsuccessfully.");
-}
-
 TEST_F(SignalCapture, OnlyTheWholeSignalCaptures) {
   ucontext_t context;
   siginfo_t info{};
@@ -155,30 +147,6 @@ TEST_F(SignalCapture, InvalidThreadsAndFailedSignalsLeaveTheStatusIdle) {
              "Signal " + std::to_string(kSignal) + " send to thread " + self + " unsuccessfully.",
              "Thread deadloop send signal unsuccessfully. (ret=4294967295)"}));
   EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
-}
-
-TEST(SignalCaptureInit, FailuresCanBeRetriedAndASecondInitialisationIsANotice) {
-  EXPECT_EQ(FrameThreadDeadloopPrint(pthread_self()), QURN_FAILED) << "no record yet";
-  recorded::forget();
-  fault::arm(fault::Call::Sigaction, EINVAL, 1);
-  EXPECT_EQ(FrameDeadloopInit(), QURN_FAILED);
-  fault::arm(fault::Call::Alloc, ENOMEM);
-  EXPECT_EQ(FrameDeadloopInit(), QURN_FAILED);
-  EXPECT_EQ(recorded::texts(100), (Texts{"Deadloop dfx init fail, set sig action fail, ret = -1.",
-                                         "Deadloop dfx init fail, memory alloc fail.",
-                                         "Deadloop dfx init fail, stack memory alloc fail."}));
-  EXPECT_EQ(FrameIsDeadloopInited(), 0U);
-  struct sigaction action {};
-  sigaddset(&action.sa_mask, SIGUSR1);
-  action.sa_handler = SIG_IGN;
-  sigaction(kSignal, &action, nullptr);
-  EXPECT_EQ(FrameDeadloopInit(), QURN_OK);
-  sigaction(kSignal, nullptr, &action);
-  EXPECT_EQ(action.sa_flags & ~0x04000000, SA_SIGINFO | SA_RESTART);  // less the C library's own
-  EXPECT_EQ(sigismember(&action.sa_mask, SIGUSR1), 1) << "the mask is kept";
-  EXPECT_EQ(FrameDeadloopInit(), QURN_OK);
-  EXPECT_EQ(recorded::texts(80), Texts{"Deadloop is already inited."});
-  EXPECT_EQ(recorded::blocksHeld(), 1U);
 }
 
 TEST(StackSlice, LiesAroundTheStackPointerInsideTheStack) {
