@@ -1,0 +1,58 @@
+# What is installed, in four components: the library (runtime), what building against it needs
+# (development), the stand-in platform with the guard's client (platform), and the examples.
+include(CMakePackageConfigHelpers)
+
+set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qurnadapt)
+
+install(TARGETS qurnadapt EXPORT qurnadaptTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+install(TARGETS tovplatform bexlin EXPORT tovplatformTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT platform)
+install(DIRECTORY include/qurnadapt DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(DIRECTORY platform/include/tovplatform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        COMPONENT platform)
+if(QURN_BUILD_EXAMPLES)
+  install(TARGETS qurn_host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT examples)
+  install(TARGETS legacy_component LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT examples)
+  install(FILES examples/host/host.yaml DESTINATION ${CMAKE_INSTALL_DATADIR}/qurnadapt
+          COMPONENT examples)
+endif()
+
+# Two sets of targets, because a host with a real platform does without the stand-in.
+install(EXPORT qurnadaptTargets NAMESPACE qurnadapt:: DESTINATION ${config_dir}
+        COMPONENT development)
+install(EXPORT tovplatformTargets NAMESPACE qurnadapt:: DESTINATION ${config_dir}
+        COMPONENT platform)
+configure_package_config_file(cmake/qurnadaptConfig.cmake.in
+                              ${PROJECT_BINARY_DIR}/qurnadaptConfig.cmake
+                              INSTALL_DESTINATION ${config_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/qurnadaptConfigVersion.cmake
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/qurnadaptConfig.cmake
+              ${PROJECT_BINARY_DIR}/qurnadaptConfigVersion.cmake
+        DESTINATION ${config_dir} COMPONENT development)
+configure_file(cmake/qurnadapt.pc.in ${PROJECT_BINARY_DIR}/qurnadapt.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qurnadapt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT development)
+
+# Debian packages, one a component. See scripts/package.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_CONTACT "The libqurnadapt maintainers <maintainers@qurnadapt.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Watches the threads of service processes and reports dead loops")
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libqurnadapt2)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS libtovplatform)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libqurnadapt-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libqurnadapt2 (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_NAME libtovplatform)
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME qurnadapt-examples)
+set(CPACK_DEBIAN_EXAMPLES_PACKAGE_DEPENDS "libqurnadapt2 (= ${PROJECT_VERSION}), libtovplatform (= ${PROJECT_VERSION})")
+include(CPack)
