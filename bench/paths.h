@@ -25,43 +25,38 @@ std::span<const Path> paths();
 // The path of this name, or null.
 const Path* findPath(const char* name);
 
-// Scope of a setting, in the process or in a thread.
-class InProcess {
+// A path's setting for a scope.
+class Scope {
  public:
-  InProcess(const Path& path, uint64_t size) : setting_(*path.setting) {
-    if (setting_.enterProcess != nullptr) {
-      setting_.enterProcess(size);
+  Scope(const Scope&) = delete;
+  Scope& operator=(const Scope&) = delete;
+
+ protected:
+  explicit Scope(void (*leave)()) : leave_(leave) {}
+  ~Scope() {
+    if (leave_ != nullptr) {
+      leave_();
     }
   }
-  ~InProcess() {
-    if (setting_.leaveProcess != nullptr) {
-      setting_.leaveProcess();
-    }
-  }
-  InProcess(const InProcess&) = delete;
-  InProcess& operator=(const InProcess&) = delete;
 
  private:
-  const Setting& setting_;
+  void (*leave_)();
 };
 
-class InThread {
- public:
-  explicit InThread(const Path& path) : setting_(*path.setting) {
-    if (setting_.enterThread != nullptr) {
-      setting_.enterThread();
+struct InProcess : Scope {
+  InProcess(const Path& path, uint64_t size) : Scope(path.setting->leaveProcess) {
+    if (path.setting->enterProcess != nullptr) {
+      path.setting->enterProcess(size);
     }
   }
-  ~InThread() {
-    if (setting_.leaveThread != nullptr) {
-      setting_.leaveThread();
-    }
-  }
-  InThread(const InThread&) = delete;
-  InThread& operator=(const InThread&) = delete;
+};
 
- private:
-  const Setting& setting_;
+struct InThread : Scope {
+  explicit InThread(const Path& path) : Scope(path.setting->leaveThread) {
+    if (path.setting->enterThread != nullptr) {
+      path.setting->enterThread();
+    }
+  }
 };
 
 }  // namespace bench

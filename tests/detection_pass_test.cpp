@@ -1,7 +1,6 @@
 // The detection pass: thresholds, hooks, threads that ended, and the fatal action.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>

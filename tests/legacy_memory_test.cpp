@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <tovplatform/stand_in.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>

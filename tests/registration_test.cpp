@@ -1,12 +1,9 @@
 // Registration, heartbeats and the stop of monitored threads, and the monitor's initialisation.
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <barrier>
 #include <cerrno>
 #include <cstdlib>
-#include <thread>
 
 #include "support/faults.h"
 #include "support/recording_platform.h"

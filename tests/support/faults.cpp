@@ -150,7 +150,6 @@ void symbolsReadAs(const char* line) { g_symbolLine = line; }
 INTERPOSE(GmtimeR, tm*, gmtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
 INTERPOSE(LocaltimeR, tm*, localtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
 INTERPOSE(Mktime, time_t, mktime, (tm * fields), (fields), -1)
-INTERPOSE(Timegm, time_t, timegm, (tm * fields), (fields), -1)
 INTERPOSE(Strdup, char*, strdup, (const char* text), (text), nullptr)
 INTERPOSE(StrToMs, uint32_t, TovStrToMilliSeconds, (const char* text, uint32_t* milliseconds),
           (text, milliseconds), 7)

@@ -43,7 +43,6 @@ enum class Call {
   Strdup,
   StrToMs,
   Symbols,
-  Timegm,
   TimerfdCreate,
   TimerfdSettime,
   Wrlock,

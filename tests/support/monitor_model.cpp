@@ -166,6 +166,11 @@ void MonitorModel::restart(Node& node, const Thresholds& seconds, int64_t now) {
   node.level = 0;
 }
 
+uint32_t MonitorModel::refuse(uint32_t code, std::initializer_list<const char*> lines) {
+  said.insert(said.end(), lines.begin(), lines.end());
+  return code;
+}
+
 bool MonitorModel::areValid(const Thresholds& seconds) {
   const auto& [first, second, third] = seconds;
   if (first != 0 && first <= second && second <= third) {
@@ -181,8 +186,8 @@ bool MonitorModel::areValid(const Thresholds& seconds) {
 uint32_t MonitorModel::enter(const PretendedThread& thread, const Thresholds& seconds,
                              int64_t now) {
   if (!areValid(seconds)) {
-    said.emplace_back("100 Set heartbeat param unsuccessfully, param invalid.");
-    return QURN_INVALID_ARGUMENT;
+    return refuse(QURN_INVALID_ARGUMENT,
+                  {"100 Set heartbeat param unsuccessfully, param invalid."});
   }
   auto node = std::find_if(nodes_.begin(), nodes_.end(),
                            [&](const Node& one) { return one.used && one.id == thread.id; });
@@ -194,9 +199,9 @@ uint32_t MonitorModel::enter(const PretendedThread& thread, const Thresholds& se
     node = std::find_if(nodes_.begin(), nodes_.end(), [](const Node& one) { return !one.used; });
   }
   if (node == nodes_.end()) {
-    said.emplace_back("100 Frame set monitor task info, monitor task out of bounds. (max = 64)");
-    said.emplace_back("100 Set heartbeat param unsuccessfully, set param unsuccessfully.");
-    return QURN_FAILED;
+    return refuse(QURN_FAILED,
+                  {"100 Frame set monitor task info, monitor task out of bounds. (max = 64)",
+                   "100 Set heartbeat param unsuccessfully, set param unsuccessfully."});
   }
   *node = Node{.used = true, .id = thread.id, .tid = thread.tid, .name = thread.name, .on = 1};
   restart(*node, seconds, now);
@@ -205,13 +210,12 @@ uint32_t MonitorModel::enter(const PretendedThread& thread, const Thresholds& se
 
 uint32_t MonitorModel::beat(const PretendedThread& thread, uint64_t slot, int64_t now) {
   if (slot >= nodes_.size()) {
-    said.emplace_back("100 Frame task deadloop detect, handle invalid.");
-    said.emplace_back("100 Send heartbeat unsuccessfully, input handle invalid.");
-    return QURN_INVALID_ARGUMENT;
+    return refuse(QURN_INVALID_ARGUMENT,
+                  {"100 Frame task deadloop detect, handle invalid.",
+                   "100 Send heartbeat unsuccessfully, input handle invalid."});
   }
   if (!nodes_[slot].used || nodes_[slot].id != thread.id) {
-    said.emplace_back("100 Send heartbeat unsuccessfully, handle not match.");
-    return QURN_INVALID_ARGUMENT;
+    return refuse(QURN_INVALID_ARGUMENT, {"100 Send heartbeat unsuccessfully, handle not match."});
   }
   nodes_[slot].since = now;
   return QURN_OK;
@@ -219,14 +223,13 @@ uint32_t MonitorModel::beat(const PretendedThread& thread, uint64_t slot, int64_
 
 uint32_t MonitorModel::leave(const PretendedThread& thread, uint64_t slot) {
   if (slot >= nodes_.size()) {
-    said.emplace_back("100 Frame task deadloop detect, handle invalid.");
-    said.emplace_back("100 Stop heartbeat unsuccessfully, input handle invalid.");
-    return QURN_INVALID_ARGUMENT;
+    return refuse(QURN_INVALID_ARGUMENT,
+                  {"100 Frame task deadloop detect, handle invalid.",
+                   "100 Stop heartbeat unsuccessfully, input handle invalid."});
   }
   if (!nodes_[slot].used || nodes_[slot].id != thread.id) {
-    said.emplace_back("100 Frame remove monitor task info, handle not match.");
-    said.emplace_back("100 Stop heartbeat unsuccessfully, monitor task not exist.");
-    return QURN_FAILED;
+    return refuse(QURN_FAILED, {"100 Frame remove monitor task info, handle not match.",
+                                "100 Stop heartbeat unsuccessfully, monitor task not exist."});
   }
   nodes_[slot] = {};
   return QURN_OK;
@@ -234,13 +237,13 @@ uint32_t MonitorModel::leave(const PretendedThread& thread, uint64_t slot) {
 
 uint32_t MonitorModel::setHook(uint64_t slot, bool hook) {
   if (slot >= nodes_.size()) {
-    said.emplace_back("100 Frame task deadloop detect, handle invalid.");
-    said.emplace_back("100 Register task deadloop hook, input handle invalid.");
-    return QURN_INVALID_ARGUMENT;
+    return refuse(QURN_INVALID_ARGUMENT,
+                  {"100 Frame task deadloop detect, handle invalid.",
+                   "100 Register task deadloop hook, input handle invalid."});
   }
   if (!nodes_[slot].used) {
-    said.emplace_back("100 Register task deadloop hook, deadloop monitor node not exist.");
-    return QURN_FAILED;
+    return refuse(QURN_FAILED,
+                  {"100 Register task deadloop hook, deadloop monitor node not exist."});
   }
   nodes_[slot].hook = hook;
   return QURN_OK;
@@ -248,12 +251,11 @@ uint32_t MonitorModel::setHook(uint64_t slot, bool hook) {
 
 uint32_t MonitorModel::setPolicy(uint64_t slot, uint32_t policy) {
   if (slot >= nodes_.size() || policy > 1) {
-    said.emplace_back("100 Set deadloop exception policy, parameter invalid.");
-    return QURN_INVALID_ARGUMENT;
+    return refuse(QURN_INVALID_ARGUMENT, {"100 Set deadloop exception policy, parameter invalid."});
   }
   if (!nodes_[slot].used) {
-    said.emplace_back("100 Set deadloop exception policy, deadloop monitor node not exist.");
-    return QURN_FAILED;
+    return refuse(QURN_FAILED,
+                  {"100 Set deadloop exception policy, deadloop monitor node not exist."});
   }
   nodes_[slot].policy = policy;
   return QURN_OK;
@@ -261,14 +263,12 @@ uint32_t MonitorModel::setPolicy(uint64_t slot, uint32_t policy) {
 
 uint32_t MonitorModel::tune(const std::string& name, const Thresholds& seconds, int64_t now) {
   if (!areValid(seconds)) {
-    said.emplace_back("100 Frame update inteval by name, param invalid.");
-    return QURN_INVALID_ARGUMENT;
+    return refuse(QURN_INVALID_ARGUMENT, {"100 Frame update inteval by name, param invalid."});
   }
   const auto node = std::find_if(nodes_.begin(), nodes_.end(),
                                  [&](const Node& one) { return one.used && one.name == name; });
   if (node == nodes_.end()) {
-    said.emplace_back("100 Frame update inteval by name, task not found.");
-    return QURN_FAILED;
+    return refuse(QURN_FAILED, {"100 Frame update inteval by name, task not found."});
   }
   restart(*node, seconds, now);
   return QURN_OK;
@@ -276,13 +276,12 @@ uint32_t MonitorModel::tune(const std::string& name, const Thresholds& seconds, 
 
 uint32_t MonitorModel::switchWatch(uint64_t slot, uint8_t on, int64_t now) {
   if (slot >= nodes_.size()) {
-    said.emplace_back("100 Frame deadloop set detect switch, input handle invalid.");
-    return QURN_INVALID_ARGUMENT;
+    return refuse(QURN_INVALID_ARGUMENT,
+                  {"100 Frame deadloop set detect switch, input handle invalid."});
   }
   Node& node = nodes_[slot];
   if (!node.used) {
-    said.emplace_back("100 Frame deadloop set detect switch, task info not exist.");
-    return QURN_FAILED;
+    return refuse(QURN_FAILED, {"100 Frame deadloop set detect switch, task info not exist."});
   }
   if ((node.on != 0) != (on != 0)) {
     node.on = on;

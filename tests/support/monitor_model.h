@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,7 @@ class MonitorModel {
   };
 
   void restart(Node& node, const Thresholds& seconds, int64_t now);
+  uint32_t refuse(uint32_t code, std::initializer_list<const char*> lines);
   bool areValid(const Thresholds& seconds);
   bool isEnded(uint32_t tid, const std::vector<PretendedThread>& threads);
   bool isReleased(Node& node, const std::vector<PretendedThread>& threads);

@@ -27,8 +27,8 @@ constexpr uint32_t kGenerationBitsMax = 8;
 constexpr uint32_t kSlotBits = 8;
 constexpr uint32_t kHandleBits = 32;
 
-constinit pthread_mutex_t g_moduleMutex =
-    PTHREAD_MUTEX_INITIALIZER;  // held while the module starts or ends
+// Held while the module starts or ends.
+constinit pthread_mutex_t g_moduleMutex = PTHREAD_MUTEX_INITIALIZER;
 
 uint32_t maskOf(uint32_t bits) noexcept { return bits >= kHandleBits ? ~0U : (1U << bits) - 1U; }
 
