@@ -186,7 +186,7 @@ constexpr std::array<Scenario, 14> kScenarios{{
     {"exit", "a worker ends without stopping its heartbeat", 0, nullptr, nullptr,
      end_without_stopping},
     {"soak", "a thousand dead loops are handled by hooks, without growth", 0, nullptr,
-     prepare_to_endure, endure_a_thousand_dead_loops},
+     prepare_to_endure, endure_many_dead_loops},
     {"healthy", "all workers keep working", 0, nullptr, nullptr, keep_working},
 }};
 

@@ -19,4 +19,4 @@ std::span<const Scenario> scenarios();
 
 // The scenario in soak.cpp.
 void prepare_to_endure();
-bool endure_a_thousand_dead_loops(FrameDeadloopHandle& self);
+bool endure_many_dead_loops(FrameDeadloopHandle& self);
