@@ -80,12 +80,13 @@ uint32_t startUp() {
 uint32_t useTheMonitor() {
   FrameDeadloopHandle self = 0;
   const auto hook = [](FrameDeadloopHandle*, uint64_t, uint32_t) -> uint32_t { return 0; };
+  pthread_setname_np(pthread_self(), "swept");
   uint32_t failed = Frame_SetHeartbeatToMon(&self, 1, 2, 3);
   failed |= Frame_SetHeartbeatToMon(&self, 4, 5, 6);
   failed |= Frame_SendHeartbeatToMon(&self);
   failed |= Frame_RegDeadloopInfoHook(&self, hook);
   failed |= Frame_SetHeartExceptionPolicy(self, 1);
-  failed |= FRAME_UpdateDeadloopThresholdByName("library_test", 1, 1, 1);
+  failed |= FRAME_UpdateDeadloopThresholdByName("swept", 1, 1, 1);
   failed |= FrameSetDetectSwitch(self, 0);
   Frame_RegThreadDeadloopHook(nullptr);
   return failed | Frame_StopHeartbeatToMon(&self);

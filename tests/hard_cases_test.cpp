@@ -1,38 +1,21 @@
 // Awkward places to be stuck in, each in a process of its own: what the report names, how the
 // process ends, and what its signal handler did meanwhile.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <regex>
 #include <string>
 #include <vector>
 
+#include "hard_cases/handler_stack.h"
+#include "support/run_program.h"
+
 namespace {
 
 using Names = std::vector<std::string>;
 
-struct CaseRun {
-  int status = -1;
-  double seconds = 0;
-  std::string output;
-};
-
-CaseRun run(const std::string& name) {
-  CaseRun result;
-  const auto start = std::chrono::steady_clock::now();
-  FILE* pipe = popen(("timeout 60 " HARD_CASE " " + name + " 2>&1").c_str(), "r");
-  std::array<char, 4096> text{};
-  while (fgets(text.data(), text.size(), pipe) != nullptr) {
-    result.output += text.data();
-  }
-  const int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  return result;
-}
+ProgramRun run(const std::string& name) { return runProgram(QURN_EMULATOR HARD_CASE " " + name); }
 
 // The names of each report's frames, innermost first.
 std::vector<Names> reports(const std::string& output) {
@@ -64,7 +47,7 @@ void expectSafeHandler(const std::string& output, int captures, bool painted) {
   ASSERT_TRUE(std::regex_search(output, said,
                                 std::regex(R"((\d+) captures, at most (\d+) bytes of stack)")));
   EXPECT_EQ(std::stoi(said[1]), captures);
-  EXPECT_LT(std::stoi(said[2]), 8192);
+  EXPECT_LT(std::stoul(said[2]), kMostHandlerStack);
   EXPECT_TRUE(!painted || std::stoi(said[2]) > 1000);
 }
 
@@ -80,7 +63,7 @@ std::string nameOf(const testing::TestParamInfo<Case>& info) { return info.param
 class HardCases : public testing::TestWithParam<Case> {};
 
 TEST_P(HardCases, AreReportedAndEndTheProcess) {
-  const CaseRun result = run(GetParam().name);
+  const ProgramRun result = run(GetParam().name);
   SCOPED_TRACE(result.output);
   EXPECT_EQ(result.status, 88);
   EXPECT_LT(result.seconds, 30);
@@ -126,7 +109,7 @@ class Rescued : public testing::TestWithParam<Case> {};
 
 // As many reports as threads, each whole.
 TEST_P(Rescued, EveryThreadIsReportedAndTheProcessGoesOn) {
-  const CaseRun result = run(GetParam().name);
+  const ProgramRun result = run(GetParam().name);
   SCOPED_TRACE(result.output);
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.output.find("CHANGED"), std::string::npos);
@@ -149,7 +132,7 @@ INSTANTIATE_TEST_SUITE_P(Stuck, Rescued,
 class Sampled : public testing::TestWithParam<Case> {};
 
 TEST_P(Sampled, EveryCaptureHoldsTheCaller) {
-  const CaseRun result = run(GetParam().name);
+  const ProgramRun result = run(GetParam().name);
   EXPECT_EQ(result.status, 0);
   const std::vector<Names> written = reports(result.output);
   ASSERT_EQ(written.size(), 300U);
@@ -168,7 +151,7 @@ INSTANTIATE_TEST_SUITE_P(Stuck, Sampled,
                          nameOf);
 
 TEST(Stepped, TheWalkIsRightBeforeEveryInstruction) {
-  const CaseRun result = run("stepped");
+  const ProgramRun result = run("stepped");
   if (result.status == 77) {
     GTEST_SKIP() << result.output;
   }
@@ -176,7 +159,7 @@ TEST(Stepped, TheWalkIsRightBeforeEveryInstruction) {
 }
 
 TEST(Debugged, AThreadIsReportedOnceTheDebuggerLetsItGo) {
-  const CaseRun result = run("debugged");
+  const ProgramRun result = run("debugged");
   SCOPED_TRACE(result.output);
   const size_t letGo = result.output.find("the debugger lets go");
   if (result.output.find("no debugging here") != std::string::npos) {
@@ -194,7 +177,7 @@ class Silenced : public testing::TestWithParam<const char*> {};
 // Names need the loader's lock, which is held for good: the detection thread waits for it too, and
 // its heartbeats stop.
 TEST_P(Silenced, TheGuardNotices) {
-  const CaseRun result = run(GetParam());
+  const ProgramRun result = run(GetParam());
   SCOPED_TRACE(result.output);
   EXPECT_EQ(result.status, 0);
   EXPECT_NE(result.output.find("trigger third threshold"), std::string::npos);

@@ -75,7 +75,6 @@ TEST(LegacyLog, RoutesRunLogsOnceTheHookIsInstalled) {
 }
 
 TEST(LegacyExit, DumpsTheBoxesLogsAndEndsTheProcessAtOnce) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_EXIT(
       {
         atexit([] { _exit(1); });  // must not run

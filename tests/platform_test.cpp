@@ -12,6 +12,8 @@
 #include <thread>
 
 #include "internal/machine_context.h"
+#include "support/emulated.h"
+#include "support/run_program.h"
 
 namespace {
 
@@ -100,9 +102,9 @@ TEST(Duration, IsANumberAndAUnitThatFit32Bits) {
 
 std::vector<std::string> logOf(const std::string& environment, const std::string& what) {
   const std::string path = temporaryFile(".log");
-  const std::string command =
-      environment + " TOV_LOG_TARGET=file:" + path + " " LOG_LINES " " + what;
-  EXPECT_EQ(std::system(command.c_str()), 0);
+  const ProgramRun run = runProgram("env " + environment + " TOV_LOG_TARGET=file:" + path +
+                                    " " QURN_EMULATOR LOG_LINES " " + what);
+  EXPECT_EQ(run.status, 0) << run.output;
   std::vector<std::string> lines;
   std::ifstream file(path);
   for (std::string line; std::getline(file, line);) {
@@ -116,8 +118,8 @@ TEST(Log, WritesOneReadableLineAMessageDownToTheLevelAskedFor) {
   const std::vector<std::string> all = logOf("", "levels");
   ASSERT_EQ(all.size(), 4U);
   const std::string stamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )";
-  EXPECT_TRUE(std::regex_match(
-      all[0], std::regex(stamp + R"(info \[log_lines:\d+\] 0 unit:42 information 1)")))
+  EXPECT_TRUE(std::regex_match(all[0], std::regex(stamp + R"(info \[)" + processName("log_lines") +
+                                                  R"(:\d+\] 0 unit:42 information 1)")))
       << all[0];
   EXPECT_NE(all[3].find("legacy text"), std::string::npos);
   EXPECT_EQ(logOf("TOV_LOG_LEVEL=warning", "levels").size(), 2U);

@@ -91,6 +91,7 @@ TEST_F(SignalCapture, OnlyTheWholeSignalCaptures) {
 
 std::atomic<bool> g_holdWalk{false};
 std::atomic<bool> g_walking{false};
+uint64_t* g_walkResult = nullptr;  // in the block that the record is in too
 
 }  // namespace
 
@@ -100,6 +101,7 @@ extern "C" uint32_t KEM_ExceptCallStackGetEx(void* context, uint32_t most, uint3
     g_walking = true;
   }
   g_walking = false;
+  g_walkResult = addresses;
   static auto* const next = reinterpret_cast<decltype(&KEM_ExceptCallStackGetEx)>(
       dlsym(RTLD_NEXT, "KEM_ExceptCallStackGetEx"));
   return next(context, most, option, addresses, depth);
@@ -147,6 +149,49 @@ TEST_F(SignalCapture, InvalidThreadsAndFailedSignalsLeaveTheStatusIdle) {
              "Signal " + std::to_string(kSignal) + " send to thread " + self + " unsuccessfully.",
              "Thread deadloop send signal unsuccessfully. (ret=4294967295)"}));
   EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
+}
+
+// Names the registers as the system does, and numbers them as the record's readers do.
+void fillByHand(mcontext_t& machine) {
+#if defined(__x86_64__)
+  for (int i = 0; i < NGREG; ++i) {
+    machine.gregs[i] = 100 + i;
+  }
+#else
+  machine.fault_address = 100;
+  for (uint64_t i = 0; i <= 30; ++i) {
+    machine.regs[i] = 101 + i;
+  }
+  machine.sp = 132;
+  machine.pc = 133;
+  machine.pstate = 134;
+#endif
+}
+
+TEST_F(SignalCapture, RecordsTheMachineContextWordForWord) {
+  uint64_t* addresses = nullptr;
+  char* text = nullptr;
+  FrameDeadloopDumpInfo* info = nullptr;
+  void* block = FrameDeadloopStackMemAlloc(&addresses, &text, &info);
+  const auto fromAddresses = reinterpret_cast<char*>(info) - reinterpret_cast<char*>(addresses);
+  free(block);
+  ucontext_t context{};
+  siginfo_t signal{};
+  fillByHand(context.uc_mcontext);
+  FrameDeadLoopSignalHandle(kSignal, &signal, &context);
+  info = reinterpret_cast<FrameDeadloopDumpInfo*>(reinterpret_cast<char*>(g_walkResult) +
+                                                  fromAddresses);
+#if defined(__x86_64__)
+  constexpr uint64_t kNumbered = NGREG;
+  constexpr uint64_t kStackPointer = 115;
+#else
+  constexpr uint64_t kNumbered = 35;
+  constexpr uint64_t kStackPointer = 132;
+#endif
+  for (uint64_t i = 0; i < FRAME_REGISTER_WORDS; ++i) {
+    EXPECT_EQ(info->registers[i], i < kNumbered ? 100 + i : 0) << i;
+  }
+  EXPECT_EQ(FrameStackSpGet(info->registers), kStackPointer);
 }
 
 TEST(StackSlice, LiesAroundTheStackPointerInsideTheStack) {

@@ -71,7 +71,6 @@ TEST_F(Tuning, SectionOperationsLogTheirFailures) {
 }
 
 TEST_F(Tuning, ASectionsActionIsTheFrameworksHookOfTheThreadOrTheProcessesEnd) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_EXIT(FrameSdkDeadloopAction(nullptr, 1, 2), testing::ExitedWithCode(88), "code 88");
   ASSERT_EQ(TovStandInDeadloopHookSet(77,
                                       [](uint64_t threadId, uint32_t elapsedMs) {

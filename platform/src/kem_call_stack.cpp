@@ -93,6 +93,25 @@ _Unwind_Reason_Code visitFrame(_Unwind_Context* frame, void* argument) {
   return walk.full() ? _URC_NORMAL_STOP : _URC_NO_REASON;
 }
 
+#if defined(QURN_HAS_LINK_REGISTER)
+// Code without tables that calls nothing has its caller in the link register: so have the linker's
+// call stubs. The handler's own context takes the caller's place for a second walk.
+void walkFromLinkRegister(Walk& walk, uint64_t* registers) {
+  const uint64_t caller = registers[qurn::kLinkRegisterWord];
+  const uint64_t interrupted = walk.interruptedPc;
+  walk.interruptedPc = caller - qurn::kCallBytes;
+  walk.reachedInterrupted = false;
+  walk.framesSkipped = 0;
+  walk.add(caller);
+  registers[qurn::kProgramCounterWord] = walk.interruptedPc;
+  _Unwind_Backtrace(visitFrame, &walk);
+  registers[qurn::kProgramCounterWord] = interrupted;
+  if (walk.depth == 2 && !walk.reachedBottom) {
+    walk.depth = 1;  // no code that tables tell of either
+  }
+}
+#endif
+
 // Asks the kernel to read the eight bytes, which fails where we would fault: an invalid request
 // number makes the call change nothing.
 bool isReadable(uint64_t address) {
@@ -141,7 +160,7 @@ uint32_t KEM_ExceptCallStackGetEx(void* context, uint32_t maxDepth, uint32_t /*o
   if (context == nullptr || addresses == nullptr || depth == nullptr || maxDepth == 0) {
     return QURN_INVALID_ARGUMENT;
   }
-  const uint64_t* registers = qurn::machineWords(context);
+  uint64_t* registers = qurn::machineWords(context);
   Walk walk{};
   walk.interruptedPc = registers[qurn::kProgramCounterWord];
   walk.addresses = addresses;
@@ -149,6 +168,11 @@ uint32_t KEM_ExceptCallStackGetEx(void* context, uint32_t maxDepth, uint32_t /*o
   walk.last = {registers[qurn::kStackPointerWord], registers[qurn::kFramePointerWord]};
   walk.add(walk.interruptedPc);  // whatever the unwinder says
   _Unwind_Backtrace(visitFrame, &walk);
+#if defined(QURN_HAS_LINK_REGISTER)
+  if (walk.depth == 1 && !walk.full() && !walk.reachedBottom) {
+    walkFromLinkRegister(walk, registers);
+  }
+#endif
   if (!walk.reachedBottom) {
     walkFramePointers(walk);
   }

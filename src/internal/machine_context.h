@@ -22,6 +22,11 @@ inline constexpr std::size_t kStackPointerWord = 32;
 inline constexpr std::size_t kProgramCounterWord = 33;
 inline constexpr std::size_t kFramePointerWord = 30;
 inline constexpr int kFramePointerDwarfRegister = 29;
+// Where a called function that has saved nothing yet finds its return address, which lies after the
+// calling instruction.
+#define QURN_HAS_LINK_REGISTER
+inline constexpr std::size_t kLinkRegisterWord = 31;
+inline constexpr uint64_t kCallBytes = 4;
 static_assert(offsetof(mcontext_t, sp) == kStackPointerWord * sizeof(uint64_t));
 static_assert(offsetof(mcontext_t, pc) == kProgramCounterWord * sizeof(uint64_t));
 #else
@@ -29,9 +34,8 @@ static_assert(offsetof(mcontext_t, pc) == kProgramCounterWord * sizeof(uint64_t)
 #endif
 
 // The machine context as the 64-bit words that the constants above index.
-inline const uint64_t* machineWords(const void* userContext) noexcept {
-  return reinterpret_cast<const uint64_t*>(
-      &static_cast<const ucontext_t*>(userContext)->uc_mcontext);
+inline uint64_t* machineWords(void* userContext) noexcept {
+  return reinterpret_cast<uint64_t*>(&static_cast<ucontext_t*>(userContext)->uc_mcontext);
 }
 
 }  // namespace qurn

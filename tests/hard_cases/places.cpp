@@ -22,6 +22,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "handler_stack.h"
 #include "hard_case.h"
 
 #define PLACE extern "C" __attribute__((noinline, noclone))
@@ -204,9 +205,8 @@ PLACE void at_raise_to_alternate_stack() {
   raise(SIGUSR1);
 }
 
-// Leaves eight kilobytes of the stack, whose bounds the thread asks for beforehand.
+// Leaves what the handler may need of the stack, whose bounds the thread asks for beforehand.
 PLACE void at_end_of_stack() {
-  constexpr uint64_t kLeft = 8192;
   pthread_attr_t attributes;
   void* start = nullptr;
   size_t size = 0;
@@ -214,7 +214,7 @@ PLACE void at_end_of_stack() {
   pthread_attr_getstack(&attributes, &start, &size);
   pthread_attr_destroy(&attributes);
   const auto here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
-  const uint64_t used = here - reinterpret_cast<uint64_t>(start) - kLeft;
+  const uint64_t used = here - reinterpret_cast<uint64_t>(start) - kMostHandlerStack;
   auto* volatile filler = static_cast<char*>(alloca(used));
   filler[0] = 1;
   at_spin();
@@ -224,33 +224,43 @@ PLACE void at_stripped_library() { at_library_entry(&g_libraryRescued); }
 
 // ---- registers
 
+#define FIRST_SIXTEEN(F) \
+  F(0) F(1) F(2) F(3) F(4) F(5) F(6) F(7) F(8) F(9) F(10) F(11) F(12) F(13) F(14) F(15)
 #if defined(__x86_64__)
+#define EACH(F) FIRST_SIXTEEN(F)
+#define LOAD(N) "movaps " #N "*16(%[before]), %%xmm" #N "\n"
+#define STORE(N) "movaps %%xmm" #N ", " #N "*16(%[after])\n"
+#define SPIN "1: cmpb $0, (%[flag])\n je 1b\n"
+#define CLOBBER(N) , "xmm" #N
+#define SPIN_CLOBBER
+constexpr size_t kVectors = 16;
+#else
+#define EACH(F)    \
+  FIRST_SIXTEEN(F) \
+  F(16) F(17) F(18) F(19) F(20) F(21) F(22) F(23) F(24) F(25) F(26) F(27) F(28) F(29) F(30) F(31)
+#define LOAD(N) "ldr q" #N ", [%[before], #" #N "*16]\n"
+#define STORE(N) "str q" #N ", [%[after], #" #N "*16]\n"
+#define SPIN "1: ldrb w9, [%[flag]]\n cbz w9, 1b\n"
+#define CLOBBER(N) , "v" #N
+#define SPIN_CLOBBER , "x9"
+constexpr size_t kVectors = 32;
+#endif
+
 // Spins with every vector register set, and looks at them afterwards.
 PLACE void at_registers() {
-  alignas(16) std::array<uint64_t, 32> before{};
-  alignas(16) std::array<uint64_t, 32> after{};
+  alignas(16) std::array<uint64_t, 2 * kVectors> before{};
+  alignas(16) std::array<uint64_t, 2 * kVectors> after{};
   for (size_t i = 0; i < before.size(); ++i) {
     before[i] = 0x0123456789ABCDEFULL * (i + 1);
   }
   errno = 1234;
-#define EACH(F) \
-  F(0) F(1) F(2) F(3) F(4) F(5) F(6) F(7) F(8) F(9) F(10) F(11) F(12) F(13) F(14) F(15)
-#define LOAD(N) "movaps " #N "*16(%[before]), %%xmm" #N "\n"
-#define STORE(N) "movaps %%xmm" #N ", " #N "*16(%[after])\n"
-#define CLOBBER(N) , "xmm" #N
-  asm volatile(EACH(LOAD) "1: cmpb $0, (%[flag])\n je 1b\n" EACH(STORE)
+  asm volatile(EACH(LOAD) SPIN EACH(STORE)
                :
                : [before] "r"(before.data()), [after] "r"(after.data()), [flag] "r"(&g_rescued)
-               : "memory", "cc" EACH(CLOBBER));
+               : "memory", "cc" SPIN_CLOBBER EACH(CLOBBER));
   const bool kept = before == after && errno == 1234;
   printf("registers and errno %s\n", kept ? "kept" : "CHANGED");
 }
-#else
-PLACE void at_registers() {
-  at_spin();
-  printf("registers and errno kept\n");
-}
-#endif
 
 // ---- beside a debugger
 
