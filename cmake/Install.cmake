@@ -12,10 +12,12 @@ install(DIRECTORY include/qurnadapt DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMP
 install(DIRECTORY platform/include/tovplatform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         COMPONENT platform)
 if(QURN_BUILD_EXAMPLES)
-  install(TARGETS qurn_host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT examples)
+  install(TARGETS qurn_host qurn_guard RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT examples)
   install(TARGETS legacy_component LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT examples)
   install(FILES examples/host/host.yaml DESTINATION ${CMAKE_INSTALL_DATADIR}/qurnadapt
           COMPONENT examples)
+  install(FILES ${PROJECT_BINARY_DIR}/examples/qurn-host.service
+          DESTINATION ${CMAKE_INSTALL_PREFIX}/lib/systemd/system COMPONENT examples)
 endif()
 
 # Two sets of targets, because a host with a real platform does without the stand-in.

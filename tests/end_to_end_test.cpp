@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -21,11 +22,12 @@ constexpr int kManyDeadLoops = 1000;
 
 namespace {
 
-ProgramRun runHost(const std::string& options, int mostSeconds = 30) {
-  return runProgram(QURN_EMULATOR QURN_HOST
-                        " --period 200 --thresholds 1,1,2 --seconds 5 --config " QURN_HOST_CONFIG
-                        " " +
-                        options,
+// The host under its guard, which does not restart it unless told to.
+ProgramRun runHost(const std::string& options, int mostSeconds = 30,
+                   const std::string& guard = "--restarts 0") {
+  const std::string host = QURN_EMULATOR QURN_HOST " --period 200 --thresholds 1,1,2 --seconds 5";
+  return runProgram(QURN_EMULATOR QURN_GUARD " " + guard + " " + host +
+                        " --config " QURN_HOST_CONFIG " " + options,
                     mostSeconds);
 }
 
@@ -100,6 +102,62 @@ TEST(Host, EndsWithStatus88WhereASectionHangsOrARebootIsAsked) {
   EXPECT_EQ(reboot.status, 88);
   EXPECT_TRUE(reboot.has("Frame reboot announce.") && !reboot.has("trigger third"))
       << reboot.output;
+}
+
+// ---- under its guard, over several lives
+
+size_t count(const ProgramRun& run, const std::string& text) {
+  size_t times = 0;
+  for (size_t at = run.at(text); at != std::string::npos; at = run.output.find(text, at + 1)) {
+    ++times;
+  }
+  return times;
+}
+
+TEST(Guarded, ADeadLoopIsReportedEndsTheProcessAndItIsRestarted) {
+  const ProgramRun run = runHost("--scenario loop", 60, "--restarts 2 --delay 0.2");
+  SCOPED_TRACE(run.output);
+  EXPECT_EQ(run.status, 88);
+  EXPECT_EQ(count(run, "guard: READY=1"), 3U);
+  EXPECT_EQ(count(run, "Captured process"), 3U);
+  EXPECT_EQ(count(run, "guard: ended with status 88"), 3U);
+  const std::string first = "guard: restart 1 of 2 in 0.2 s";
+  EXPECT_LT(run.at("ZOT_Exit with code 88."), run.at(first));
+  EXPECT_LT(run.at(first), run.at("guard: restart 2 of 2 in 0.4 s"));
+  EXPECT_TRUE(run.has("guard: not restarted again"));
+}
+
+TEST(Guarded, AStoppedProcessIsKilledAndRestarted) {
+  const ProgramRun run =
+      runHost("--scenario freeze", 60, "--restarts 1 --delay 0.1 --watchdog 1.5");
+  SCOPED_TRACE(run.output);
+  EXPECT_EQ(run.status, 128 + SIGKILL);
+  EXPECT_EQ(count(run, "guard: READY=1"), 2U);
+  EXPECT_EQ(count(run, "guard: no heartbeat for 1.5 s, killed"), 2U);
+  EXPECT_EQ(count(run, "guard: restart"), 1U);
+}
+
+TEST(Guarded, OtherEndsAreHandedOn) {
+  const std::pair<const char*, int> commands[] = {{"sh -c 'exit 3'", 3},
+                                                  {"sh -c 'kill -SEGV $$'", 128 + SIGSEGV},
+                                                  {"no-such-program", 127},
+                                                  {"--watchdog 0 true", 2}};
+  for (const auto& [command, status] : commands) {
+    const ProgramRun run = runProgram(QURN_EMULATOR QURN_GUARD " " + std::string(command));
+    EXPECT_EQ(run.status, status) << run.output;
+    EXPECT_FALSE(run.has("guard: restart")) << run.output;
+  }
+}
+
+TEST(Guarded, ARequestToStopReachesTheService) {
+  // The shell that stands between sends it to the guard, which alone is its child.
+  const ProgramRun run = runProgram("sh -c '" QURN_EMULATOR QURN_GUARD " " QURN_EMULATOR QURN_HOST
+                                    " --scenario healthy --seconds 0 --config " QURN_HOST_CONFIG
+                                    " & sleep 3; kill $!; wait $!'");
+  SCOPED_TRACE(run.output);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_TRUE(run.has("host: done"));
+  EXPECT_TRUE(run.has("guard: ended with status 0"));
 }
 
 TEST(Host, DoesNotGrowOverManyDeadLoops) {

@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,7 +17,6 @@
 #include <thread>
 #include <vector>
 
-#include "guard_socket.h"
 #include "scenarios.h"
 
 namespace {
@@ -55,7 +55,7 @@ void listScenarios() {
 [[noreturn]] void usage(int status) {
   std::fputs(
       "usage: qurn-host [--scenario NAME] [--thresholds INFO,WARNING,FATAL (s)] [--period MS]\n"
-      "                 [--config FILE] [--seconds N]\n"
+      "                 [--config FILE] [--seconds N (0: until SIGTERM)]\n"
       "       qurn-host --list\n",
       status == 0 ? stdout : stderr);
   std::exit(status);
@@ -111,6 +111,20 @@ uint32_t startService(const Options& options) {
   return ret != QURN_OK ? ret : FrameKeepAliveByNotifySendReady();
 }
 
+// In every thread, for main to take.
+sigset_t blockRequestsToStop() {
+  sigset_t requests;
+  sigemptyset(&requests);
+  sigaddset(&requests, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &requests, nullptr);
+  return requests;
+}
+
+void waitForTheEnd(int seconds, const sigset_t& requests) {
+  const timespec most{seconds, 0};
+  sigtimedwait(&requests, nullptr, seconds > 0 ? &most : nullptr);
+}
+
 }  // namespace
 
 // Plain exported name, as a report shows it.
@@ -138,9 +152,7 @@ extern "C" void worker_main(const Options& options, int number) {
 
 int main(int argc, char** argv) {
   const Options options = parseOptions(argc, argv);
-  if (!startGuard()) {
-    return 1;
-  }
+  const sigset_t requests = blockRequestsToStop();
   if (dlopen("libbexlin.so", RTLD_NOW | RTLD_GLOBAL) == nullptr) {
     std::fprintf(stderr, "host: no process guard: %s\n", dlerror());
   }
@@ -157,7 +169,7 @@ int main(int argc, char** argv) {
   for (int number = 1; number <= kWorkers; ++number) {
     workers.emplace_back(worker_main, std::cref(options), number);
   }
-  std::this_thread::sleep_for(std::chrono::seconds(options.seconds));
+  waitForTheEnd(options.seconds, requests);
   g_stopping = true;
   for (std::thread& worker : workers) {
     worker.join();

@@ -123,6 +123,11 @@ bool ask_for_a_reboot(FrameDeadloopHandle& /*self*/) {
   return true;
 }
 
+bool stop_the_process(FrameDeadloopHandle& /*self*/) {
+  kill(getpid(), SIGSTOP);
+  return true;
+}
+
 bool provoke_ignored_signals(FrameDeadloopHandle& /*self*/) {
   std::array<int, 2> ends{};
   if (pipe(ends.data()) != 0) {
@@ -161,7 +166,7 @@ bool get_stuck_in_the_allocator(FrameDeadloopHandle& /*self*/) {
 
 namespace {
 
-constexpr std::array<Scenario, 14> kScenarios{{
+constexpr std::array<Scenario, 15> kScenarios{{
     {"loop", "a worker enters an endless loop", QURN_EXIT_STATUS, "spin_until_rescued", nullptr,
      enter_a_loop},
     {"mutex", "a worker waits for a lock that is never released", QURN_EXIT_STATUS, "wait_for_lock",
@@ -181,6 +186,8 @@ constexpr std::array<Scenario, 14> kScenarios{{
     {"component", "a component written against the legacy calls does its work and finalises", 0,
      nullptr, nullptr, run_a_legacy_component},
     {"reboot", "a worker asks for a reboot", QURN_EXIT_STATUS, nullptr, nullptr, ask_for_a_reboot},
+    {"freeze", "the whole process is stopped, and its guard kills it", 128 + SIGKILL, nullptr,
+     nullptr, stop_the_process},
     {"ignore", "signals that the configuration ignores do not disturb", 0, nullptr, nullptr,
      provoke_ignored_signals},
     {"exit", "a worker ends without stopping its heartbeat", 0, nullptr, nullptr,
