@@ -124,7 +124,6 @@ TEST(Guarded, ADeadLoopIsReportedEndsTheProcessAndItIsRestarted) {
   const std::string first = "guard: restart 1 of 2 in 0.2 s";
   EXPECT_LT(run.at("ZOT_Exit with code 88."), run.at(first));
   EXPECT_LT(run.at(first), run.at("guard: restart 2 of 2 in 0.4 s"));
-  EXPECT_TRUE(run.has("guard: not restarted again"));
 }
 
 TEST(Guarded, AStoppedProcessIsKilledAndRestarted) {

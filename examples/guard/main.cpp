@@ -206,11 +206,7 @@ int guard(const Options& options, NotifySocket& notifications, int signals) {
     const End end = Run(options, notifications, signals).live();
     dprintf(STDOUT_FILENO, "guard: ended with status %d after %.1f s%s\n", end.status,
             seconds(end.life), end.status == kDeadLoop ? ": dead loop" : "");
-    if (!restartHelps(end)) {
-      return end.status;
-    }
-    if (restarts >= options.restarts) {
-      dprintf(STDOUT_FILENO, "guard: not restarted again\n");
+    if (!restartHelps(end) || restarts >= options.restarts) {
       return end.status;
     }
     if (end.life > kLongestDelay) {

@@ -36,7 +36,7 @@ class NotifySocket {
   }
 
   // The next message, or nothing when it is from another process than the sender.
-  std::string receive(pid_t sender) {
+  [[nodiscard]] std::string receive(pid_t sender) const {
     std::array<char, 4096> text{};
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
     iovec part{text.data(), text.size()};
