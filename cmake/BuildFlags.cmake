@@ -5,7 +5,9 @@ target_compile_definitions(qurn_build_flags INTERFACE _GNU_SOURCE)
 target_compile_options(
   qurn_build_flags
   INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror
-            -fstack-protector-strong)
+            -fstack-protector-strong
+            # The same file from whatever directory it was built in.
+            -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 # Landing pads for indirect jumps, and return addresses that are checked, where the machine has it.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64")
   target_compile_options(qurn_build_flags INTERFACE -fcf-protection=full)

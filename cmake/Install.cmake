@@ -1,5 +1,6 @@
-# What is installed, in four components: the library (runtime), what building against it needs
-# (development), the stand-in platform with the guard's client (platform), and the examples.
+# What is installed, in five components: the library (runtime), what building against it needs
+# (development), the stand-in platform with the guard's client (platform), the reader of reports
+# (tools), and the examples.
 include(CMakePackageConfigHelpers)
 
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qurnadapt)
@@ -18,6 +19,9 @@ if(QURN_BUILD_EXAMPLES)
           COMPONENT examples)
   install(FILES ${PROJECT_BINARY_DIR}/examples/qurn-host.service
           DESTINATION ${CMAKE_INSTALL_PREFIX}/lib/systemd/system COMPONENT examples)
+endif()
+if(QURN_BUILD_TOOLS)
+  install(TARGETS qurn_report RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 endif()
 
 # Two sets of targets, because a host with a real platform does without the stand-in.
@@ -55,6 +59,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libqurnadapt2 (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_NAME libtovplatform)
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME qurnadapt-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME qurnadapt-examples)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_DEPENDS "libqurnadapt2 (= ${PROJECT_VERSION}), libtovplatform (= ${PROJECT_VERSION})")
 include(CPack)

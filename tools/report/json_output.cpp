@@ -1,0 +1,70 @@
+#include <nlohmann/json.hpp>
+
+#include "output.h"
+#include "symbols.h"
+
+namespace qurn::report {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json orNull(const std::string& text) { return text.empty() ? Json() : Json(text); }
+
+template <typename Number>
+Json orNull(Number value) {
+  return value == 0 ? Json() : Json(value);
+}
+
+Json silenceOf(const DeadLoop& loop) {
+  Json silence = Json::array();
+  for (const Crossing& crossing : loop.silence) {
+    silence.push_back({{"threshold", crossing.threshold},
+                       {"at", orNull(crossing.at)},
+                       {"silent_ms", crossing.silentMs}});
+  }
+  return silence;
+}
+
+Json framesOf(const DeadLoop& loop) {
+  Json frames = Json::array();
+  for (const Frame& frame : loop.frames) {
+    frames.push_back({{"text", frame.text},
+                      {"function", frame.symbol.empty() ? Json() : Json(demangled(frame.symbol))},
+                      {"offset", frame.symbol.empty() ? Json() : Json(frame.offset)},
+                      {"address", orNull(frame.address)},
+                      {"source", orNull(frame.sourceLine)}});
+  }
+  return frames;
+}
+
+Json decisionOf(const Decision& decision) {
+  return {{"at", orNull(decision.at)},
+          {"thread_hook", decision.threadHook},
+          {"process_hook", decision.processHook},
+          {"exit_status", decision.exitStatus ? Json(*decision.exitStatus) : Json()}};
+}
+
+}  // namespace
+
+void writeJson(std::ostream& out, const std::vector<DeadLoop>& loops) {
+  Json all = Json::array();
+  for (const DeadLoop& loop : loops) {
+    all.push_back({{"process", orNull(loop.process)},
+                   {"process_id", orNull(loop.processId)},
+                   {"thread", orNull(loop.thread)},
+                   {"thread_id", orNull(loop.threadId)},
+                   {"thresholds_ms", loop.silence.empty() ? Json() : Json(loop.thresholdsMs)},
+                   {"silence", silenceOf(loop)},
+                   {"signal", orNull(loop.signal)},
+                   {"signal_failed", loop.signalFailed},
+                   {"captured", loop.captured},
+                   {"reported_at", orNull(loop.reportedAt)},
+                   {"capture_stamp_utc8", orNull(loop.captureStamp)},
+                   {"frames", framesOf(loop)},
+                   {"decision", loop.decision.made() ? decisionOf(loop.decision) : Json()}});
+  }
+  // A log need not be UTF-8, JSON must.
+  out << all.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+}
+
+}  // namespace qurn::report

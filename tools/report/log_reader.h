@@ -1,0 +1,15 @@
+// Finds dead loops in a log.
+#pragma once
+
+#include <istream>
+#include <vector>
+
+#include "dead_loop.h"
+
+namespace qurn::report {
+
+// In the order in which their third thresholds, or else their reports, stand in the log. Lines of
+// several processes may be mixed if each names its writer as "[NAME:ID]" or "[ID]".
+std::vector<DeadLoop> readLog(std::istream& log);
+
+}  // namespace qurn::report

@@ -1,0 +1,139 @@
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "output.h"
+#include "symbols.h"
+
+namespace qurn::report {
+namespace {
+
+constexpr size_t kBarWidth = 20;
+constexpr std::array<const char*, 3> kOrdinals{"first", "second", "third"};
+
+struct Colours {
+  std::string_view title, note, warning, alarm, faint, none;
+};
+constexpr Colours kColours{"\033[1m", "\033[32m", "\033[33m", "\033[31m", "\033[2m", "\033[0m"};
+
+// A log may hold what a terminal would obey.
+std::string printable(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
+  return text;
+}
+
+std::string seconds(uint32_t ms) {
+  std::array<char, 16> text{};
+  std::snprintf(text.data(), text.size(), "%.1f s", ms / 1000.0);
+  return text.data();
+}
+
+std::string padded(std::string text, size_t width) {
+  text.resize(std::max(text.size(), width), ' ');
+  return text;
+}
+
+std::string decisionOf(const DeadLoop& loop) {
+  const Decision& decision = loop.decision;
+  if (decision.byDefault) {
+    return "no hook of its own: the process " +
+           (decision.exitStatus ? "ended with status " + std::to_string(*decision.exitStatus)
+                                : std::string("was to be ended"));
+  }
+  if (decision.threadHook || decision.processHook) {
+    return std::string("left to ") + (decision.threadHook ? "the thread's own hook" : "") +
+           (decision.threadHook && decision.processHook ? " and " : "") +
+           (decision.processHook ? "the process-wide hook" : "");
+  }
+  return "the log ends before a decision";
+}
+
+class TextWriter {
+ public:
+  TextWriter(std::ostream& out, bool inColour)
+      : out_(out), colours_(inColour ? kColours : Colours{}) {}
+
+  void write(const DeadLoop& loop) {
+    writeTitle(loop);
+    writeTimeline(loop);
+    writeTrace(loop);
+  }
+
+ private:
+  void writeTitle(const DeadLoop& loop) {
+    out_ << colours_.title << "Dead loop";
+    if (!loop.thread.empty()) {
+      out_ << " of thread " << printable(loop.thread) << " (" << loop.threadId << ")";
+    }
+    if (!loop.process.empty()) {
+      out_ << " in " << printable(loop.process) << " (process " << loop.processId << ")";
+    }
+    out_ << colours_.none << "\n";
+  }
+
+  void writeTimeline(const DeadLoop& loop) {
+    const uint32_t longest = loop.silence.empty() ? 1 : std::max(1U, loop.silence.back().silentMs);
+    const std::array<std::string_view, 3> levels{colours_.note, colours_.warning, colours_.alarm};
+    for (const Crossing& crossing : loop.silence) {
+      const auto index = static_cast<size_t>(crossing.threshold - 1);
+      const size_t bar = kBarWidth * crossing.silentMs / longest;
+      writeEvent(crossing.at, "silent for " + padded(seconds(crossing.silentMs), 7) + " " +
+                                  std::string(levels.at(index)) +
+                                  padded(std::string(bar, '='), kBarWidth) +
+                                  std::string(colours_.none) + "  " + kOrdinals.at(index) +
+                                  " threshold, " + seconds(loop.thresholdsMs.at(index)));
+    }
+    const std::string signal =
+        loop.signal == 0 ? "the signal" : "signal " + std::to_string(loop.signal);
+    if (loop.captured) {
+      writeEvent(loop.reportedAt,
+                 "captured by " + signal + " (" + printable(loop.captureStamp) + " UTC+8)");
+      writeEvent(loop.decision.at, decisionOf(loop));
+    } else if (loop.signalFailed) {
+      writeEvent("", "not captured: " + signal + " could not be sent");
+    } else {
+      writeEvent(
+          "", "not captured by " + signal + " in this log: blocked, or not back from the kernel");
+    }
+  }
+
+  void writeEvent(const LogTime& at, const std::string& what) {
+    out_ << "  " << colours_.faint << padded(at, widest_) << colours_.none << "  " << what << "\n";
+    widest_ = std::max(widest_, at.size());
+  }
+
+  void writeTrace(const DeadLoop& loop) {
+    size_t index = 0;
+    for (const Frame& frame : loop.frames) {
+      std::array<char, 24> offset{};
+      std::snprintf(offset.data(), offset.size(), "+0x%llx",
+                    static_cast<unsigned long long>(frame.offset));
+      out_ << padded("  #" + std::to_string(index++), 6) << " "
+           << printable(frame.symbol.empty() ? frame.text : demangled(frame.symbol))
+           << (frame.symbol.empty() || frame.offset == 0 ? "" : offset.data());
+      if (!frame.sourceLine.empty()) {
+        out_ << colours_.faint << "  " << frame.sourceLine << colours_.none;
+      }
+      out_ << "\n";
+    }
+  }
+
+  std::ostream& out_;
+  const Colours colours_;
+  size_t widest_ = 0;  // time stamp so far
+};
+
+}  // namespace
+
+void writeText(std::ostream& out, const std::vector<DeadLoop>& loops, bool inColour) {
+  TextWriter writer(out, inColour);
+  for (const DeadLoop& loop : loops) {
+    writer.write(loop);
+    out << (&loop == &loops.back() ? "" : "\n");
+  }
+}
+
+}  // namespace qurn::report
