@@ -232,8 +232,7 @@ TEST(Report, OfARealProcessHasTheSourceOfWhereItWasStuck) {
   EXPECT_EQ(loops[0]["decision"]["exit_status"], 88);
   std::string source;
   for (const Json& frame : loops[0]["frames"]) {
-    source =
-        frame["function"] == "spin_until_rescued" ? frame["source"].get<std::string>() : source;
+    source = frame["function"] == "enter_a_loop" ? frame["source"].get<std::string>() : source;
   }
   EXPECT_TRUE(source.starts_with("examples/host/scenarios.cpp:")) << run.output;
 }

@@ -8,6 +8,7 @@
 /* Marks the names that the shared library exports; everything else stays hidden. */
 #define QURN_API __attribute__((visibility("default")))
 
+/* Stand around the declarations of a header: C linkage. */
 #ifdef __cplusplus
 #define QURN_BEGIN_DECLS extern "C" {
 #define QURN_END_DECLS }

@@ -17,15 +17,16 @@ QURN_BEGIN_DECLS
 #define FRAME_CALL_STACK_DEPTH 20U   /* Most frames in a record. */
 #define FRAME_CAPTURE_TIME_LEN 32U   /* Capacity of the time text, terminator included. */
 
+/* One entry of a captured call stack. */
 typedef struct FrameCallStackEntry {
   uint64_t address; /* Code address of one frame. */
 } FrameCallStackEntry;
 
 /* The captured state of one stuck thread. */
 typedef struct FrameDeadloopDumpInfo {
-  uint64_t registers[FRAME_REGISTER_WORDS]; /* The start of the machine context, rest zero. */
-  uint64_t stackDumpStart;                  /* Lowest address copied; 0 when none was. */
-  uint8_t stackBytes[FRAME_STACK_DUMP_BYTES];
+  uint64_t registers[FRAME_REGISTER_WORDS];   /* The start of the machine context, rest zero. */
+  uint64_t stackDumpStart;                    /* Lowest address copied; 0 when none was. */
+  uint8_t stackBytes[FRAME_STACK_DUMP_BYTES]; /* The copy, from stackDumpStart upwards. */
   FrameCallStackEntry callStack[FRAME_CALL_STACK_DEPTH]; /* Innermost first, without gaps. */
   char captureTime[FRAME_CAPTURE_TIME_LEN];              /* When the report was written. */
 } FrameDeadloopDumpInfo;
@@ -54,11 +55,13 @@ QURN_API uint32_t FrameThreadDeadloopPrint(pthread_t thread);
 
 /* ---- Internal steps ---- */
 
+/* Installs the signal handler. Returns 0 or 0xFFFFFFFF. */
 QURN_API uint32_t FrameDeadLoopSignalFuncReg(void);
 /* One zero-filled block for the three parts that are handed out, never freed; null without
  * memory.*/
 QURN_API void* FrameDeadloopStackMemAlloc(uint64_t** addresses, char** symbolText,
                                           FrameDeadloopDumpInfo** dumpInfo);
+/* Clears the record and sends the signal. Returns 0, or 0xFFFFFFFF with the status idle again. */
 QURN_API uint32_t FrameDeadloopSignalSend(pthread_t thread);
 /* The signal handler. Async-signal-safe, preserves errno, allocates and logs nothing. */
 QURN_API void FrameDeadLoopSignalHandle(int sig, siginfo_t* info, void* context);

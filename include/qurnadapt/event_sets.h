@@ -13,9 +13,9 @@ QURN_BEGIN_DECLS
 /* What data.ptr of a dispatched event points to. Owned by the library: valid during the event
  * process function that receives it, and not to be kept or freed. */
 typedef struct FrameMntEpollData {
-  char setName[FRAME_MNT_SET_NAME_LEN];
-  int32_t fd;                     /* The registered descriptor. */
-  struct FrameMntEpollData* next; /* The library's own bookkeeping. */
+  char setName[FRAME_MNT_SET_NAME_LEN]; /* The set that handles the descriptor. */
+  int32_t fd;                           /* The registered descriptor. */
+  struct FrameMntEpollData* next;       /* The library's own bookkeeping. */
 } FrameMntEpollData;
 
 /* Handles one readable descriptor of a set. Runs on the detection thread with the event-set lock

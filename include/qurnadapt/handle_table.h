@@ -13,8 +13,8 @@
 
 QURN_BEGIN_DECLS
 
-#define NBB_SLOTS_PER_PAGE 256U
-#define NBB_PAGES_MAX 4096U
+#define NBB_SLOTS_PER_PAGE 256U /* Slots of one page. */
+#define NBB_PAGES_MAX 4096U     /* Most pages of one table. */
 /* A page is added before a handle is given out while no more slots than this are free. */
 #define NBB_FREE_SLOTS_RESERVED 1024
 /* An empty page goes back to memory only while more slots than this are free. */
@@ -23,33 +23,33 @@ QURN_BEGIN_DECLS
 /* 256 slots. A used slot holds the caller's pointer, which must not point into a page's slots; a
  * free one the address of the page's next free slot, 0 in the last. */
 typedef struct NbbHndPage {
-  uint64_t slots[NBB_SLOTS_PER_PAGE];
+  uint64_t slots[NBB_SLOTS_PER_PAGE]; /* As said above. */
   uint64_t* freeList; /* Null while the list is the table's free queue, and when no slot is free. */
-  uint8_t generations[NBB_SLOTS_PER_PAGE];
-  uint32_t usedCount;
-  int32_t nextPage; /* Neighbours in the ring of allocated pages, which ascends by index. */
-  int32_t prevPage;
+  uint8_t generations[NBB_SLOTS_PER_PAGE]; /* One a slot. */
+  uint32_t usedCount;                      /* Slots in use. */
+  int32_t nextPage; /* The next allocated page, in a ring that ascends by index. */
+  int32_t prevPage; /* The one before. */
 } NbbHndPage;
 
 /* A table. Its owner provides the record and changes none of its fields. */
 typedef struct NbbHndTbl {
-  uint64_t* pageArray; /* Each entry a page, or vacant: the address of the next vacant entry, or 0.
-                          Null while there is no table. */
-  int32_t pageCapacity;
-  int32_t freeSlotCount;
+  uint64_t* pageArray;  /* Each entry a page, or vacant: the address of the next vacant entry, or 0.
+                           Null while there is no table. */
+  int32_t pageCapacity; /* Entries of pageArray. */
+  int32_t freeSlotCount;    /* Of all pages. */
   int32_t freedBehindCount; /* Slots freed at or below the current page since the page search last
                                passed page 0. */
   int32_t currentPage;      /* The page whose free slots are the free queue. */
-  uint64_t* freeQueue;
-  uint64_t* vacantHead;
-  uint64_t* vacantTail;
-  uint32_t spareShift; /* A handle's fields, from bit 0 up: page, slot, generation, spare. */
-  uint32_t spareMask;
-  uint32_t generationShift;
-  uint32_t generationMask;
-  uint32_t slotShift;
-  uint32_t slotMask;
-  uint32_t pageMask;
+  uint64_t* freeQueue;      /* The current page's first free slot. */
+  uint64_t* vacantHead;     /* The vacant entry that gets the next page, */
+  uint64_t* vacantTail;     /* and the last one in line. */
+  uint32_t spareShift;      /* A handle's fields, from bit 0 up: page, slot, generation, spare. */
+  uint32_t spareMask;       /* Masks are for the field once it is shifted down. */
+  uint32_t generationShift; /* Lowest bit of the generation. */
+  uint32_t generationMask;  /* The generation's width. */
+  uint32_t slotShift;       /* Lowest bit of the slot index. */
+  uint32_t slotMask;        /* The slot index's width. */
+  uint32_t pageMask;        /* The page index's width; its lowest bit is bit 0. */
 } NbbHndTbl;
 
 /* The table of the plain calls. Read it only while no other thread uses it. */

@@ -32,6 +32,7 @@ QURN_API uint32_t FrameKeepAliveByNotifySendReady(void);
 /* Logs the announcement of a reboot and ends the process with status 88. Does not return. Callable
  * from any thread. */
 QURN_API void FRAME_NodeReboot(void) __attribute__((noreturn));
+/* The step behind it. */
 QURN_API void FrameNodeReboot(void) __attribute__((noreturn));
 
 /* Ends the process with status 88. Does not return. Callable from any thread. */

@@ -7,14 +7,19 @@
 
 QURN_BEGIN_DECLS
 
+/* One operation for each legacy heart call; each of the same type and results as that call. */
 typedef struct TovHeartFunSet {
+  /* ZOT_SetHeartMon */
   uint32_t (*pfnSetHeartMon)(FrameDeadloopHandle* handle, uint32_t firstThreshold,
                              uint32_t secondThreshold, uint32_t thirdThreshold);
+  /* ZOT_SendHeartToMon */
   uint32_t (*pfnSendHeartToMon)(const FrameDeadloopHandle* handle);
+  /* ZOT_StopHeartToMon */
   uint32_t (*pfnStopHeartToMon)(const FrameDeadloopHandle* handle);
+  /* ZOT_RegThreadDeadloopHook */
   uint32_t (*pfnRegThreadDeadloopHook)(const FrameDeadloopHandle* handle,
                                        FrameDeadloopInfoHook hook);
-  void (*pfnReboot)(void);
+  void (*pfnReboot)(void); /* ZotReboot */
 } TovHeartFunSet;
 
 /* The operations behind the legacy heart calls, filled when the library is loaded. */

@@ -13,6 +13,7 @@ QURN_BEGIN_DECLS
 /* The largest raw handle id. */
 #define ZOT_RAW_HANDLE_LIMIT 0x04048000U
 
+/* What a module handle points to. The library's: valid until ZOT_HandleFinalize. */
 typedef struct ZotHandleRecord {
   struct ZotHandleRecord* self; /* This record's own address, while it is live. */
   uint32_t kemHandle;           /* The KEM layer's id of the module. */

@@ -37,25 +37,28 @@ QURN_API uint32_t SSP_GetsystemStartTime(ZotSystime* time);
 /* Breaks seconds since 1970 down, the day of the week included. Returns 22 for null, else the KEM
  * layer's code. */
 QURN_API uint32_t ZOT_Second2GMT(uint32_t seconds, ZotSystime* time);
-/* isDst receives 1 while daylight saving is in force at that time, else 0. */
+/* GMT to local time; isDst receives 1 while daylight saving is in force at that time, else 0. */
 QURN_API uint32_t ZOT_Gmt2LocalTime(const ZotSystime* gmt, ZotSystime* local, uint32_t* isDst);
+/* GMT to local mean time: the zone's offset without daylight saving. */
 QURN_API uint32_t ZOT_Gmt2Lmt(const ZotSystime* gmt, ZotSystime* lmt);
-/* Also 22, isDst then 0, when the same moment in GMT lies outside 1970 to 2038. */
+/* Local mean time to local time. Also 22, isDst then 0, when the same moment in GMT lies outside
+ * 1970 to 2038. */
 QURN_API uint32_t ZOT_Lmt2LocalTime(const ZotSystime* lmt, ZotSystime* local, uint32_t* isDst);
 
 /* ---- Uptime ---- */
 
 /* What an uptime counts from. */
 typedef struct ZotUptimeRecord {
-  uint32_t startTickLow; /* The CPU tick taken as time zero. */
-  uint32_t startTickHigh;
-  uint32_t baseMsHigh; /* Milliseconds added to the time since then. */
-  uint32_t baseMsLow;
+  uint32_t startTickLow;  /* The CPU tick taken as time zero. */
+  uint32_t startTickHigh; /* Its upper half. */
+  uint32_t baseMsHigh;    /* Milliseconds added to the time since then. */
+  uint32_t baseMsLow;     /* Their lower half. */
 } ZotUptimeRecord;
 
+/* A 64-bit count of milliseconds in two halves. */
 typedef struct ZotUptimeMs {
-  uint32_t msHigh;
-  uint32_t msLow;
+  uint32_t msHigh; /* Upper half. */
+  uint32_t msLow;  /* Lower half. */
 } ZotUptimeMs;
 
 /* A zero-filled record, which the caller owns and frees with ZOT_Free_F; null without memory. With

@@ -12,21 +12,25 @@
 
 QURN_BEGIN_DECLS
 
+/* The links of a node, embedded in the caller's element. */
 typedef struct DllNode {
   struct DllNode* next; /* The header after the last node, null when not linked. */
   struct DllNode* prev; /* The header before the first node, null when not linked. */
 } DllNode;
 
+/* The header of a doubly linked list. */
 typedef struct DllList {
   DllNode head;       /* next is the first node, prev the last. */
   uintptr_t reserved; /* Never read nor written. */
   uint32_t count;     /* Linked nodes. */
 } DllList;
 
+/* The link of a node, embedded in the caller's element. */
 typedef struct SllNode {
   struct SllNode* next; /* The header after the last node, null when not linked. */
 } SllNode;
 
+/* The header of a singly linked list. */
 typedef struct SllList {
   SllNode head;       /* next is the first node. */
   uintptr_t reserved; /* Never read nor written. */
@@ -66,21 +70,26 @@ QURN_API uint32_t DLL_Walk(const DllList* list, DllVisit visit);
 
 /* ---- Singly linked: as above except where said ---- */
 
+/* The first node, in list order, that matches; null when none does. */
 QURN_API SllNode* SLL_Find(const SllList* list, const void* key, SllCompare compare);
-/* node must not be null. */
+/* Links node between the neighbours prev and next, either of which may be the header; node must not
+ * be null. */
 QURN_API void SLL_Insert_In_Middle(SllList* list, SllNode* prev, SllNode* node, SllNode* next);
+/* Unlinks node from between its neighbours. */
 QURN_API void SLL_Delete_In_Middle(SllList* list, SllNode* prev, SllNode* node, SllNode* next);
-/* Neither list nor node may be null. */
+/* Links node after prev, or at the front when prev is null; neither list nor node may be null. */
 QURN_API void SLL_Insert(SllList* list, SllNode* prev, SllNode* node);
 /* Unlinks a node of this list, looking for the one before it; does nothing when it is not linked.
  */
 QURN_API void SLL_Delete(SllList* list, SllNode* node);
+/* Unlinks the first node and returns it, null when the list is empty. */
 QURN_API SllNode* SLL_Get(SllList* list);
 /* The node before node, null for the first one or one that is not in the list; for a null node the
  * last one, null when the list is empty. */
 QURN_API SllNode* SLL_Previous(const SllList* list, const SllNode* node);
-/* list must not be null. */
+/* Hands every node, in list order, to release and empties the header, which must not be null. */
 QURN_API void SLL_FreeAll(SllList* list, SllVisit release);
+/* Visits every node in list order and returns how many there were. */
 QURN_API uint32_t SLL_Walk(const SllList* list, SllVisit visit);
 
 QURN_END_DECLS

@@ -38,18 +38,18 @@ typedef void (*FrameThreadDeadloopHook)(uint64_t threadId, uint32_t tid, uint32_
 /* Everything that describes one monitored thread; all zero while its slot is free. Thresholds and
  * times are in milliseconds. */
 typedef struct FrameMonitorTaskInfo {
-  uint8_t ucValid;        /* 1 while a thread is registered here. */
-  uint8_t ucDetectSwitch; /* 0 = its silence is not measured. */
-  uint8_t ucTimeoutLevel; /* 0 to 3: the highest threshold reported. */
-  uint32_t uiTid;         /* Kernel thread id. */
-  uint64_t ulThreadId;    /* POSIX thread id of the owner. */
-  uint32_t uiFirstThreshold;
-  uint32_t uiSecondThreshold;
-  uint32_t uiThirdThreshold;
-  uint32_t uiExceptionPolicy; /* 0 or 1, handed to the process-wide hooks. */
-  FrameDeadloopInfoHook pfnDeadloopInfoHook;
-  struct timespec stDetectTime; /* CLOCK_MONOTONIC_COARSE; the silence counts from here. */
-  char acTaskName[FRAME_TASK_NAME_LEN];
+  uint8_t ucValid;                           /* 1 while a thread is registered here. */
+  uint8_t ucDetectSwitch;                    /* 0 = its silence is not measured. */
+  uint8_t ucTimeoutLevel;                    /* 0 to 3: the highest threshold reported. */
+  uint32_t uiTid;                            /* Kernel thread id. */
+  uint64_t ulThreadId;                       /* POSIX thread id of the owner. */
+  uint32_t uiFirstThreshold;                 /* Information line. */
+  uint32_t uiSecondThreshold;                /* Warning line and hook. */
+  uint32_t uiThirdThreshold;                 /* Capture and report. */
+  uint32_t uiExceptionPolicy;                /* 0 or 1, handed to the process-wide hooks. */
+  FrameDeadloopInfoHook pfnDeadloopInfoHook; /* Its own hook; null when it has none. */
+  struct timespec stDetectTime;         /* CLOCK_MONOTONIC_COARSE; the silence counts from here. */
+  char acTaskName[FRAME_TASK_NAME_LEN]; /* As it was called when it registered. */
 } FrameMonitorTaskInfo;
 
 /* Registers the calling thread with three silence thresholds in seconds, each at least 1 and none
@@ -109,9 +109,12 @@ QURN_API uint32_t FrameSetDetectSwitch(uint64_t slot, uint8_t detectSwitch);
 /* Initialises the monitor and fills the legacy heart function set. Runs when the library is loaded
  * and again at start-up, where it changes nothing. Returns 0 or 0xFFFFFFFF. */
 QURN_API uint32_t FRAME_TaskDeadloopInit(void);
+/* Initialises the locks and the table, once. Returns 0 or 0xFFFFFFFF. */
 QURN_API uint32_t FrameTaskDeadloopCtrlInit(void);
+/* Whether each threshold, in seconds, is at least 1 and none is below the one before. */
 QURN_API bool FrameIsDeadloopThresholdValid(uint32_t firstThreshold, uint32_t secondThreshold,
                                             uint32_t thirdThreshold);
+/* Whether the handle is not null and holds a slot, 0 to 63. */
 QURN_API bool FrameIsTaskDeadloopHandleValid(const FrameDeadloopHandle* handle);
 
 /* Finds or takes a slot for the calling thread; the monitor's lock is write-held. */

@@ -17,9 +17,9 @@ extern "C" {
 
 /* ---- Framework log library ---- */
 
-#define TOV_LOG_INFO 40U
-#define TOV_LOG_WARNING 80U
-#define TOV_LOG_ERROR 100U
+#define TOV_LOG_INFO 40U    /* Level of successes and notices. */
+#define TOV_LOG_WARNING 80U /* Level of what is tolerated, and of dead-loop reports. */
+#define TOV_LOG_ERROR 100U  /* Level of failed steps. */
 
 /* One message: module id, source path and its length, function name and its length, source line,
  * level, printf-style text. Identical repeats may be dropped. Never allocates from a locked heap of
@@ -47,12 +47,15 @@ uint32_t FrameTriggerCheckExit(void);
 
 /* Memory, or null; file and line say who asked, and reserved is 0. Freed with TOV_MemFreeF. */
 void* TOV_MemAllocF(size_t size, const char* file, uint32_t line, uint32_t reserved);
+/* Frees a block of TOV_MemAllocF. */
 void TOV_MemFreeF(void* block, const char* file, uint32_t line, uint32_t reserved);
 
 /* A configuration file, or null when it cannot be read as YAML; freed with TovYamFreelHandle. A
  * handle is used by one thread at a time. Key paths are formatted printf-style. */
 void* TovYamlLoadFile(const char* path);
+/* Frees a configuration and every text that it owns. */
 void TovYamFreelHandle(void* yaml);
+/* Whether there is something at a key path, "." between keys. */
 bool TovYamlIsKeyExist(void* yaml, const char* key);
 /* The value text at a key path, owned by the handle; null when there is none. */
 const char* TovYamlGetProperty(void* yaml, const char* format, ...)
@@ -60,7 +63,7 @@ const char* TovYamlGetProperty(void* yaml, const char* format, ...)
 /* The number of elements of the sequence at a key path; 0 when there is none. */
 uint32_t TovYamlGetArraySize(void* yaml, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
-/* Converts a duration text to milliseconds. */
+/* Converts a duration text, such as "60s", to milliseconds; non-zero when it is none. */
 uint32_t TovStrToMilliSeconds(const char* text, uint32_t* milliseconds);
 
 /* Key management. Their argument lists are the framework's own business: the library hands on what
@@ -72,32 +75,40 @@ uint32_t TovPluginKmsDecrypt(QURN_ANY_ARGUMENTS);
 
 /* A framework hook for one thread: POSIX thread id, silence in milliseconds. */
 typedef uint32_t (*TovDeadloopHook)(uint64_t threadId, uint32_t elapsedMs);
+/* Receives the dead-loop library's own messages. */
 typedef void (*TovDeadloopLogHook)(uint32_t level, const char* text);
 
 /* The framework's hook of a thread, or null when it keeps none. */
 TovDeadloopHook TovDeadloopGetHookByThreadId(uint64_t threadId);
+/* Takes the operations of dead-loop sections, once at start-up; copies the record. */
 uint32_t TOV_DeadLoopRegCapability(const FrameDeadloopCapability* capability);
+/* Sets where the dead-loop library's messages go, once at start-up. */
 uint32_t TOV_DeadloopLogHookSet(TovDeadloopLogHook hook);
 
 /* ---- Legacy operating-system layer (KEM) ---- */
 
 /* Registers a module by name and stores its handle id; gives the id back. */
 uint32_t KEM_HandleInitialize(const char* name, uint32_t* handleId);
+/* Ends a module's handle id. */
 uint32_t KEM_HandleFinalize(uint32_t handleId);
 /* A block charged to a handle and a partition, or null; file and line say who asked. Freed under
  * any handle id. */
 void* KEM_MemAlloc_F(uint32_t handleId, uint8_t partition, uintptr_t size, const char* file,
                      uint32_t line);
+/* Frees a block of KEM_MemAlloc_F. */
 uint32_t KEM_MemFree_F(uint32_t handleId, void* block, const char* file, uint32_t line);
 
 /* Receives each text that the KEM layer prints. */
 typedef uint32_t (*KemPrintHook)(const char* text);
 /* Receives each run-log text; a result of 1 takes it over. */
 typedef uint32_t (*KemBoxRedirectHook)(void* box, const char* text);
+/* Sets who receives what is printed. */
 uint32_t KEM_HookPrint(KemPrintHook hook);
 /* Prints up to count records of a box region from first on, through the print hook. */
 uint32_t KEM_BoxextRecordShow(uint32_t region, uint32_t first, uint32_t count, uint32_t mask);
+/* Empties a box region. */
 uint32_t KEM_BoxextRegionClean(uint32_t region);
+/* Sets who receives run-log texts. */
 uint32_t KEM_BoxextRedirectHookReg(KemBoxRedirectHook hook);
 
 /* Breaks seconds since 1970 down; every field but week and millSec is written. */
@@ -108,13 +119,15 @@ uint32_t KEM_SystimeWeekDayGet(ZotSystime* time);
 uint32_t KEM_GetCpuTick(uint32_t* low, uint32_t* high);
 /* A tick count {low, high} in milliseconds. */
 uint32_t KEM_CpuTick2Ms(const uint32_t tick[2], uint32_t* msHigh, uint32_t* msLow);
-/* (*high, *low) becomes itself plus, or minus, (addHigh, addLow); non-zero on overflow. */
+/* Adds (addHigh, addLow) to (*high, *low); non-zero on overflow. */
 uint32_t KEM_64Add64(uint32_t addHigh, uint32_t addLow, uint32_t* high, uint32_t* low);
+/* Subtracts (subHigh, subLow) from (*high, *low); non-zero on underflow. */
 uint32_t KEM_64Sub64(uint32_t subHigh, uint32_t subLow, uint32_t* high, uint32_t* low);
 /* Writes value in this radix, 2 to 16, with a terminator. Async-signal-safe. */
 uint32_t KEM_Uint32ToStrEx(uint32_t value, char* text, uint32_t capacity, uint32_t radix);
 
-/* A mutex is a 64-bit variable, 0 while there is none. */
+/* A mutex is a 64-bit variable of the caller's, 0 while there is none. Each call returns 0, or
+ * non-zero when it failed. */
 uint32_t KEM_MutexInit(uint64_t* mutex);
 uint32_t KEM_MutexDestroy(uint64_t* mutex);
 uint32_t KEM_MutexLock(uint64_t* mutex);
@@ -122,6 +135,7 @@ uint32_t KEM_MutexUnlock(uint64_t* mutex);
 
 /* Handles a captured signal; 1 means that it is dealt with. Runs in signal context. */
 typedef uint32_t (*KemSigcapHandler)(uint32_t sigId, void* info, void* context);
+/* Sets the handler of a signal, in place of an earlier one. */
 uint32_t KEM_SigcapHandleReg(uint32_t sigId, KemSigcapHandler handler);
 
 /* Stores up to maxDepth code addresses of the interrupted context (a ucontext_t), innermost first,
@@ -133,6 +147,8 @@ uint32_t KEM_TaskStackInfoGet(uint32_t selector, FrameTaskStackInfo* info);
 
 /* ---- Plug-in platform ---- */
 
+/* A component's failed assertion at this place of its source; third is the component's own number.
+ * What it returns is what ZOT_Assert returns. Thread-safe. */
 uint32_t RuloPluginAssert(const char* file, uint32_t line, uint32_t third);
 
 /* ---- Looked up at run time in the process's global symbol scope, present or not ----

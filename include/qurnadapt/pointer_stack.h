@@ -6,11 +6,13 @@
 
 QURN_BEGIN_DECLS
 
+/* One element of a stack; the library's own. */
 typedef struct RpmStackNode {
-  uintptr_t element;
+  uintptr_t element;         /* The caller's pointer or number. */
   struct RpmStackNode* next; /* The node below, null at the bottom. */
 } RpmStackNode;
 
+/* A stack, made by RPM_CreateStack. */
 typedef struct RpmStack {
   RpmStackNode* top; /* Null when the stack is empty. */
 } RpmStack;

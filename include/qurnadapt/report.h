@@ -29,9 +29,12 @@ QURN_API int32_t FrameGetSigName(int32_t sig, char* dest, uint32_t capacity);
 /* Writes the report of a pending capture, runs the fatal action and sets the status back to idle.
  * Detection thread only. */
 QURN_API void FrameWriteDeadloopInfo(void);
+/* Writes the record's signal, process and frames to the log; nothing without a record. */
 QURN_API void FrameWriteDeadloopInfoToLog(void);
-/* The current time, eight hours east of UTC, as "YYYY-MM-DD HH:MM:SS." */
+/* The current time, eight hours east of UTC, as "YYYY-MM-DD HH:MM:SS."; dest holds at least 21
+ * bytes. */
 QURN_API void FrameExcepTimeStrGet(char* dest, uint32_t capacity);
+/* The same text of the given time. */
 QURN_API void FrameTimeToStr(const ZotSystime* time, char* dest, uint32_t capacity);
 /* Writes value in radix 2 to 16, right-aligned in width - 1 characters and padded with fill, and a
  * terminator; writes nothing when the digits do not fit or the radix is out of range. */

@@ -9,25 +9,26 @@
 
 QURN_BEGIN_DECLS
 
-#define FRAME_DEADLOOP_CAPABILITY 0x1FU
+#define FRAME_DEADLOOP_CAPABILITY 0x1FU /* All five operations, one bit each. */
 
 /* What a section is registered with; thresholds in seconds. */
 typedef struct FrameSdkDeadloopParam {
-  uint32_t reserved; /* The framework's own; not read. */
-  uint32_t firstThreshold;
-  uint32_t secondThreshold;
-  uint32_t thirdThreshold;
+  uint32_t reserved;        /* The framework's own; not read. */
+  uint32_t firstThreshold;  /* Information line. */
+  uint32_t secondThreshold; /* Warning. */
+  uint32_t thirdThreshold;  /* Dead loop. */
 } FrameSdkDeadloopParam;
 
 /* The five operations, as handed to TOV_DeadLoopRegCapability. The record is the library's and
  * valid during that call only; the operations stay valid. */
 typedef struct FrameDeadloopCapability {
   uint32_t capability; /* FRAME_DEADLOOP_CAPABILITY */
+  /* FrameRegSdkDeadloop */
   uint32_t (*registerOp)(const FrameSdkDeadloopParam* param, FrameDeadloopHandle* handle);
-  void (*unregisterOp)(FrameDeadloopHandle handle);
-  void (*beginOp)(FrameDeadloopHandle handle);
-  void (*endOp)(FrameDeadloopHandle handle);
-  uint32_t (*setActionOp)(FrameDeadloopHandle handle);
+  void (*unregisterOp)(FrameDeadloopHandle handle);    /* FrameUnRegSdkDeadloop */
+  void (*beginOp)(FrameDeadloopHandle handle);         /* FrameBeginSdkDeadloop */
+  void (*endOp)(FrameDeadloopHandle handle);           /* FrameEndSdkDeadloop */
+  uint32_t (*setActionOp)(FrameDeadloopHandle handle); /* FrameSetSdkDeadloopAction */
 } FrameDeadloopCapability;
 
 /* Registers the calling thread with the section's thresholds, its watch switched off, and stores

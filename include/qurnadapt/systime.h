@@ -4,6 +4,7 @@
 
 #include <stdint.h>
 
+/* A moment in calendar fields; the zone is that of the call that fills or takes it. */
 typedef struct ZotSystime {
   uint16_t year;    /* 1970 to 2038 */
   uint8_t month;    /* 1 to 12 */

@@ -37,6 +37,7 @@ uint32_t TovStandInBoxWrite(uint32_t region, const char* text);
  * live block, finalising a handle that still holds blocks, and charging a finalised handle are
  * reported as errors in the log and as records of the mistake box. Thread-safe. */
 
+/* Stands for every handle id. */
 #define TOV_STAND_IN_ALL_HANDLES 0xFFFFFFFFU
 
 /* Stores what a handle id, or all of them, hold at present. */
