@@ -3,7 +3,7 @@
 
 #include <random>
 
-#include "support/monitor_model.h"
+#include "support/monitor_beside_model.h"
 
 namespace {
 

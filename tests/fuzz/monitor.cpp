@@ -1,5 +1,5 @@
 // Operations of the monitor, and the time between them, against the model.
-#include "../support/monitor_model.h"
+#include "../support/monitor_beside_model.h"
 #include "fuzz_target.h"
 
 // An operation is a byte, and two numbers choose whom and what it concerns.

@@ -1,6 +1,4 @@
-// The monitor beside a model of it, in a world of pretended threads: who they are, which of them
-// have ended and what time it is, is up to the caller, so that a whole history runs on one real
-// thread. The pretence replaces the system's calls of the whole program.
+// What the monitor is to answer and to say, told by its rules.
 #pragma once
 
 #include <qurnadapt/monitor.h>
@@ -11,14 +9,11 @@
 #include <string>
 #include <vector>
 
-struct PretendedThread {
-  uint64_t id;  // an ended thread's may be given to a new one
-  uint32_t tid;
-  std::string name;
-  bool ended;
-};
+#include "pretended_threads.h"
 
-// What the monitor is to answer and to say, told by its rules.
+// What a hook is told, as it is kept among what is said.
+std::string told(const char* who, uint64_t threadId, uint32_t tid, uint32_t elapsed, uint64_t more);
+
 class MonitorModel {
  public:
   using Thresholds = std::array<uint32_t, 3>;  // seconds
@@ -74,38 +69,4 @@ class MonitorModel {
   uint64_t fatalSlot_ = 0;
   uint32_t fatalElapsed_ = 0;
   uint32_t signalledTid_ = 0;
-};
-
-class MonitorBesideModel {
- public:
-  enum class Operation {
-    kEnter,
-    kBeat,
-    kLeave,
-    kHook,
-    kPolicy,
-    kTune,
-    kSwitch,
-    kAdvance,
-    kEnd,
-    kBegin,
-    kTick,
-    kCapture,
-    kHooks,
-    kCount
-  };
-
-  MonitorBesideModel();
-  ~MonitorBesideModel();
-  MonitorBesideModel(const MonitorBesideModel&) = delete;
-  MonitorBesideModel& operator=(const MonitorBesideModel&) = delete;
-  // Lets both do it; what it concerns is chosen by the numbers. False when they differ.
-  bool operate(Operation operation, uint32_t who, uint32_t what);
-  [[nodiscard]] std::string difference() const;
-
- private:
-  bool agree(uint32_t answered, uint32_t expected);
-
-  MonitorModel model_;
-  std::string difference_;
 };
