@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <qurnadapt/api.h>
 #include <signal.h>
+#include <stdint.h>
 
 QURN_BEGIN_DECLS
 

@@ -3,6 +3,7 @@
 #define QURNADAPT_EVENT_SETS_H
 
 #include <qurnadapt/api.h>
+#include <stdint.h>
 #include <sys/epoll.h>
 
 QURN_BEGIN_DECLS

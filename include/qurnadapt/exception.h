@@ -3,6 +3,7 @@
 #define QURNADAPT_EXCEPTION_H
 
 #include <qurnadapt/api.h>
+#include <stdint.h>
 
 QURN_BEGIN_DECLS
 

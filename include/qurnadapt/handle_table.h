@@ -10,6 +10,7 @@
 #define QURNADAPT_HANDLE_TABLE_H
 
 #include <qurnadapt/api.h>
+#include <stdint.h>
 
 QURN_BEGIN_DECLS
 

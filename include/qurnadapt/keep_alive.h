@@ -3,6 +3,7 @@
 #define QURNADAPT_KEEP_ALIVE_H
 
 #include <qurnadapt/api.h>
+#include <stdint.h>
 
 QURN_BEGIN_DECLS
 

@@ -5,6 +5,7 @@
 #define QURNADAPT_LEGACY_FIXED_H
 
 #include <qurnadapt/api.h>
+#include <stdint.h>
 
 QURN_BEGIN_DECLS
 

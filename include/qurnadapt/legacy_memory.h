@@ -7,6 +7,7 @@
 #define QURNADAPT_LEGACY_MEMORY_H
 
 #include <qurnadapt/api.h>
+#include <stdint.h>
 
 QURN_BEGIN_DECLS
 

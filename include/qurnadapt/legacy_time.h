@@ -8,6 +8,7 @@
 
 #include <qurnadapt/api.h>
 #include <qurnadapt/systime.h>
+#include <stdint.h>
 
 QURN_BEGIN_DECLS
 

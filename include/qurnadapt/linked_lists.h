@@ -9,6 +9,7 @@
 #define QURNADAPT_LINKED_LISTS_H
 
 #include <qurnadapt/api.h>
+#include <stdint.h>
 
 QURN_BEGIN_DECLS
 

@@ -3,6 +3,7 @@
 #define QURNADAPT_MONITOR_H
 
 #include <qurnadapt/api.h>
+#include <stdint.h>
 #include <time.h>
 
 QURN_BEGIN_DECLS

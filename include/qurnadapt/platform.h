@@ -4,11 +4,13 @@
 #ifndef QURNADAPT_PLATFORM_H
 #define QURNADAPT_PLATFORM_H
 
+#include <qurnadapt/api.h>
 #include <qurnadapt/capture.h>
 #include <qurnadapt/sdk_sections.h>
 #include <qurnadapt/systime.h>
 #include <stdarg.h>
 #include <stdbool.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus

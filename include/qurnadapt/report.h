@@ -4,6 +4,7 @@
 
 #include <qurnadapt/api.h>
 #include <qurnadapt/systime.h>
+#include <stdint.h>
 
 QURN_BEGIN_DECLS
 

@@ -6,6 +6,7 @@
 
 #include <qurnadapt/api.h>
 #include <qurnadapt/monitor.h>
+#include <stdint.h>
 
 QURN_BEGIN_DECLS
 

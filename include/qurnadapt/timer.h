@@ -3,6 +3,7 @@
 #define QURNADAPT_TIMER_H
 
 #include <qurnadapt/api.h>
+#include <stdint.h>
 #include <sys/epoll.h>
 #include <time.h>
 

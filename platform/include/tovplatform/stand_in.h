@@ -10,6 +10,7 @@
 #define TOVPLATFORM_STAND_IN_H
 
 #include <qurnadapt/platform.h>
+#include <stdint.h>
 
 #ifdef __cplusplus
 extern "C" {

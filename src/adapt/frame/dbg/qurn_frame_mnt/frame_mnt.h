@@ -4,6 +4,9 @@
 
 #include <pthread.h>
 #include <qurnadapt/maintenance.h>
+#include <qurnadapt/platform.h>
+
+#include <cstdint>
 
 #include "internal/unit_log.h"
 

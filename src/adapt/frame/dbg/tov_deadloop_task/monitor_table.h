@@ -5,8 +5,10 @@
 #include <pthread.h>
 #include <qurnadapt/monitor.h>
 
+#include <qurnadapt/platform.h>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "internal/scoped_lock.h"
 #include "internal/unit_log.h"

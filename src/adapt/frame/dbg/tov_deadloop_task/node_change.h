@@ -1,6 +1,12 @@
 // One shape for every change that any thread may make to a registered thread's record.
 #pragma once
 
+#include <qurnadapt/api.h>
+#include <qurnadapt/monitor.h>
+#include <qurnadapt/platform.h>
+
+#include <cstdint>
+
 #include "monitor_table.h"
 
 namespace qurn::monitor {

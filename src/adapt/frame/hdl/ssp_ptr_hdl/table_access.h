@@ -2,10 +2,13 @@
 // logs and asserts. Every table is guarded by the one lock.
 #pragma once
 
+#include <qurnadapt/api.h>
 #include <qurnadapt/handle_table.h>
 #include <qurnadapt/legacy_process.h>
+#include <qurnadapt/platform.h>
 
 #include <cstddef>
+#include <cstdint>
 
 #include "internal/unit_log.h"
 

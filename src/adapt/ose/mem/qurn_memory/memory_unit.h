@@ -1,6 +1,8 @@
 // How the files of this unit name themselves.
 #pragma once
 
+#include <qurnadapt/platform.h>
+
 #include "internal/unit_log.h"
 
 namespace qurn::mem {

@@ -4,6 +4,9 @@
 
 #include <qurnadapt/systime.h>
 
+#include <qurnadapt/platform.h>
+
+#include <cstdint>
 #include <ctime>
 
 #include "internal/unit_log.h"
