@@ -4,7 +4,6 @@
 
 #include <pthread.h>
 #include <qurnadapt/monitor.h>
-
 #include <qurnadapt/platform.h>
 #include <atomic>
 #include <cstddef>

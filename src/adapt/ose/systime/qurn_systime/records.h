@@ -2,9 +2,8 @@
 // of this unit, whose name for the log is here too. Stateless.
 #pragma once
 
-#include <qurnadapt/systime.h>
-
 #include <qurnadapt/platform.h>
+#include <qurnadapt/systime.h>
 
 #include <cstdint>
 #include <ctime>
