@@ -92,9 +92,9 @@ void MonitorBesideModel::agree(uint32_t answered, uint32_t expected) {
 }
 
 void MonitorBesideModel::enter(const Choice& choice) {
-  const auto& [first, second, third] = choice.seconds;
+  const MonitorModel::Thresholds& at = choice.seconds;
   uint64_t slot = choice.slot;
-  agree(as(choice.thread, [&] { return Frame_SetHeartbeatToMon(&slot, first, second, third); }),
+  agree(as(choice.thread, [&] { return Frame_SetHeartbeatToMon(&slot, at[0], at[1], at[2]); }),
         model_.enter(choice.thread, choice.seconds, world.now));
   if (slot != choice.slot && slot != model_.slotOf(choice.thread.id)) {
     difference_ = line("is in slot %u", static_cast<unsigned>(slot));
