@@ -1,11 +1,12 @@
-/* load_cycles LIBRARY...: opens and closes each ten thousand times, and compares what the process
+/* load_cycles TIMES LIBRARY...: opens and closes each so many times, and compares what the process
  * holds early on with what it holds at the end. The monitor stays loaded, so its second opening is
  * already one of a library in use; a guard client comes and goes. */
 #include <dirent.h>
 #include <dlfcn.h>
 #include <stdio.h>
+#include <stdlib.h>
 
-enum { kCycles = 10000, kFirstCycles = 10 };
+enum { kFirstCycles = 10 };
 
 static int entriesOf(const char* path) {
   DIR* directory = opendir(path);
@@ -39,13 +40,13 @@ static int cycles(const char* library, int count) {
 }
 
 int main(int argc, char** argv) {
-  int failed = argc < 2;
-  for (int i = 1; i < argc; ++i) {
+  int failed = argc < 3;
+  for (int i = 2; i < argc; ++i) {
     failed |= cycles(argv[i], kFirstCycles);
     const int mapped = mappings();
     const int descriptors = entriesOf("/proc/self/fd");
     const int threads = entriesOf("/proc/self/task");
-    failed |= cycles(argv[i], kCycles);
+    failed |= cycles(argv[i], atoi(argv[1]));
     printf("%s: %d to %d mappings\n", argv[i], mapped, mappings());
     failed |= mappings() > mapped || entriesOf("/proc/self/fd") != descriptors ||
               entriesOf("/proc/self/task") != threads;
