@@ -18,7 +18,7 @@ if(QURN_BUILD_EXAMPLES)
   install(FILES examples/host/host.yaml DESTINATION ${CMAKE_INSTALL_DATADIR}/qurnadapt
           COMPONENT examples)
   install(FILES ${PROJECT_BINARY_DIR}/examples/qurn-host.service
-          DESTINATION ${CMAKE_INSTALL_PREFIX}/lib/systemd/system COMPONENT examples)
+          DESTINATION lib/systemd/system COMPONENT examples)
 endif()
 if(QURN_BUILD_TOOLS)
   install(TARGETS qurn_report RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
@@ -37,6 +37,9 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/qurnadaptConfigVersion.cm
 install(FILES ${PROJECT_BINARY_DIR}/qurnadaptConfig.cmake
               ${PROJECT_BINARY_DIR}/qurnadaptConfigVersion.cmake
         DESTINATION ${config_dir} COMPONENT development)
+# Found from where the file lies, so that it holds wherever the installation was put.
+file(RELATIVE_PATH from_pkgconfig_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+     ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/qurnadapt.pc.in ${PROJECT_BINARY_DIR}/qurnadapt.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qurnadapt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT development)
