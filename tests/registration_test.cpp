@@ -80,6 +80,7 @@ TEST(Uninitialised, DISABLED_MonitorRefusesEverything) {
   FrameDeadloopFatalAction();
   EXPECT_EQ(recorded::count("deadloop monitor not init."), 7U);
   EXPECT_EQ(recorded::count("hook unsuccessfully, deadloop monitor is not inited."), 2U);
+  EXPECT_EQ(recorded::texts(100), recorded::texts());
   fault::arm(fault::Call::RwlockInit, EAGAIN);
   EXPECT_EQ(FRAME_MntInit(), QURN_FAILED);
   EXPECT_EQ(recorded::texts(100).back(),

@@ -184,9 +184,11 @@ TEST(Report, BareAddressesAreFoundInTheMemoryMap) {
   std::snprintf(behind.data(), behind.size(), "0x%lx",
                 reinterpret_cast<unsigned long>(&hiddenFunction) + 4);
   const Json loops =
-      jsonOf(Log().silence().capture({address.data(), behind.data()}).text, "--maps " + maps);
+      jsonOf(Log().silence().capture({address.data(), behind.data(), address.data()}).text,
+             "--maps " + maps);
   std::remove(maps.c_str());
-  ASSERT_EQ(loops[0]["frames"].size(), 2U);
+  ASSERT_EQ(loops[0]["frames"].size(), 3U);
+  EXPECT_NE(loops[0]["frames"][2]["function"], "hiddenFunction()") << "called before it begins";
   EXPECT_EQ(loops[0]["frames"][0]["function"], "hiddenFunction()");
   EXPECT_EQ(loops[0]["frames"][0]["offset"], 0);
   EXPECT_EQ(loops[0]["frames"][1]["offset"], 4);
