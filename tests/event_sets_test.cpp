@@ -86,7 +86,7 @@ TEST(EventSets, ALaterRegistrationOfANameReplacesTheFirst) {
   EXPECT_EQ(first.calls, 0);
 }
 
-TEST(EventSets, NamesHaveAtMost127Characters) {
+TEST(EventSets, NamesFunctionsAndDescriptorsAreChecked) {
   startDetection(1000);
   epoll_event event{};
   const int fd = eventfd(0, 0);
@@ -97,6 +97,9 @@ TEST(EventSets, NamesHaveAtMost127Characters) {
   EXPECT_EQ(recorded::count("Use secure function to copy setName unsuccessfully."), 3U);
   EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", nullptr, nullptr), QURN_INVALID_ARGUMENT);
   EXPECT_ERROR("Event process function is NULL.");
+  EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, -1, &event), QURN_FAILED);
+  EXPECT_ERROR("Frame mnt operate epoll event unsuccessfully.(errno = 9)");
+  EXPECT_EQ(event.data.ptr, nullptr);
   EXPECT_EQ(recorded::blocksHeld(), held);
   EXPECT_EQ(FRAME_MntRegSetAndEventProc(kLongestName.c_str(), drain, nullptr), QURN_OK);
   EXPECT_EQ(FRAME_MntEpollCtl(kLongestName.c_str(), EPOLL_CTL_ADD, fd, &event), QURN_OK);

@@ -234,6 +234,7 @@ TEST_P(AgainstModel, EveryAnswerAndTheRecordAreTheModels) {
     ASSERT_TRUE(both.operate(Operation::kValidate, any(), false)) << step;
     ASSERT_EQ(both.difference(step % 500 == 0), "") << step;
     if (step % 5000 == 0) {
+      ASSERT_EQ(recorded::events(), Texts{}) << "assertions, before " << step;
       recorded::forget();
     }
   }

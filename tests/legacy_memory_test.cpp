@@ -91,6 +91,24 @@ TEST(LegacyHandle, OnlyRawIdsAndLiveRecordsAreHandles) {
   munmap(unreadable, 4096);
 }
 
+TEST(LegacyHandle, MistakesAreAnsweredWithTheirLines) {
+  ZotHandleRecord* record = nullptr;
+  fault::arm(fault::Call::KemHandleInitialize, 0);
+  EXPECT_EQ(ZOT_HandleInitializeByName("module", &record), QURN_FAILED);
+  EXPECT_EQ(ZOT_HandleInitializeByName("module", nullptr), QURN_FAILED);
+  EXPECT_EQ(ZOT_HandleInitializeByName(nullptr, &record), QURN_FAILED);
+  EXPECT_EQ(ZOT_HandleInitialize(nullptr, 1, nullptr), QURN_FAILED);
+  EXPECT_EQ(ZOT_HandleFinalize(nullptr), QURN_FAILED);
+  EXPECT_EQ(
+      recorded::texts(100),
+      (Texts{"Get ZOT handle by name, kelva handle init unsuccessfully. (ret = 0x7)",
+             "Get ZOT handle by name, input invalid.", "Get ZOT handle by name, input invalid.",
+             "pHandle NULL", "Para pstHandle is NULL."}));
+  EXPECT_EQ(record, nullptr);
+  EXPECT_EQ(ZOT_MemCheckSwitch(0) | ZOT_MemCheckSwitch(1), QURN_OK);
+  EXPECT_EQ(ZOT_MemCheckSwitch(2), QURN_INVALID_VALUE);
+}
+
 TEST(LegacyHandle, ThousandsOfRecordsAreToldFromEverythingElse) {
   std::vector<ZotHandleRecord*> records(5000);
   bool refused = false;

@@ -147,7 +147,7 @@ TEST_P(PluginRepair, RunsAboutEveryTenSecondsOfTicks) {
   const auto [periodMs, runsInSixTicks] = GetParam();
   ASSERT_EQ(FrameSetDeadloopPeriodDelay(periodMs), QURN_OK);
   for (int tick = 0; tick < 6; ++tick) {
-    FrameRuloPluginCheckAndRepairDeadloop();
+    FrameDeadloopDetectCallback(nullptr);
   }
   EXPECT_EQ(*runs, runsInSixTicks);
 }

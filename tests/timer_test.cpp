@@ -23,14 +23,15 @@ class Timer : public testing::Test {
   void TearDown() override {
     FRAME_TimerCtrlRuin(ctrl_);
     EXPECT_EQ(recorded::blocksHeld(), 0U);
+    EXPECT_EQ(fcntl(lastFd_, F_GETFD), -1);
   }
   int create(uint32_t periodMs) {
-    int32_t fd = -1;
-    EXPECT_EQ(FRAME_TimerCreate(ctrl_, periodMs, countRun, &runs_, &fd), QURN_OK);
-    return fd;
+    EXPECT_EQ(FRAME_TimerCreate(ctrl_, periodMs, countRun, &runs_, &lastFd_), QURN_OK);
+    return lastFd_;
   }
 
   FrameTimerCtrl* ctrl_ = nullptr;
+  int32_t lastFd_ = -1;
   int runs_ = 0;
 };
 

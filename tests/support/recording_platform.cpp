@@ -36,7 +36,7 @@ void record(bool unsuppressed, uint32_t moduleId, const char* file, uint32_t fil
             va_list args) {
   char text[1024];
   vsnprintf(text, sizeof(text), format, args);
-  fprintf(stderr, "%s\n", text);  // for the tests of a process's end
+  fprintf(stderr, "%u %s\n", level, text);  // for the tests of a process's end
   const std::string path(file == nullptr ? "" : file);
   const bool wellFormed = moduleId == 0 && fileLen == path.size() &&
                           path.rfind("build/src/", 0) == 0 && func != nullptr &&
