@@ -10,20 +10,17 @@ namespace {
 class AgainstMonitorModel : public testing::TestWithParam<unsigned> {};
 
 TEST_P(AgainstMonitorModel, EveryAnswerAndEveryLineIsTheModels) {
-  using Operation = MonitorBesideModel::Operation;
-  // Registrations, beats and ticks are the most frequent, as in a process.
-  static constexpr Operation kMix[] = {
-      Operation::kEnter,   Operation::kEnter,   Operation::kBeat,   Operation::kBeat,
-      Operation::kLeave,   Operation::kHook,    Operation::kPolicy, Operation::kTune,
-      Operation::kSwitch,  Operation::kAdvance, Operation::kTick,   Operation::kTick,
-      Operation::kCapture, Operation::kEnd,     Operation::kBegin,  Operation::kHooks};
-  std::mt19937 generator(GetParam());
-  const auto random = [&generator] { return static_cast<uint32_t>(generator()); };
+  std::mt19937 random(GetParam());
+  std::discrete_distribution<uint32_t> usual(std::begin(MonitorBesideModel::kUsual),
+                                             std::end(MonitorBesideModel::kUsual));
+  std::discrete_distribution<uint32_t> filling(std::begin(MonitorBesideModel::kFilling),
+                                               std::end(MonitorBesideModel::kFilling));
   MonitorBesideModel both;
   for (int step = 0; step < 60'000; ++step) {
-    // Phases in which few leave or end fill the table up.
-    const Operation operation = kMix[random() % ((step / 500) % 2 == 0 ? std::size(kMix) : 4)];
-    ASSERT_TRUE(both.operate(operation, random(), random())) << step << ": " << both.difference();
+    const uint32_t operation = (step / 500) % 2 == 0 ? usual(random) : filling(random);
+    const auto who = static_cast<uint32_t>(random());
+    ASSERT_TRUE(both.operate(operation, who, static_cast<uint32_t>(random())))
+        << step << ": " << both.difference;
   }
 }
 

@@ -5,7 +5,6 @@
 #include <ucontext.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 
 namespace {
@@ -69,10 +68,10 @@ MonitorBesideModel::MonitorBesideModel() {
 // The monitor itself outlives a history, so whoever is in it leaves.
 MonitorBesideModel::~MonitorBesideModel() {
   for (const PretendedThread& thread : world.threads) {
-    uint64_t slot = model_.slotOf(thread.id);
+    uint64_t slot = model.slotOf(thread.id);
     as(thread, [&] { return Frame_StopHeartbeatToMon(&slot); });
   }
-  if (model_.awaitsCapture()) {
+  if (model.awaitsCapture()) {
     handleSignal();
   }
   FrameWriteDeadloopInfo();
@@ -80,115 +79,118 @@ MonitorBesideModel::~MonitorBesideModel() {
 
 void MonitorBesideModel::agree(uint32_t answered, uint32_t expected) {
   if (answered != expected) {
-    difference_ = line("answers %#x instead of %#x", answered, expected);
-  } else if (world.said != model_.said) {
+    difference = line("answers %#x instead of %#x", answered, expected);
+  } else if (world.said != model.said) {
     const auto [is, should] =
-        std::mismatch(world.said.begin(), world.said.end(), model_.said.begin(), model_.said.end());
-    difference_ = "says \"" + (is == world.said.end() ? "" : *is) + "\" instead of \"" +
-                  (should == model_.said.end() ? "" : *should) + "\"";
+        std::mismatch(world.said.begin(), world.said.end(), model.said.begin(), model.said.end());
+    difference = "says \"" + (is == world.said.end() ? "" : *is) + "\" instead of \"" +
+                 (should == model.said.end() ? "" : *should) + "\"";
   }
   world.said.clear();
-  model_.said.clear();
+  model.said.clear();
 }
 
-void MonitorBesideModel::enter(const Choice& choice) {
-  const MonitorModel::Thresholds& at = choice.seconds;
-  uint64_t slot = choice.slot;
-  agree(as(choice.thread, [&] { return Frame_SetHeartbeatToMon(&slot, at[0], at[1], at[2]); }),
-        model_.enter(choice.thread, choice.seconds, world.now));
-  if (slot != choice.slot && slot != model_.slotOf(choice.thread.id)) {
-    difference_ = line("is in slot %u", static_cast<unsigned>(slot));
-  }
-}
+namespace {
 
-void MonitorBesideModel::beat(const Choice& choice) {
-  agree(as(choice.thread, [&] { return Frame_SendHeartbeatToMon(&choice.slot); }),
-        model_.beat(choice.thread, choice.slot, world.now));
-}
+struct Choice {
+  PretendedThread& thread;
+  uint64_t slot;
+  MonitorModel::Thresholds seconds;
+  uint32_t who;
+  uint32_t what;
+};
 
-void MonitorBesideModel::leave(const Choice& choice) {
-  agree(as(choice.thread, [&] { return Frame_StopHeartbeatToMon(&choice.slot); }),
-        model_.leave(choice.thread, choice.slot));
-}
-
-void MonitorBesideModel::setHook(const Choice& choice) {
-  const bool hook = choice.who % 2 == 0;
-  agree(Frame_RegDeadloopInfoHook(&choice.slot, hook ? threadHook : nullptr),
-        model_.setHook(choice.slot, hook));
-}
-
-void MonitorBesideModel::setPolicy(const Choice& choice) {
-  const uint32_t policy = choice.who % 3;
-  agree(Frame_SetHeartExceptionPolicy(choice.slot, policy), model_.setPolicy(choice.slot, policy));
-}
-
-void MonitorBesideModel::tune(const Choice& choice) {
-  const auto& [first, second, third] = choice.seconds;
-  const std::string& name = choice.thread.name;
-  agree(FRAME_UpdateDeadloopThresholdByName(name.c_str(), first, second, third),
-        model_.tune(name, choice.seconds, world.now));
-}
-
-void MonitorBesideModel::switchWatch(const Choice& choice) {
-  const auto on = static_cast<uint8_t>(choice.who % 3);
-  agree(FrameSetDetectSwitch(choice.slot, on), model_.switchWatch(choice.slot, on, world.now));
-}
-
-// Half of the times are where thresholds are.
-void MonitorBesideModel::advance(const Choice& choice) {
-  world.now += choice.what % 2 == 0 ? (choice.what >> 1) % 6 * 500
-                                    : static_cast<int64_t>(choice.what % 1000) - 50;
-}
-
-void MonitorBesideModel::endThread(const Choice& choice) { choice.thread.ended = true; }
-
-void MonitorBesideModel::beginThread(const Choice& choice) {
-  if (choice.thread.ended) {
-    choice.thread = newThread(choice.who % world.threads.size());
-  }
-}
-
-void MonitorBesideModel::tick(const Choice& /*choice*/) {
-  if (model_.awaitsReport()) {
-    if (model_.reportIsDeadly()) {
-      const uint64_t slot = model_.fatalSlot();
-      agree(Frame_RegDeadloopInfoHook(&slot, threadHook), model_.setHook(slot, true));
+void tick(MonitorBesideModel& both) {
+  MonitorModel& model = both.model;
+  if (model.awaitsReport()) {
+    if (model.reportIsDeadly()) {
+      const uint64_t slot = model.fatalSlot();
+      both.agree(Frame_RegDeadloopInfoHook(&slot, threadHook), model.setHook(slot, true));
     }
     FrameWriteDeadloopInfo();
-    model_.report();
+    model.report();
   }
   FRAME_TaskDeadloopMonitorEntry();
-  model_.pass(world.threads, world.now);
-  agree(0, 0);
+  model.pass(world.threads, world.now);
+  both.agree(0, 0);
 }
 
-void MonitorBesideModel::capture(const Choice& /*choice*/) {
-  if (model_.awaitsCapture()) {
-    handleSignal();
-    model_.captured();
-  }
-  agree(0, 0);
-}
+using Operation = void (*)(MonitorBesideModel& both, const Choice& choice);
 
-void MonitorBesideModel::setProcessHooks(const Choice& choice) {
-  model_.warningHook = choice.who % 2 == 0;
-  model_.processHook = choice.what % 2 == 0;
-  Frame_RegThreadDeadloopWarningHook(model_.warningHook ? warningHook : nullptr);
-  Frame_RegThreadDeadloopHook(model_.processHook ? processHook : nullptr);
-  agree(0, 0);
-}
+constexpr Operation kOperations[] = {
+    [](MonitorBesideModel& both, const Choice& choice) {  // register
+      const MonitorModel::Thresholds& at = choice.seconds;
+      uint64_t slot = choice.slot;
+      both.agree(
+          as(choice.thread, [&] { return Frame_SetHeartbeatToMon(&slot, at[0], at[1], at[2]); }),
+          both.model.enter(choice.thread, at, world.now));
+      if (slot != choice.slot && slot != both.model.slotOf(choice.thread.id)) {
+        both.difference = line("is in slot %u", static_cast<unsigned>(slot));
+      }
+    },
+    [](MonitorBesideModel& both, const Choice& choice) {  // beat
+      both.agree(as(choice.thread, [&] { return Frame_SendHeartbeatToMon(&choice.slot); }),
+                 both.model.beat(choice.thread, choice.slot, world.now));
+    },
+    [](MonitorBesideModel& both, const Choice& choice) {  // stop
+      both.agree(as(choice.thread, [&] { return Frame_StopHeartbeatToMon(&choice.slot); }),
+                 both.model.leave(choice.thread, choice.slot));
+    },
+    [](MonitorBesideModel& both, const Choice& choice) {  // the thread's hook
+      const bool hook = choice.who % 2 == 0;
+      both.agree(Frame_RegDeadloopInfoHook(&choice.slot, hook ? threadHook : nullptr),
+                 both.model.setHook(choice.slot, hook));
+    },
+    [](MonitorBesideModel& both, const Choice& choice) {  // policy
+      const uint32_t policy = choice.who % 3;
+      both.agree(Frame_SetHeartExceptionPolicy(choice.slot, policy),
+                 both.model.setPolicy(choice.slot, policy));
+    },
+    [](MonitorBesideModel& both, const Choice& choice) {  // tune
+      const MonitorModel::Thresholds& to = choice.seconds;
+      const std::string& name = choice.thread.name;
+      both.agree(FRAME_UpdateDeadloopThresholdByName(name.c_str(), to[0], to[1], to[2]),
+                 both.model.tune(name, to, world.now));
+    },
+    [](MonitorBesideModel& both, const Choice& choice) {  // switch
+      const auto on = static_cast<uint8_t>(choice.who % 3);
+      both.agree(FrameSetDetectSwitch(choice.slot, on),
+                 both.model.switchWatch(choice.slot, on, world.now));
+    },
+    [](MonitorBesideModel& /*both*/, const Choice& choice) {  // time, half of it at thresholds
+      world.now += choice.what % 2 == 0 ? (choice.what >> 1) % 6 * 500
+                                        : static_cast<int64_t>(choice.what % 1000) - 50;
+    },
+    [](MonitorBesideModel& /*both*/, const Choice& choice) { choice.thread.ended = true; },
+    [](MonitorBesideModel& /*both*/, const Choice& choice) {  // a new thread in its place
+      if (choice.thread.ended) {
+        choice.thread = newThread(choice.who % world.threads.size());
+      }
+    },
+    [](MonitorBesideModel& both, const Choice& /*choice*/) { tick(both); },
+    [](MonitorBesideModel& both, const Choice& /*choice*/) {  // the signal arrives
+      if (both.model.awaitsCapture()) {
+        handleSignal();
+        both.model.captured();
+      }
+      both.agree(0, 0);
+    },
+    [](MonitorBesideModel& both, const Choice& choice) {  // process-wide hooks
+      both.model.warningHook = choice.who % 2 == 0;
+      both.model.processHook = choice.what % 2 == 0;
+      Frame_RegThreadDeadloopWarningHook(both.model.warningHook ? warningHook : nullptr);
+      Frame_RegThreadDeadloopHook(both.model.processHook ? processHook : nullptr);
+      both.agree(0, 0);
+    }};
+static_assert(std::size(kOperations) == std::size(MonitorBesideModel::kUsual));
 
-bool MonitorBesideModel::operate(Operation operation, uint32_t who, uint32_t what) {
-  using Self = MonitorBesideModel;
-  static constexpr std::array kOperations{
-      &Self::enter, &Self::beat,        &Self::leave,          &Self::setHook,   &Self::setPolicy,
-      &Self::tune,  &Self::switchWatch, &Self::advance,        &Self::endThread, &Self::beginThread,
-      &Self::tick,  &Self::capture,     &Self::setProcessHooks};
-  static_assert(kOperations.size() == static_cast<size_t>(Operation::kCount));
+}  // namespace
+
+bool MonitorBesideModel::operate(uint32_t operation, uint32_t who, uint32_t what) {
   PretendedThread& thread = world.threads[who % world.threads.size()];
   // Mostly the thread's own, else any, two of them out of range.
-  const uint64_t slot = what % 4 != 0 ? model_.slotOf(thread.id) : (what >> 2) % 66;
-  const Choice choice{thread, slot, thresholdsFrom(what), who, what};
-  (this->*kOperations[static_cast<size_t>(operation)])(choice);
-  return difference_.empty();
+  const uint64_t slot = what % 4 != 0 ? model.slotOf(thread.id) : (what >> 2) % 66;
+  kOperations[operation % std::size(kOperations)](*this,
+                                                  {thread, slot, thresholdsFrom(what), who, what});
+  return difference.empty();
 }
