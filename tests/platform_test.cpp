@@ -1,4 +1,4 @@
-// The stand-in platform on its own: configuration, durations, log, call stack, boxes and the rest.
+// The stand-in platform on its own, beyond what the library's tests and the fuzz targets use of it.
 #include <gtest/gtest.h>
 #include <qurnadapt/qurnadapt.h>
 #include <tovplatform/stand_in.h>
@@ -72,30 +72,6 @@ TEST_F(Yaml, FilesWithoutKeysHaveNoneAndWhatIsNoYamlHasNoHandle) {
   EXPECT_EQ(TovYamlLoadFile("/nonexistent/file"), nullptr);
   EXPECT_EQ(TovYamlLoadFile(nullptr), nullptr);
   EXPECT_FALSE(TovYamlIsKeyExist(nullptr, "a"));
-}
-
-TEST(Duration, IsANumberAndAUnitThatFit32Bits) {
-  const std::pair<const char*, uint32_t> good[] = {{"0", 0},
-                                                   {"1500", 1500},
-                                                   {"250ms", 250},
-                                                   {"60s", 60000},
-                                                   {"2m", 120000},
-                                                   {"2min", 120000},
-                                                   {"1h", 3600000},
-                                                   {"4294967295", 4294967295},
-                                                   {"4294967s", 4294967000},
-                                                   {"1193h", 4294800000}};
-  for (const auto& [text, milliseconds] : good) {
-    uint32_t value = 7;
-    EXPECT_EQ(TovStrToMilliSeconds(text, &value), 0U) << text;
-    EXPECT_EQ(value, milliseconds) << text;
-  }
-  for (const char* text : {"", "s", "-1", "+1", "1.5s", "1 s", "1d", "1ss", "4294967296",
-                           "4294968s", "1194h", "99999999999999999999", "0x10"}) {
-    uint32_t value = 7;
-    EXPECT_NE(TovStrToMilliSeconds(text, &value), 0U) << text;
-    EXPECT_EQ(value, 7U) << text;
-  }
 }
 
 // ---- log; its destination is fixed when a program is loaded, so each case is a process
@@ -291,35 +267,12 @@ TEST(KeyManagement, IsNoneAndRefuses) {
   EXPECT_NE(log.find("no key management: nothing was decrypted."), std::string::npos) << log;
 }
 
-TEST(Kem, ArithmeticReportsWhatDoesNotFit) {
-  uint32_t high = 0;
-  uint32_t low = 0xFFFFFFFF;
-  EXPECT_EQ(KEM_64Add64(0, 1, &high, &low), QURN_OK);
-  EXPECT_TRUE(high == 1 && low == 0);
-  EXPECT_NE(KEM_64Sub64(1, 1, &high, &low), QURN_OK);
-  EXPECT_NE(KEM_64Add64(0, 1, &high, &low), QURN_OK);
-}
-
 TEST(Kem, AMutexExistsBetweenInitAndDestroy) {
   uint64_t mutex = 0;
   EXPECT_NE(KEM_MutexLock(&mutex), QURN_OK);
   EXPECT_EQ(KEM_MutexInit(&mutex), QURN_OK);
   EXPECT_EQ(KEM_MutexLock(&mutex) | KEM_MutexUnlock(&mutex) | KEM_MutexDestroy(&mutex), QURN_OK);
   EXPECT_EQ(mutex, 0U);
-}
-
-TEST(Kem, BreaksTimeDownAndWritesNumbers) {
-  ZotSystime time{};
-  EXPECT_EQ(KEM_SystimeSec2Time(951782400 + 3661, &time), QURN_OK);
-  EXPECT_EQ(KEM_SystimeWeekDayGet(&time), QURN_OK);
-  EXPECT_TRUE(time.year == 2000 && time.month == 2 && time.date == 29 && time.hour == 1 &&
-              time.minute == 1 && time.second == 1 && time.week == 2);
-  char text[11];
-  EXPECT_EQ(KEM_Uint32ToStrEx(4294967295U, text, 11, 10), QURN_OK);
-  EXPECT_STREQ(text, "4294967295");
-  EXPECT_NE(KEM_Uint32ToStrEx(4294967295U, text, 10, 10), QURN_OK);
-  EXPECT_EQ(KEM_Uint32ToStrEx(0, text, 2, 16), QURN_OK);
-  EXPECT_STREQ(text, "0");
 }
 
 }  // namespace

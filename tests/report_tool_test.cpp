@@ -166,12 +166,6 @@ TEST(Report, IncompleteStoriesAreToldAsFarAsTheyGo) {
   const Json strange =
       jsonOf(Log().silence().capture({"a"}).say("#7 z.").say("#x y.").say("#1 b.").text);
   EXPECT_EQ(strange[0]["frames"].size(), 2U);
-  for (const char* torn : {"Frame task deadloop detect, task [", "Signal ", "Signal 36", " #0 ",
-                           "Frame task deadloop detect, task [] trigger first threshold timeout.("
-                           "elapsed time = 99999999999, first threshold = ",
-                           "Captured process: x", "[", "ZOT_Exit with code 88."}) {
-    EXPECT_TRUE(jsonOf(torn).empty()) << torn;
-  }
 }
 
 TEST(Report, BareAddressesAreFoundInTheMemoryMap) {

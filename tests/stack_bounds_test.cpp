@@ -82,36 +82,6 @@ TEST(MemoryMap, AFailingSeekOrAMissingFileFindsNothing) {
   EXPECT_EQ(info.size, 0U);
 }
 
-TEST(MapLine, IsTwoHexNumbersAHyphenAndABlank) {
-  struct Case {
-    const char* text;
-    bool matches;
-    uint64_t start, end;
-  };
-  const Case cases[] = {
-      {"7f00-7fFF r", true, 0x7f00, 0x7fff},
-      {"0-1\t", true, 0, 1},
-      {"123456789abcdef01-2 ", true, 0x123456789abcdef0, 2},
-      {"g-1 ", false, 0, 0},
-      {"1-g ", false, 0, 0},
-      {"1-2", false, 0, 0},
-      {"1 -2 ", false, 0, 0},
-      {" 1-2 ", false, 0, 0},
-      {"-1 ", false, 0, 0},
-  };
-  for (const Case& text : cases) {
-    uint64_t start = 0;
-    uint64_t end = 0;
-    const auto length = static_cast<uint32_t>(std::char_traits<char>::length(text.text));
-    EXPECT_EQ(FrameGetMapStackAddr(text.text, length, &start, &end), text.matches) << text.text;
-    EXPECT_EQ(start, text.start) << text.text;
-    EXPECT_EQ(end, text.end) << text.text;
-  }
-  uint64_t start = 0;
-  uint64_t end = 0;
-  EXPECT_FALSE(FrameGetMapStackAddr("12-34 ", 5, &start, &end)) << "nothing behind the length";
-}
-
 TEST(MapPath, NeedsItsRoom) {
   char path[32];
   const std::string expected = "/proc/" + std::to_string(getpid()) + "/maps";
