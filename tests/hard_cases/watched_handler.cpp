@@ -17,6 +17,7 @@
 
 #include "hard_case.h"
 #include "internal/machine_context.h"
+#include "support/interpose.h"
 
 extern "C" {
 void* __libc_malloc(size_t size);
@@ -51,11 +52,6 @@ void forbid(const char* what) {
   if (t_handling) {
     stop(what);
   }
-}
-
-template <typename Function>
-Function* real(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 // Below this frame lies nothing that is in use, on a stack without a red zone in sight.
@@ -103,33 +99,23 @@ void reportHandler() {
 }
 void doNotPaint() { g_painting = false; }
 
-// Defines NAME to be the system's, except in the handler.
-#define FORBID_IN_HANDLER(RETURNS, NAME, PARAMETERS, ARGUMENTS)                \
-  extern "C" RETURNS NAME PARAMETERS noexcept(noexcept(::NAME ARGUMENTS)) {    \
-    forbid(#NAME);                                                             \
-    static constinit auto* next = static_cast<RETURNS(*) PARAMETERS>(nullptr); \
-    if (next == nullptr) {                                                     \
-      next = real<RETURNS PARAMETERS>(#NAME);                                  \
-    }                                                                          \
-    return next ARGUMENTS;                                                     \
-  }
-
 using PhdrCallback = int (*)(dl_phdr_info*, size_t, void*);
 
-FORBID_IN_HANDLER(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
-FORBID_IN_HANDLER(int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock))
-FORBID_IN_HANDLER(int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock))
-FORBID_IN_HANDLER(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
-                  (condition, mutex))
-FORBID_IN_HANDLER(int, dl_iterate_phdr, (PhdrCallback callback, void* data), (callback, data))
-FORBID_IN_HANDLER(int, dladdr, (const void* address, Dl_info* info), (address, info))
-FORBID_IN_HANDLER(int, fflush, (FILE * stream), (stream))
-FORBID_IN_HANDLER(int, fputs, (const char* text, FILE* stream), (text, stream))
-FORBID_IN_HANDLER(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* stream),
-                  (data, size, count, stream))
-FORBID_IN_HANDLER(int, vsnprintf, (char* text, size_t size, const char* format, va_list args),
-                  (text, size, format, args))
-FORBID_IN_HANDLER(FILE*, fopen, (const char* path, const char* mode), (path, mode))
+INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), forbid(__func__))
+INTERPOSE(int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock), forbid(__func__))
+INTERPOSE(int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock), forbid(__func__))
+INTERPOSE(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
+          (condition, mutex), forbid(__func__))
+INTERPOSE(int, dl_iterate_phdr, (PhdrCallback callback, void* data), (callback, data),
+          forbid(__func__))
+INTERPOSE(int, dladdr, (const void* address, Dl_info* info), (address, info), forbid(__func__))
+INTERPOSE(int, fflush, (FILE * stream), (stream), forbid(__func__))
+INTERPOSE(int, fputs, (const char* text, FILE* stream), (text, stream), forbid(__func__))
+INTERPOSE(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* stream),
+          (data, size, count, stream), forbid(__func__))
+INTERPOSE(int, vsnprintf, (char* text, size_t size, const char* format, va_list args),
+          (text, size, format, args), forbid(__func__))
+INTERPOSE(FILE*, fopen, (const char* path, const char* mode), (path, mode), forbid(__func__))
 
 extern "C" {
 

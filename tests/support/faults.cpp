@@ -1,7 +1,6 @@
 #include "faults.h"
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>
 #include <qurnadapt/platform.h>
@@ -18,6 +17,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+
+#include "interpose.h"
 
 namespace {
 
@@ -77,11 +78,6 @@ bool isLibraryCode(const void* address) {
   return place >= library.start && place < library.end;
 }
 
-template <typename Function>
-Function* real(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 void fault::arm(Call call, int error, int after, int times) {
@@ -137,64 +133,59 @@ void frozen_clock::advance(int64_t milliseconds) { g_frozenMs += milliseconds; }
 void redirectMemoryMap(const char* path) { g_memoryMap = path; }
 void symbolsReadAs(const char* line) { g_symbolLine = line; }
 
-// Defines NAME to fail with FAILURE when its fault strikes, and to be the system's otherwise.
-#define INTERPOSE(CALL, RETURNS, NAME, PARAMETERS, ARGUMENTS, FAILURE)      \
-  extern "C" RETURNS NAME PARAMETERS noexcept(noexcept(::NAME ARGUMENTS)) { \
-    if (fault::strikes(fault::Call::CALL)) {                                \
-      return FAILURE;                                                       \
-    }                                                                       \
-    static auto* const next = real<RETURNS PARAMETERS>(#NAME);              \
-    return next ARGUMENTS;                                                  \
-  }
+// Defines NAME to fail with FAILURE when its fault strikes.
+#define MAY_FAIL(CALL, RETURNS, NAME, PARAMETERS, ARGUMENTS, FAILURE) \
+  INTERPOSE(                                                          \
+      RETURNS, NAME, PARAMETERS, ARGUMENTS,                           \
+      if (fault::strikes(fault::Call::CALL)) { return FAILURE; })
 
-INTERPOSE(GmtimeR, tm*, gmtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
-INTERPOSE(LocaltimeR, tm*, localtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
-INTERPOSE(Mktime, time_t, mktime, (tm * fields), (fields), -1)
-INTERPOSE(Strdup, char*, strdup, (const char* text), (text), nullptr)
-INTERPOSE(StrToMs, uint32_t, TovStrToMilliSeconds, (const char* text, uint32_t* milliseconds),
-          (text, milliseconds), 7)
-INTERPOSE(YamlLoad, void*, TovYamlLoadFile, (const char* path), (path), nullptr)
-INTERPOSE(KemMutexInit, uint32_t, KEM_MutexInit, (uint64_t * mutex), (mutex), 7)
-INTERPOSE(Read, ssize_t, read, (int fd, void* to, size_t count), (fd, to, count), -1)
-INTERPOSE(Rdlock, int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock), errno)
-INTERPOSE(Wrlock, int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock), errno)
-INTERPOSE(Capability, uint32_t, TOV_DeadLoopRegCapability,
-          (const FrameDeadloopCapability* capability), (capability), 0x77)
-INTERPOSE(Sigcap, uint32_t, KEM_SigcapHandleReg, (uint32_t sigId, KemSigcapHandler handler),
-          (sigId, handler), 5)
-INTERPOSE(KemAlloc, void*, KEM_MemAlloc_F,
-          (uint32_t handleId, uint8_t partition, uintptr_t size, const char* file, uint32_t line),
-          (handleId, partition, size, file, line), nullptr)
-INTERPOSE(KemHandleFinalize, uint32_t, KEM_HandleFinalize, (uint32_t handleId), (handleId), 7)
-INTERPOSE(KemHandleInitialize, uint32_t, KEM_HandleInitialize,
-          (const char* name, uint32_t* handleId), (name, handleId), 7)
-INTERPOSE(KemMutexLock, uint32_t, KEM_MutexLock, (uint64_t * mutex), (mutex), 7)
-INTERPOSE(KemTick2Ms, uint32_t, KEM_CpuTick2Ms,
-          (const uint32_t tick[2], uint32_t* msHigh, uint32_t* msLow), (tick, msHigh, msLow), 7)
-INTERPOSE(EpollCreate, int, epoll_create, (int size), (size), -1)
-INTERPOSE(EpollCtl, int, epoll_ctl, (int epfd, int op, int fd, epoll_event* event),
-          (epfd, op, fd, event), -1)
-INTERPOSE(EpollWait, int, epoll_wait, (int epfd, epoll_event* events, int most, int timeout),
-          (epfd, events, most, timeout), -1)
-INTERPOSE(Lseek, off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
-INTERPOSE(MutexInit, int, pthread_mutex_init,
-          (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes), (mutex, attributes),
-          errno)
-INTERPOSE(Opendir, DIR*, opendir, (const char* name), (name), nullptr)
-INTERPOSE(PthreadCreate, int, pthread_create,
-          (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*),
-           void* argument),
-          (thread, attributes, entry, argument), errno)
-INTERPOSE(PthreadKill, int, pthread_kill, (pthread_t thread, int sig), (thread, sig), errno)
-INTERPOSE(RwlockInit, int, pthread_rwlock_init,
-          (pthread_rwlock_t * lock, const pthread_rwlockattr_t* attributes), (lock, attributes),
-          errno)
-INTERPOSE(Sigaction, int, sigaction,
-          (int sig, const struct sigaction* action, struct sigaction* old), (sig, action, old), -1)
-INTERPOSE(TimerfdCreate, int, timerfd_create, (int clock, int flags), (clock, flags), -1)
-INTERPOSE(TimerfdSettime, int, timerfd_settime,
-          (int fd, int flags, const itimerspec* value, itimerspec* old), (fd, flags, value, old),
-          -1)
+MAY_FAIL(GmtimeR, tm*, gmtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
+MAY_FAIL(LocaltimeR, tm*, localtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
+MAY_FAIL(Mktime, time_t, mktime, (tm * fields), (fields), -1)
+MAY_FAIL(Strdup, char*, strdup, (const char* text), (text), nullptr)
+MAY_FAIL(StrToMs, uint32_t, TovStrToMilliSeconds, (const char* text, uint32_t* milliseconds),
+         (text, milliseconds), 7)
+MAY_FAIL(YamlLoad, void*, TovYamlLoadFile, (const char* path), (path), nullptr)
+MAY_FAIL(KemMutexInit, uint32_t, KEM_MutexInit, (uint64_t * mutex), (mutex), 7)
+MAY_FAIL(Read, ssize_t, read, (int fd, void* to, size_t count), (fd, to, count), -1)
+MAY_FAIL(Rdlock, int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock), errno)
+MAY_FAIL(Wrlock, int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock), errno)
+MAY_FAIL(Capability, uint32_t, TOV_DeadLoopRegCapability,
+         (const FrameDeadloopCapability* capability), (capability), 0x77)
+MAY_FAIL(Sigcap, uint32_t, KEM_SigcapHandleReg, (uint32_t sigId, KemSigcapHandler handler),
+         (sigId, handler), 5)
+MAY_FAIL(KemAlloc, void*, KEM_MemAlloc_F,
+         (uint32_t handleId, uint8_t partition, uintptr_t size, const char* file, uint32_t line),
+         (handleId, partition, size, file, line), nullptr)
+MAY_FAIL(KemHandleFinalize, uint32_t, KEM_HandleFinalize, (uint32_t handleId), (handleId), 7)
+MAY_FAIL(KemHandleInitialize, uint32_t, KEM_HandleInitialize,
+         (const char* name, uint32_t* handleId), (name, handleId), 7)
+MAY_FAIL(KemMutexLock, uint32_t, KEM_MutexLock, (uint64_t * mutex), (mutex), 7)
+MAY_FAIL(KemTick2Ms, uint32_t, KEM_CpuTick2Ms,
+         (const uint32_t tick[2], uint32_t* msHigh, uint32_t* msLow), (tick, msHigh, msLow), 7)
+MAY_FAIL(EpollCreate, int, epoll_create, (int size), (size), -1)
+MAY_FAIL(EpollCtl, int, epoll_ctl, (int epfd, int op, int fd, epoll_event* event),
+         (epfd, op, fd, event), -1)
+MAY_FAIL(EpollWait, int, epoll_wait, (int epfd, epoll_event* events, int most, int timeout),
+         (epfd, events, most, timeout), -1)
+MAY_FAIL(Lseek, off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
+MAY_FAIL(MutexInit, int, pthread_mutex_init,
+         (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes), (mutex, attributes),
+         errno)
+MAY_FAIL(Opendir, DIR*, opendir, (const char* name), (name), nullptr)
+MAY_FAIL(PthreadCreate, int, pthread_create,
+         (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*),
+          void* argument),
+         (thread, attributes, entry, argument), errno)
+MAY_FAIL(PthreadKill, int, pthread_kill, (pthread_t thread, int sig), (thread, sig), errno)
+MAY_FAIL(RwlockInit, int, pthread_rwlock_init,
+         (pthread_rwlock_t * lock, const pthread_rwlockattr_t* attributes), (lock, attributes),
+         errno)
+MAY_FAIL(Sigaction, int, sigaction,
+         (int sig, const struct sigaction* action, struct sigaction* old), (sig, action, old), -1)
+MAY_FAIL(TimerfdCreate, int, timerfd_create, (int clock, int flags), (clock, flags), -1)
+MAY_FAIL(TimerfdSettime, int, timerfd_settime,
+         (int fd, int flags, const itimerspec* value, itimerspec* old), (fd, flags, value, old), -1)
 
 extern "C" {
 

@@ -1,7 +1,6 @@
 #include "pretended_threads.h"
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <pthread.h>
 #include <qurnadapt/platform.h>
 #include <sys/prctl.h>
@@ -17,12 +16,9 @@
 #include <cstring>
 #include <ctime>
 
-namespace {
+#include "interpose.h"
 
-template <typename Function>
-Function* real(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
+namespace {
 
 std::string formatted(const char* format, va_list args) {
   std::array<char, 512> text{};
