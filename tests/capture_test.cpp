@@ -141,7 +141,7 @@ TEST_F(SignalCapture, InvalidThreadsAndFailedSignalsLeaveTheStatusIdle) {
   recorded::forget();
   EXPECT_EQ(FrameThreadDeadloopPrint(0), QURN_FAILED);
   EXPECT_EQ(FrameThreadDeadloopPrint(~pthread_t{0}), QURN_FAILED);
-  fault::arm(fault::Call::PthreadKill, ESRCH);
+  fault::arm("pthread_kill", ESRCH);
   EXPECT_EQ(FrameThreadDeadloopPrint(pthread_self()), QURN_FAILED);
   const std::string self = std::to_string(static_cast<uint32_t>(pthread_self()));
   EXPECT_EQ(
@@ -314,7 +314,7 @@ TEST(MemoryMap, TheFirstLineAroundTheThreadIdentifierWins) {
 }
 
 TEST(MemoryMap, AFailingSeekOrAMissingFileFindsNothing) {
-  fault::arm(fault::Call::Lseek, EIO);
+  fault::arm("lseek", EIO);
   const uint64_t key = pthread_self();
   EXPECT_EQ(scan(line(1, 2) + line(key - 1, key + 1)).start, 0U);
   redirectMemoryMap("/nonexistent");

@@ -125,10 +125,10 @@ TEST(EventSets, UnknownNamesAndFailingFunctionsAreLoggedAndTheLoopGoesOn) {
 }
 
 TEST(EventSets, AFailingWaitIsLoggedUnlessASignalInterruptedIt) {
-  fault::arm(fault::Call::EpollWait, EINTR, 1);
+  fault::arm("epoll_wait", EINTR, 1);
   startDetection(20);
   EXPECT_EQ(recorded::count("Epoll wait unsuccessfully."), 0U);
-  fault::arm(fault::Call::EpollWait, EBADF);
+  fault::arm("epoll_wait", EBADF);
   EXPECT_TRUE(
       eventually([] { return recorded::has(100, "Epoll wait unsuccessfully. (errno = 9)"); }));
   const size_t ticks = recorded::events().size();
@@ -243,7 +243,7 @@ TEST_F(Timer, SaysWhenItWasKeptWaitingForThreePeriods) {
 TEST_F(Timer, GoesOnWithoutTheClockAndWithoutAnExpiration) {
   const int fd = create(20);
   waitFor(fd);
-  fault::arm(fault::Call::ClockGettime, EPERM);
+  fault::arm("clock_gettime", EPERM);
   FrameTimerHookTriggerByFd(ctrl_, fd);
   EXPECT_ERROR("Timer current time get unsuccessfully. (errno = 1)");
   EXPECT_EQ(runs_, 1);

@@ -121,7 +121,7 @@ void expectDead(NbbHndTbl& table) {
 TEST_F(HandleTable, AFailedSetUpFailsCleanlyAndCanBeRetried) {
   NbbHandleTerminate();
   for (int after = 0; after <= 4; ++after) {  // the array and four pages
-    fault::arm(fault::Call::KemAlloc, ENOMEM, after);
+    fault::arm("KEM_MemAlloc_F", ENOMEM, after);
     EXPECT_EQ(nbb_handle_initialize(), 0U);
     EXPECT_EQ(blocksHeld(), static_cast<uint64_t>(after));  // what was added stays
     expectDead(g_stNbbHndTbl);
@@ -132,7 +132,7 @@ TEST_F(HandleTable, AFailedSetUpFailsCleanlyAndCanBeRetried) {
     }
   }
   ASSERT_EQ(nbb_handle_initialize(), 1U);
-  fault::arm(fault::Call::KemMutexLock, EINVAL);
+  fault::arm("KEM_MutexLock", EINVAL);
   NbbHndTbl own;
   EXPECT_EQ(nbb_handle_table_initialize(&own, 0, 8, 8, 16), 0U);
   EXPECT_ERROR("Mutex lock unsuccessfully:7");
@@ -170,9 +170,9 @@ TEST_F(HandleTable, TheSearchForFreeSlotsGoesOnUntilEnoughAreFreeBehindIt) {
 TEST_F(HandleTable, EveryCallTakesTheLockOnce) {
   const uint32_t handle = nbb_create_handle(pointer(1));
   const auto locksOnce = [](auto call) {
-    fault::arm(fault::Call::KemMutexLock, 0, 1);
+    fault::arm("KEM_MutexLock", 0, 1);
     call();
-    return fault::strikes(fault::Call::KemMutexLock);  // the next one is the second
+    return fault::strikes("KEM_MutexLock");  // the next one is the second
   };
   EXPECT_TRUE(locksOnce([] { nbb_create_handle(pointer(2)); }));
   EXPECT_TRUE(locksOnce([=] { nbb_validate_handle(handle); }));
@@ -208,7 +208,7 @@ void PrintTo(const Layout& layout, std::ostream* out) {
   *out << layout.generationBits << " generation bits, " << layout.pageBits << " page bits";
 }
 
-void failPages(bool fail) { fault::arm(fault::Call::KemAlloc, ENOMEM, 0, fail ? 1 : 0); }
+void failPages(bool fail) { fault::arm("KEM_MemAlloc_F", ENOMEM, 0, fail ? 1 : 0); }
 
 class AgainstModel : public testing::TestWithParam<Layout> {};
 

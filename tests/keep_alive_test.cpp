@@ -114,7 +114,7 @@ TEST(KeepAliveReport, TheFirstIsDueAtOnceAndTheNextAPeriodAfterTheHookReturned) 
   EXPECT_EQ(runsAfter(990), 3);
   EXPECT_EQ(runsAfter(0), 4) << "a failed report is tried again at once";
   EXPECT_TRUE(recorded::has(80, "User keep alive hook proc unsuccessfully. (ret = 0x7)"));
-  fault::arm(fault::Call::ClockGettime, EPERM);
+  fault::arm("clock_gettime", EPERM);
   EXPECT_EQ(runsAfter(990), 4);
   EXPECT_ERROR("Frame report keep alive, get clock time unsuccessfully. (errno 1)");
 }

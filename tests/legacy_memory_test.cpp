@@ -93,7 +93,7 @@ TEST(LegacyHandle, OnlyRawIdsAndLiveRecordsAreHandles) {
 
 TEST(LegacyHandle, MistakesAreAnsweredWithTheirLines) {
   ZotHandleRecord* record = nullptr;
-  fault::arm(fault::Call::KemHandleInitialize, 0);
+  fault::arm("KEM_HandleInitialize", 0);
   EXPECT_EQ(ZOT_HandleInitializeByName("module", &record), QURN_FAILED);
   EXPECT_EQ(ZOT_HandleInitializeByName("module", nullptr), QURN_FAILED);
   EXPECT_EQ(ZOT_HandleInitializeByName(nullptr, &record), QURN_FAILED);
@@ -113,7 +113,7 @@ TEST(LegacyHandle, ThousandsOfRecordsAreToldFromEverythingElse) {
   std::vector<ZotHandleRecord*> records(5000);
   bool refused = false;
   for (ZotHandleRecord*& record : records) {
-    fault::arm(fault::Call::Alloc, ENOMEM);  // of the memory to remember records in
+    fault::arm("TOV_MemAllocF", ENOMEM);  // of the memory to remember records in
     if (ZOT_HandleInitialize(nullptr, 1, &record) != QURN_OK) {
       refused = true;
       ASSERT_EQ(ZOT_HandleInitialize(nullptr, 1, &record), QURN_OK);

@@ -125,7 +125,7 @@ TEST(PointerStack, GivesBackInReverseOrderAndFreesWhatIsLeft) {
   for (uintptr_t pushed = 1; pushed <= 3; ++pushed) {
     EXPECT_EQ(RPM_PushStack(stack, pushed), QURN_OK);
   }
-  fault::arm(fault::Call::Alloc, ENOMEM);
+  fault::arm("TOV_MemAllocF", ENOMEM);
   EXPECT_EQ(RPM_PushStack(stack, 4), QURN_FAILED);
   for (uintptr_t expected = 3; expected >= 1; --expected) {
     EXPECT_EQ(RPM_GetStackTopElement(stack, &element), QURN_OK);

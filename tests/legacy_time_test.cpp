@@ -266,7 +266,7 @@ TEST(LegacyTime, UptimeCountsFromItsRecord) {
 
   ZotUptimeMs untouched{7, 7};
   recorded::forget();
-  fault::arm(fault::Call::KemTick2Ms, 0);
+  fault::arm("KEM_CpuTick2Ms", 0);
   EXPECT_EQ(ZOT_CalUptime(base, &untouched), QURN_FAILED);
   base->startTickHigh = 0xFFFFFFFF;  // ahead
   EXPECT_EQ(ZOT_CalUptime(base, &untouched), QURN_FAILED);
@@ -287,7 +287,7 @@ TEST(LegacyTime, UptimeCountsFromItsRecord) {
   }
   EXPECT_TRUE(untouched.msHigh == 7 && untouched.msLow == 7);
   EXPECT_EQ(ZOT_Free_F(base, "test", 1), 0U);
-  fault::arm(fault::Call::KemAlloc, ENOMEM);
+  fault::arm("KEM_MemAlloc_F", ENOMEM);
   EXPECT_EQ(ZOT_StartuptimeInit(), nullptr);
 }
 

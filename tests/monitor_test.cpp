@@ -88,7 +88,7 @@ TEST(Uninitialised, DISABLED_MonitorRefusesEverything) {
   EXPECT_EQ(recorded::count("deadloop monitor not init."), 7U);
   EXPECT_EQ(recorded::count("hook unsuccessfully, deadloop monitor is not inited."), 2U);
   EXPECT_EQ(recorded::texts(100), recorded::texts());
-  fault::arm(fault::Call::RwlockInit, EAGAIN);
+  fault::arm("pthread_rwlock_init", EAGAIN);
   EXPECT_EQ(FRAME_MntInit(), QURN_FAILED);
   EXPECT_EQ(recorded::texts(100).back(),
             "Frame task deadloop init unsuccessfully, ret=0xffffffff.");
@@ -98,17 +98,16 @@ TEST(Uninitialised, DISABLED_MonitorRefusesEverything) {
 
 TEST(Monitor, RefusesEverythingUntilItsInitialisationHasSucceeded) {
   struct Lock {
-    fault::Call call;
+    const char* call;
     int number;
     const char* name;
   };
-  for (const Lock& lock : {Lock{fault::Call::RwlockInit, 0, "ctrl mutex"},
-                           Lock{fault::Call::MutexInit, 63, "info mutex"}}) {
+  for (const Lock& lock : {Lock{"pthread_rwlock_init", 0, "ctrl mutex"},
+                           Lock{"pthread_mutex_init", 63, "info mutex"}}) {
     const std::string self = std::filesystem::read_symlink("/proc/self/exe");
     const ProgramRun run =
         runProgram("env " + std::string(fault::kAtLoadVariable) + "=" +
-                   std::to_string(static_cast<int>(lock.call)) + ":" + std::to_string(lock.number) +
-                   " " QURN_EMULATOR + self +
+                   std::to_string(lock.number) + ":" + lock.call + " " QURN_EMULATOR + self +
                    " --gtest_also_run_disabled_tests --gtest_filter=Uninitialised.*");
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_TRUE(run.has("[  PASSED  ] 1 test")) << run.output;
@@ -217,7 +216,7 @@ TEST_F(DetectionPass, AThreadThatEndsBeforeTheSignalReachesItIsReleasedAndPasses
   SilentThread first("first", 1, 1, 1);
   leaving = &first;
   fault::onStrike([] { leaving->end(); });
-  fault::arm(fault::Call::PthreadKill,
+  fault::arm("pthread_kill",
              0);  // succeeds, as for a thread that ended, and sends nothing
   passAfter(1000);
   EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_SIGNALED);
@@ -228,7 +227,7 @@ TEST_F(DetectionPass, AThreadThatEndsBeforeTheSignalReachesItIsReleasedAndPasses
   }));
   EXPECT_EQ(recorded::count("terminated"), 1U);
   SilentThread second("second", 1, 1, 1);
-  fault::arm(fault::Call::PthreadKill, 0);
+  fault::arm("pthread_kill", 0);
   passAfter(1000);
   FRAME_TaskDeadloopMonitorEntry();  // it is there, and so may still be captured
   EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_SIGNALED);
@@ -341,7 +340,7 @@ TEST_F(Tuning, SectionOperationsLogTheirFailures) {
   EXPECT_EQ(FrameSetSdkDeadloopAction(3), QURN_FAILED);
   FrameDeadloopHandle handle = 0;
   const FrameSdkDeadloopParam param{0, 1, 2, 3};
-  fault::arm(fault::Call::ClockGettime, EPERM, 1);  // the registration's own read succeeds
+  fault::arm("clock_gettime", EPERM, 1);  // the registration's own read succeeds
   EXPECT_EQ(FrameRegSdkDeadloop(&param, &handle), QURN_FAILED);
   for (const char* line : {"Frame sdk deadloop detect begin, set detect switch unsuccessfully.",
                            "Frame sdk deadloop detect end, set detect switch unsuccessfully.",

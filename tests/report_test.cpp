@@ -123,7 +123,7 @@ TEST(FunctionNames, AreListedOneALineForAsLongAsAWholeOneFits) {
   EXPECT_EQ(FrameFuncNameGetByAddr(nullptr, 0, text, 0), QURN_FAILED);
   EXPECT_EQ(FrameFuncNameGetByAddr(addresses, 0, text, 0), QURN_FAILED);
   EXPECT_EQ(FrameFuncNameGetByAddr(addresses, 0, text, 400), QURN_FAILED);
-  fault::arm(fault::Call::Symbols, ENOMEM);
+  fault::arm("backtrace_symbols", ENOMEM);
   EXPECT_EQ(FrameFuncNameGetByAddr(addresses, 2, text, 400), QURN_FAILED);
   EXPECT_EQ(
       recorded::texts(100),

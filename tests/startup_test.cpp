@@ -17,8 +17,6 @@
 
 namespace {
 
-using fault::Call;
-
 int detectionThreads() {
   DIR* tasks = opendir("/proc/self/task");
   int found = 0;
@@ -118,7 +116,7 @@ TEST(DetectionThread, GivesBackWhatOthersRegisteredWhenItsSetUpFails) {
     EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event), QURN_OK);
     EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event), QURN_OK);
   });
-  fault::arm(Call::TimerfdCreate, EMFILE);
+  fault::arm("timerfd_create", EMFILE);
   onThread("set-up", [] { FrameDeadloopTaskProcEntry(nullptr); });
   EXPECT_EQ(recorded::blocksHeld(), 0U);
 }
@@ -210,7 +208,7 @@ TEST(IgnoredSignals, AreAcceptedInOrderUpToTheFirstBadEntry) {
                                                          : std::vector<std::string>{step.message});
   }
   configure("exception: {signalIgnore: [SIGHUP]}");
-  fault::arm(fault::Call::Sigcap, EINVAL);
+  fault::arm("KEM_SigcapHandleReg", EINVAL);
   EXPECT_EQ(FrameExceptionInit(), QURN_FAILED);
   EXPECT_ERROR("Signal ignore operation, kem reg unsuccessfully. (ret = 5)");
   configure("{ not yaml");

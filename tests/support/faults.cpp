@@ -23,15 +23,28 @@
 namespace {
 
 struct Fault {
+  std::atomic<const char*> call;
   std::atomic<int> after;
   std::atomic<int> times;
   std::atomic<int> error;
+  std::atomic<int> calls;
 };
 
-constinit std::array<Fault, static_cast<size_t>(fault::Call::kCount)> g_faults{};
-constinit std::array<std::atomic<int>, static_cast<size_t>(fault::Call::kCount)> g_calls{};
+constinit std::array<Fault, 64> g_faults{};
+
+// The one of this name, a new one the first time it is asked for. Takes no lock.
+Fault& faultOf(const char* call) {
+  for (Fault& fault : g_faults) {
+    const char* name = nullptr;
+    if (fault.call.compare_exchange_strong(name, call) || strcmp(name, call) == 0) {
+      return fault;
+    }
+  }
+  abort();
+}
+
 constinit std::atomic<int> g_sweepNumber{0};
-constinit std::atomic<fault::Call> g_swept{fault::Call::kCount};
+constinit std::atomic<const char*> g_swept{nullptr};
 constinit std::atomic<bool> g_environmentRead{false};
 constinit std::atomic<void (*)()> g_onStrike{nullptr};
 constinit std::atomic<int64_t> g_frozenMs{-1};
@@ -42,12 +55,9 @@ constinit std::atomic<const char*> g_memoryMap{nullptr};
 constinit std::atomic<const char*> g_symbolLine{nullptr};
 
 void armFromEnvironment() {
-  int call = 0;
-  int after = 0;
   const char* text = getenv(fault::kAtLoadVariable);
-  if (!g_environmentRead.exchange(true) && text != nullptr &&
-      sscanf(text, "%d:%d", &call, &after) == 2) {
-    fault::arm(static_cast<fault::Call>(call), EAGAIN, after);
+  if (!g_environmentRead.exchange(true) && text != nullptr) {
+    fault::arm(strchr(text, ':') + 1, EAGAIN, atoi(text));
   }
 }
 
@@ -80,22 +90,22 @@ bool isLibraryCode(const void* address) {
 
 }  // namespace
 
-void fault::arm(Call call, int error, int after, int times) {
-  Fault& armed = g_faults[static_cast<size_t>(call)];
+void fault::arm(const char* call, int error, int after, int times) {
+  Fault& armed = faultOf(call);
   armed.after = after;
   armed.error = error;
   armed.times = times;
 }
 
-bool fault::strikes(Call call, const void* caller) {
+bool fault::strikes(const char* call, const void* caller) {
   armFromEnvironment();
-  ++g_calls[static_cast<size_t>(call)];
+  Fault& armed = faultOf(call);
+  ++armed.calls;
   if (g_sweepNumber > 0 && isLibraryCode(caller) && --g_sweepNumber == 0) {
     g_swept = call;
     errno = EIO;
     return true;
   }
-  Fault& armed = g_faults[static_cast<size_t>(call)];
   if (armed.times <= 0 || armed.after-- > 0) {
     return false;
   }
@@ -107,15 +117,15 @@ bool fault::strikes(Call call, const void* caller) {
   return true;
 }
 
-int fault::calls(Call call) { return g_calls[static_cast<size_t>(call)]; }
+int fault::calls(const char* call) { return faultOf(call).calls; }
 
 void fault::sweep(uint32_t number) {
-  g_swept = Call::kCount;
+  g_swept = nullptr;
   isLibraryCode(nullptr);
   g_sweepNumber = static_cast<int>(number);
 }
 
-fault::Call fault::endSweep() {
+const char* fault::endSweep() {
   g_sweepNumber = 0;
   return g_swept;
 }
@@ -133,59 +143,57 @@ void frozen_clock::advance(int64_t milliseconds) { g_frozenMs += milliseconds; }
 void redirectMemoryMap(const char* path) { g_memoryMap = path; }
 void symbolsReadAs(const char* line) { g_symbolLine = line; }
 
-// Defines NAME to fail with FAILURE when its fault strikes.
-#define MAY_FAIL(CALL, RETURNS, NAME, PARAMETERS, ARGUMENTS, FAILURE) \
-  INTERPOSE(                                                          \
-      RETURNS, NAME, PARAMETERS, ARGUMENTS,                           \
-      if (fault::strikes(fault::Call::CALL)) { return FAILURE; })
+// Defines NAME to fail with FAILURE when its fault strikes. clock_gettime is that of
+// CLOCK_MONOTONIC_COARSE alone.
+#define MAY_FAIL(RETURNS, NAME, PARAMETERS, ARGUMENTS, FAILURE) \
+  INTERPOSE(                                                    \
+      RETURNS, NAME, PARAMETERS, ARGUMENTS, if (fault::strikes(#NAME)) { return FAILURE; })
 
-MAY_FAIL(GmtimeR, tm*, gmtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
-MAY_FAIL(LocaltimeR, tm*, localtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
-MAY_FAIL(Mktime, time_t, mktime, (tm * fields), (fields), -1)
-MAY_FAIL(Strdup, char*, strdup, (const char* text), (text), nullptr)
-MAY_FAIL(StrToMs, uint32_t, TovStrToMilliSeconds, (const char* text, uint32_t* milliseconds),
+MAY_FAIL(tm*, gmtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
+MAY_FAIL(tm*, localtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
+MAY_FAIL(time_t, mktime, (tm * fields), (fields), -1)
+MAY_FAIL(char*, strdup, (const char* text), (text), nullptr)
+MAY_FAIL(uint32_t, TovStrToMilliSeconds, (const char* text, uint32_t* milliseconds),
          (text, milliseconds), 7)
-MAY_FAIL(YamlLoad, void*, TovYamlLoadFile, (const char* path), (path), nullptr)
-MAY_FAIL(KemMutexInit, uint32_t, KEM_MutexInit, (uint64_t * mutex), (mutex), 7)
-MAY_FAIL(Read, ssize_t, read, (int fd, void* to, size_t count), (fd, to, count), -1)
-MAY_FAIL(Rdlock, int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock), errno)
-MAY_FAIL(Wrlock, int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock), errno)
-MAY_FAIL(Capability, uint32_t, TOV_DeadLoopRegCapability,
-         (const FrameDeadloopCapability* capability), (capability), 0x77)
-MAY_FAIL(Sigcap, uint32_t, KEM_SigcapHandleReg, (uint32_t sigId, KemSigcapHandler handler),
+MAY_FAIL(void*, TovYamlLoadFile, (const char* path), (path), nullptr)
+MAY_FAIL(uint32_t, KEM_MutexInit, (uint64_t * mutex), (mutex), 7)
+MAY_FAIL(ssize_t, read, (int fd, void* to, size_t count), (fd, to, count), -1)
+MAY_FAIL(int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock), errno)
+MAY_FAIL(int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock), errno)
+MAY_FAIL(uint32_t, TOV_DeadLoopRegCapability, (const FrameDeadloopCapability* capability),
+         (capability), 0x77)
+MAY_FAIL(uint32_t, KEM_SigcapHandleReg, (uint32_t sigId, KemSigcapHandler handler),
          (sigId, handler), 5)
-MAY_FAIL(KemAlloc, void*, KEM_MemAlloc_F,
+MAY_FAIL(void*, KEM_MemAlloc_F,
          (uint32_t handleId, uint8_t partition, uintptr_t size, const char* file, uint32_t line),
          (handleId, partition, size, file, line), nullptr)
-MAY_FAIL(KemHandleFinalize, uint32_t, KEM_HandleFinalize, (uint32_t handleId), (handleId), 7)
-MAY_FAIL(KemHandleInitialize, uint32_t, KEM_HandleInitialize,
-         (const char* name, uint32_t* handleId), (name, handleId), 7)
-MAY_FAIL(KemMutexLock, uint32_t, KEM_MutexLock, (uint64_t * mutex), (mutex), 7)
-MAY_FAIL(KemTick2Ms, uint32_t, KEM_CpuTick2Ms,
-         (const uint32_t tick[2], uint32_t* msHigh, uint32_t* msLow), (tick, msHigh, msLow), 7)
-MAY_FAIL(EpollCreate, int, epoll_create, (int size), (size), -1)
-MAY_FAIL(EpollCtl, int, epoll_ctl, (int epfd, int op, int fd, epoll_event* event),
-         (epfd, op, fd, event), -1)
-MAY_FAIL(EpollWait, int, epoll_wait, (int epfd, epoll_event* events, int most, int timeout),
+MAY_FAIL(uint32_t, KEM_HandleFinalize, (uint32_t handleId), (handleId), 7)
+MAY_FAIL(uint32_t, KEM_HandleInitialize, (const char* name, uint32_t* handleId), (name, handleId),
+         7)
+MAY_FAIL(uint32_t, KEM_MutexLock, (uint64_t * mutex), (mutex), 7)
+MAY_FAIL(uint32_t, KEM_CpuTick2Ms, (const uint32_t tick[2], uint32_t* msHigh, uint32_t* msLow),
+         (tick, msHigh, msLow), 7)
+MAY_FAIL(int, epoll_create, (int size), (size), -1)
+MAY_FAIL(int, epoll_ctl, (int epfd, int op, int fd, epoll_event* event), (epfd, op, fd, event), -1)
+MAY_FAIL(int, epoll_wait, (int epfd, epoll_event* events, int most, int timeout),
          (epfd, events, most, timeout), -1)
-MAY_FAIL(Lseek, off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
-MAY_FAIL(MutexInit, int, pthread_mutex_init,
-         (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes), (mutex, attributes),
-         errno)
-MAY_FAIL(Opendir, DIR*, opendir, (const char* name), (name), nullptr)
-MAY_FAIL(PthreadCreate, int, pthread_create,
+MAY_FAIL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
+MAY_FAIL(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes),
+         (mutex, attributes), errno)
+MAY_FAIL(DIR*, opendir, (const char* name), (name), nullptr)
+MAY_FAIL(int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*),
           void* argument),
          (thread, attributes, entry, argument), errno)
-MAY_FAIL(PthreadKill, int, pthread_kill, (pthread_t thread, int sig), (thread, sig), errno)
-MAY_FAIL(RwlockInit, int, pthread_rwlock_init,
+MAY_FAIL(int, pthread_kill, (pthread_t thread, int sig), (thread, sig), errno)
+MAY_FAIL(int, pthread_rwlock_init,
          (pthread_rwlock_t * lock, const pthread_rwlockattr_t* attributes), (lock, attributes),
          errno)
-MAY_FAIL(Sigaction, int, sigaction,
-         (int sig, const struct sigaction* action, struct sigaction* old), (sig, action, old), -1)
-MAY_FAIL(TimerfdCreate, int, timerfd_create, (int clock, int flags), (clock, flags), -1)
-MAY_FAIL(TimerfdSettime, int, timerfd_settime,
-         (int fd, int flags, const itimerspec* value, itimerspec* old), (fd, flags, value, old), -1)
+MAY_FAIL(int, sigaction, (int sig, const struct sigaction* action, struct sigaction* old),
+         (sig, action, old), -1)
+MAY_FAIL(int, timerfd_create, (int clock, int flags), (clock, flags), -1)
+MAY_FAIL(int, timerfd_settime, (int fd, int flags, const itimerspec* value, itimerspec* old),
+         (fd, flags, value, old), -1)
 
 extern "C" {
 
@@ -194,29 +202,29 @@ extern "C" {
 int close(int fd) {
   static auto* const next = real<int(int)>("close");
   const int result = next(fd);
-  return fault::strikes(fault::Call::Close) ? -1 : result;
+  return fault::strikes("close") ? -1 : result;
 }
 
 int closedir(DIR* directory) noexcept {
   static auto* const next = real<int(DIR*)>("closedir");
   const int result = next(directory);
-  return fault::strikes(fault::Call::Closedir) ? -1 : result;
+  return fault::strikes("closedir") ? -1 : result;
 }
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   static auto* const next = real<int(pthread_mutex_t*)>("pthread_mutex_lock");
-  return fault::strikes(fault::Call::MutexLock) ? errno : next(mutex);
+  return fault::strikes("pthread_mutex_lock") ? errno : next(mutex);
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
   static auto* const next = real<int(pthread_mutex_t*)>("pthread_mutex_unlock");
   const int result = next(mutex);
-  return fault::strikes(fault::Call::MutexUnlock) ? errno : result;
+  return fault::strikes("pthread_mutex_unlock") ? errno : result;
 }
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
   if (clock == CLOCK_MONOTONIC_COARSE) {
-    if (fault::strikes(fault::Call::ClockGettime)) {
+    if (fault::strikes("clock_gettime")) {
       return -1;
     }
     if (const int64_t frozenMs = g_frozenMs; frozenMs >= 0) {
@@ -236,7 +244,7 @@ unsigned sleep(unsigned /*seconds*/) {
 }
 
 int prctl(int option, ...) noexcept {
-  if (fault::strikes(fault::Call::Prctl)) {
+  if (fault::strikes("prctl")) {
     return -1;
   }
   va_list args;
@@ -252,7 +260,7 @@ int open(const char* path, int flags, ...) {
   va_start(args, flags);
   const mode_t mode = va_arg(args, mode_t);
   va_end(args);
-  if (fault::strikes(fault::Call::Open)) {
+  if (fault::strikes("open")) {
     return -1;
   }
   static auto* const next = real<int(const char*, int, ...)>("open");
@@ -261,7 +269,7 @@ int open(const char* path, int flags, ...) {
 }
 
 char** backtrace_symbols(void* const* addresses, int count) noexcept {
-  if (fault::strikes(fault::Call::Symbols)) {
+  if (fault::strikes("backtrace_symbols")) {
     return nullptr;
   }
   if (const char* line = g_symbolLine; line != nullptr) {
@@ -278,12 +286,12 @@ int _snprintf_s_chk(char* dest, size_t capacity, size_t /*bos*/, const char* for
   va_start(args, format);
   const int length = vsnprintf(dest, capacity, format, args);
   va_end(args);
-  return fault::strikes(fault::Call::SnprintfS) ? -1 : length;
+  return fault::strikes("snprintf_s") ? -1 : length;
 }
 
 int _memset_s_chk(void* dest, size_t capacity, int value, size_t count, size_t bos) {
   static auto* const next = real<int(void*, size_t, int, size_t, size_t)>("_memset_s_chk");
-  return fault::strikes(fault::Call::MemsetS) ? errno : next(dest, capacity, value, count, bos);
+  return fault::strikes("memset_s") ? errno : next(dest, capacity, value, count, bos);
 }
 
 }  // extern "C"

@@ -1,74 +1,29 @@
-// Failures of system calls, by name, and a clock that stands still. The calls are this program's
-// own definitions, which the library finds before the system's.
+// Failures of calls to the system and the platform, by their names, and a clock that stands still.
+// The calls are this program's own definitions, which the library finds before the system's.
 #pragma once
 
 #include <cstdint>
 
 namespace fault {
 
-enum class Call {
-  Alloc,
-  Capability,
-  ClockGettime,  // of CLOCK_MONOTONIC_COARSE
-  Close,
-  Closedir,
-  EpollCreate,
-  EpollCtl,
-  EpollWait,
-  GmtimeR,
-  KemAlloc,
-  KemHandleFinalize,
-  KemHandleInitialize,
-  KemMutexInit,
-  KemMutexLock,
-  KemTick2Ms,
-  LocaltimeR,
-  Lseek,
-  MemsetS,
-  Mktime,
-  MutexInit,
-  MutexLock,
-  MutexUnlock,
-  Open,
-  Opendir,
-  Prctl,
-  PthreadCreate,
-  PthreadKill,
-  Rdlock,
-  Read,
-  RwlockInit,
-  Sigaction,
-  Sigcap,
-  SnprintfS,
-  Strdup,
-  StrToMs,
-  Symbols,
-  TimerfdCreate,
-  TimerfdSettime,
-  Wrlock,
-  YamlLoad,
-  kCount
-};
-
 // The call fails with this error number, `times` times, once it has succeeded `after` times.
-void arm(Call call, int error, int after = 0, int times = 1);
+void arm(const char* call, int error, int after = 0, int times = 1);
 // What runs when the next armed fault strikes, before the call fails.
 void onStrike(void (*action)());
 // What an interposed call asks: true when it is to fail, errno then set. The caller of the
 // interposed call tells the library's calls from others.
-bool strikes(Call call, const void* caller = __builtin_return_address(0));
+bool strikes(const char* call, const void* caller = __builtin_return_address(0));
 
 // How often it was made, by whomever.
-int calls(Call call);
+int calls(const char* call);
 
 // The call of this number that the library makes from now on, of whatever kind, counted from 1,
 // fails with EIO.
 void sweep(uint32_t number);
-// Ends that. Returns what failed, kCount when the library made fewer calls.
-Call endSweep();
+// Ends that. Returns what failed, null when the library made fewer calls.
+const char* endSweep();
 
-// Before the library is loaded a test can only speak through the environment: "CALL:AFTER", CALL
-// the number of a Call.
+// Before the library is loaded a test can only speak through the environment: "AFTER:CALL".
 constexpr char kAtLoadVariable[] = "QURN_TEST_FAIL_AT_LOAD";
 
 }  // namespace fault

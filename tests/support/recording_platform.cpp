@@ -142,7 +142,7 @@ uint32_t FrameTriggerCheckExit(void) {
 }
 
 void* TOV_MemAllocF(size_t size, const char* file, uint32_t line, uint32_t reserved) {
-  if (fault::strikes(fault::Call::Alloc) || file == nullptr || line == 0 || reserved != 0) {
+  if (fault::strikes("TOV_MemAllocF") || file == nullptr || line == 0 || reserved != 0) {
     return nullptr;
   }
   const std::lock_guard lock(state().mutex);
