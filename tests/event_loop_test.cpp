@@ -215,6 +215,15 @@ TEST_F(Timer, ArmsFirstExpiryAndIntervalWithItsPeriod) {
   EXPECT_EQ(armed.it_value.tv_sec, 1);
 }
 
+TEST_F(Timer, AFailedOneIsToldAndLeavesNothing) {
+  int32_t fd = -1;
+  for (const char* call : {"timerfd_create", "timerfd_settime", "TOV_MemAllocF"}) {
+    fault::arm(call, EMFILE);
+    EXPECT_EQ(FRAME_TimerCreate(ctrl_, 10, countRun, &runs_, &fd), QURN_FAILED) << call;
+  }
+  EXPECT_EQ(recorded::blocksHeld(), 1U) << "the control";
+}
+
 TEST_F(Timer, RunsItsHookOnceAReadinessHoweverManyExpirationsThereWere) {
   frozen_clock::start();
   const int other = create(60000);

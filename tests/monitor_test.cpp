@@ -118,25 +118,11 @@ TEST(Monitor, RefusesEverythingUntilItsInitialisationHasSucceeded) {
   }
 }
 
-int g_keepAlives = 0;
-uint32_t g_hookElapsedMs = 0;
-
-uint32_t countKeepAlive(void* /*param*/) {
-  ++g_keepAlives;
-  return 0;
-}
-
-uint32_t threadHook(FrameDeadloopHandle* handle, uint64_t threadId, uint32_t elapsedMs) {
-  g_hookElapsedMs = elapsedMs;
-  recorded::note("hook of slot " + std::to_string(*handle) +
-                 (threadId == 0 ? " without thread" : ""));
-  return 0;
-}
-
 class DetectionPass : public testing::Test {
  protected:
   void SetUp() override {
     frozen_clock::start();
+    ASSERT_EQ(FrameSetDeadloopPeriodDelay(1), QURN_OK) << "every heartbeat is due";
     ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
     recorded::forget();
   }
@@ -144,71 +130,50 @@ class DetectionPass : public testing::Test {
     frozen_clock::advance(milliseconds);
     FRAME_TaskDeadloopMonitorEntry();
   }
-  // What a tick does after its pass, once the handler has captured.
-  static void report() {
-    ASSERT_TRUE(
-        eventually([] { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; }));
-    FrameWriteDeadloopInfo();
-  }
 };
 
-TEST_F(DetectionPass, FatalHandlingRunsTheThreadsHookAndReportsKeepAliveTwice) {
-  SilentThread stuck("stuck", 2, 2, 2);
-  Frame_RegDeadloopInfoHook(stuck.slot(), threadHook);
-  passAfter(2500);
-  ASSERT_EQ(FRAME_KeepAliveProcSet(1, countKeepAlive, nullptr), QURN_OK);
-  ASSERT_TRUE(
-      eventually([] { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; }));
-  frozen_clock::advance(20000);
-  recorded::forget();
-  FrameDeadloopFatalAction();
-  EXPECT_EQ(recorded::texts(80), (Texts{"Frame task deadloop detect, deadloop process hook start.",
-                                        "Frame task deadloop detect, deadloop process hook end."}));
-  EXPECT_EQ(recorded::events(), Texts{"hook of slot 0"});
-  EXPECT_EQ(g_hookElapsedMs, 2500U);
-  EXPECT_EQ(g_keepAlives, 1) << "the second report is not due yet";
-}
-
-uint32_t useTheWholeMonitor(FrameDeadloopHandle* handle, uint64_t /*threadId*/,
-                            uint32_t /*elapsedMs*/) {
+uint32_t useTheWholeMonitor(FrameDeadloopHandle* handle, uint64_t threadId, uint32_t elapsedMs) {
+  recorded::note("hook of slot " + std::to_string(*handle) + ": " + std::to_string(elapsedMs) +
+                 (threadId == 0 ? " ms, no thread" : " ms"));
   FrameDeadloopHandle own = 0;
   EXPECT_EQ(Frame_SetHeartbeatToMon(&own, 1, 2, 3), QURN_OK);
-  EXPECT_EQ(Frame_RegDeadloopInfoHook(&own, threadHook), QURN_OK);
+  EXPECT_EQ(Frame_RegDeadloopInfoHook(&own, useTheWholeMonitor), QURN_OK);
   EXPECT_EQ(Frame_StopHeartbeatToMon(&own), QURN_OK);
   EXPECT_EQ(FrameSetDetectSwitch(*handle, 0), QURN_OK);
   EXPECT_EQ(Frame_SetHeartExceptionPolicy(*handle, 1), QURN_OK);
   EXPECT_EQ(FRAME_UpdateDeadloopThresholdByName("stuck", 5, 6, 7), QURN_OK);
   EXPECT_EQ(Frame_UnRegDeadloopInfoHook(handle), QURN_OK);
   Frame_RegThreadDeadloopWarningHook(nullptr);
-  Frame_RegThreadDeadloopHook([](uint64_t, uint32_t, uint32_t elapsedMs, uint32_t policy) {
-    recorded::note("process hook: " + std::to_string(elapsedMs) + " ms, policy " +
+  Frame_RegThreadDeadloopHook([](uint64_t, uint32_t, uint32_t silentMs, uint32_t policy) {
+    recorded::note("process hook: " + std::to_string(silentMs) + " ms, policy " +
                    std::to_string(policy));
   });
   return 0;
 }
 
-TEST_F(DetectionPass, AThreadsHookMayUseTheWholeMonitorAndTheProcessHookSeesIt) {
+TEST_F(DetectionPass, HooksRunBetweenHeartbeatsAndTheThreadsMayUseTheWholeMonitor) {
   SilentThread stuck("stuck", 2, 2, 2);
   Frame_RegDeadloopInfoHook(stuck.slot(), useTheWholeMonitor);
-  passAfter(2000);
-  report();
-  EXPECT_EQ(recorded::events(), Texts{"process hook: 2000 ms, policy 1"});
-  EXPECT_EQ(recorded::texts(80)[recorded::texts(80).size() - 2],
-            "Frame task deadloop detect, deadloop process global hook start.");
-  EXPECT_EQ(recorded::texts(80).back(),
-            "Frame task deadloop detect, deadloop process global hook end.");
-}
-
-TEST_F(DetectionPass, WithoutAHookTheProcessEndsWithStatus88) {
-  EXPECT_EXIT(
-      {
-        SilentThread stuck("stuck", 1, 1, 1);
-        passAfter(1000);
-        report();
-      },
-      testing::ExitedWithCode(88),
-      "Task.stuck. deadloop detected with no process hook, execute default strategy.");
-  EXPECT_EXIT(ZotReboot(), testing::ExitedWithCode(88), "Frame reboot announce.");
+  const auto noteBeat = [](void*) -> uint32_t {
+    recorded::note("keep-alive");
+    return 0;
+  };
+  ASSERT_EQ(FRAME_KeepAliveProcSet(1, noteBeat, nullptr), QURN_OK);
+  passAfter(2500);
+  ASSERT_TRUE(
+      eventually([] { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; }));
+  frozen_clock::advance(20000);
+  recorded::forget();
+  FrameWriteDeadloopInfo();
+  EXPECT_EQ(recorded::events(),
+            (Texts{"keep-alive", "keep-alive", "hook of slot 0: 2500 ms", "keep-alive",
+                   "process hook: 2500 ms, policy 1", "keep-alive"}));
+  const Texts said = recorded::texts(80);
+  EXPECT_EQ(Texts(said.end() - 4, said.end()),
+            (Texts{"Frame task deadloop detect, deadloop process hook start.",
+                   "Frame task deadloop detect, deadloop process hook end.",
+                   "Frame task deadloop detect, deadloop process global hook start.",
+                   "Frame task deadloop detect, deadloop process global hook end."}));
 }
 
 TEST_F(DetectionPass, AThreadThatEndsBeforeTheSignalReachesItIsReleasedAndPassesGoOn) {
@@ -271,11 +236,8 @@ class DetachedThread {
   std::binary_semaphore end_{0};
 };
 
-TEST(EndedDetachedThread, IsReleasedAndItsIdentifierNeverUsed) {
+TEST_F(DetectionPass, AnEndedDetachedThreadIsReleasedAndItsIdentifierNeverUsed) {
   static DetachedThread* leaving = nullptr;
-  frozen_clock::start();
-  ASSERT_EQ(FrameSetDeadloopPeriodDelay(1), QURN_OK) << "every heartbeat is due";
-  ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
   DetachedThread detached;
   leaving = &detached;
   const auto endOnceReported = [](void*) -> uint32_t {
