@@ -226,11 +226,13 @@ TEST(Report, OfARealProcessHasTheSourceOfWhereItWasStuck) {
   ASSERT_EQ(loops.size(), 1U) << run.output;
   EXPECT_EQ(loops[0]["silence"].size(), 3U);
   EXPECT_EQ(loops[0]["decision"]["exit_status"], 88);
-  std::string source;
+  [[maybe_unused]] std::string source;
   for (const Json& frame : loops[0]["frames"]) {
     source = frame["function"] == "enter_a_loop" ? frame["source"].get<std::string>() : source;
   }
+#if !defined(__SANITIZE_THREAD__)  // which runs the handler late, when the stack has moved on
   EXPECT_TRUE(source.starts_with("examples/host/scenarios.cpp:")) << run.output;
+#endif
 }
 
 }  // namespace
