@@ -181,8 +181,7 @@ TEST_F(DetectionPass, AThreadThatEndsBeforeTheSignalReachesItIsReleasedAndPasses
   SilentThread first("first", 1, 1, 1);
   leaving = &first;
   fault::onStrike([] { leaving->end(); });
-  fault::arm("pthread_kill",
-             0);  // succeeds, as for a thread that ended, and sends nothing
+  fault::arm("pthread_kill", 0);  // as for a thread that ended: succeeds, sends nothing
   passAfter(1000);
   EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_SIGNALED);
   // The kernel may know a joined thread for a moment longer.
