@@ -1,7 +1,9 @@
 // The handle table: the stated cases, failures and retries, a randomised comparison with the model,
 // and many threads at once.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <tovplatform/stand_in.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -194,6 +196,14 @@ TEST_F(HandleTable, ThePlainCallsNeedTheModule) {
     expected.push_back("NBB " + call + " handle unsuccessfully, module has not initialized.");
   }
   EXPECT_EQ(recorded::texts(100), expected);
+  // Nor does a fork ask the platform for a mutex that does not exist.
+  const int locks = fault::calls("KEM_MutexLock");
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  EXPECT_EQ(fault::calls("KEM_MutexLock"), locks);
   NbbHandleTerminate();
   EXPECT_EQ(nbb_handle_initialize(), 1U);
 }

@@ -103,15 +103,20 @@ constinit Leftovers g_leftovers;
 
 // ---- forks: a thread that is in a table at that moment does not exist in the child
 
+constinit bool g_heldByForker = false;
+
+// A process that never used the tables has no mutex that the platform could lock.
 void holdTables() noexcept {
   pthread_mutex_lock(&g_moduleMutex);
-  KEM_MutexLock(&g_pTblLock);
+  g_heldByForker = g_pTblLock != 0 && KEM_MutexLock(&g_pTblLock) == QURN_OK;
   g_leftovers.lock();
 }
 
 void releaseTables() noexcept {
   g_leftovers.unlock();
-  KEM_MutexUnlock(&g_pTblLock);
+  if (g_heldByForker) {
+    KEM_MutexUnlock(&g_pTblLock);
+  }
   pthread_mutex_unlock(&g_moduleMutex);
 }
 
