@@ -95,6 +95,16 @@ void unlinkFromRing(const NbbHndTbl& table, const NbbHndPage& page) noexcept {
   pageIn(table, page.nextPage)->prevPage = page.prevPage;
 }
 
+// The next page of the ring. That is nearly always the neighbour, as the array tells: a search over
+// thousands of full pages need not wait for each page's link before it can look at the next.
+int32_t pageAfter(const NbbHndTbl& table, int32_t pageIndex) noexcept {
+  const auto neighbour = static_cast<uint32_t>(pageIndex) + 1;
+  if (isInRange(table, neighbour) && NbbIsNeedAllocateNewPage(&table, neighbour) == 0) {
+    return pageIndex + 1;
+  }
+  return pageIn(table, pageIndex)->nextPage;
+}
+
 // ---- one page
 
 void chainFreeSlots(NbbHndPage& page) noexcept {
@@ -180,7 +190,7 @@ void nbb_grab_free_slots(NbbHndTbl* table) {
   }
   int32_t candidate = table->currentPage;
   do {
-    candidate = pageIn(*table, candidate)->nextPage;
+    candidate = pageAfter(*table, candidate);
     if (candidate == 0) {
       table->freedBehindCount = 0;
     }
