@@ -170,6 +170,8 @@ MAY_FAIL(void*, KEM_MemAlloc_F,
 MAY_FAIL(uint32_t, KEM_HandleFinalize, (uint32_t handleId), (handleId), 7)
 MAY_FAIL(uint32_t, KEM_HandleInitialize, (const char* name, uint32_t* handleId), (name, handleId),
          7)
+MAY_FAIL(uint32_t, KEM_TaskStackInfoGet, (uint32_t selector, FrameTaskStackInfo* info),
+         (selector, info), QURN_FAILED)
 MAY_FAIL(uint32_t, KEM_MutexLock, (uint64_t * mutex), (mutex), 7)
 MAY_FAIL(uint32_t, KEM_CpuTick2Ms, (const uint32_t tick[2], uint32_t* msHigh, uint32_t* msLow),
          (tick, msHigh, msLow), 7)
