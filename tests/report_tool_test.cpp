@@ -82,7 +82,7 @@ TEST(Report, AWholeStory) {
       jsonOf("host: started\n" +
              Log().silence().capture({"_ZN3svc4spinEv+0x9", "0x7f00aa", "main"}).end().text);
   ASSERT_EQ(loops.size(), 1U);
-  const Json expected = Json::parse(R"json({
+  const Json expected = Json::parse(R"story({
     "process": "svc", "process_id": 50, "thread": "worker", "thread_id": 7,
     "thresholds_ms": [1000, 2000, 3000],
     "silence": [{"threshold": 1, "at": "2026-01-02 03:04:05.101", "silent_ms": 1100},
@@ -91,18 +91,12 @@ TEST(Report, AWholeStory) {
     "signal": 36, "signal_failed": false, "captured": true,
     "reported_at": "2026-01-02 03:04:05.105", "capture_stamp_utc8": "2026-01-02 11:04:08",
     "frames": [{"text": "_ZN3svc4spinEv+0x9", "function": "svc::spin()", "offset": 9,
-                "address": null, "source": null
-},
+                "address": null, "source": null},
                {"text": "0x7f00aa", "function": null, "offset": null, "address": 8323242,
                 "source": null},
                {"text": "main", "function": "main", "offset": 0, "address": null, "source": null}],
-    "decision": {
-  "at" : "2026-01-02 03:04:05.110",
-         "thread_hook" : false,
-                         "process_hook" : false,
-                                          "exit_status" : 88
-}
-})json");
+    "decision": {"at": "2026-01-02 03:04:05.110", "thread_hook": false, "process_hook": false,
+                 "exit_status": 88}})story");
   EXPECT_EQ(loops[0], expected) << loops[0].dump(1);
 }
 
