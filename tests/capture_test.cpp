@@ -6,7 +6,9 @@
 #include <ucontext.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -81,6 +83,7 @@ TEST_F(SignalCapture, AThreadInASystemCallIsCapturedAndGoesOnWaiting) {
 
 std::atomic<bool> g_holdWalk{false};
 std::atomic<bool> g_walking{false};
+bool g_walkFindsNothing = false;
 uint64_t* g_walkResult = nullptr;  // in the block that the record is in too
 
 }  // namespace
@@ -92,6 +95,9 @@ extern "C" uint32_t KEM_ExceptCallStackGetEx(void* context, uint32_t most, uint3
   }
   g_walking = false;
   g_walkResult = addresses;
+  if (g_walkFindsNothing) {
+    return QURN_OK;
+  }
   static auto* const next = reinterpret_cast<decltype(&KEM_ExceptCallStackGetEx)>(
       dlsym(RTLD_NEXT, "KEM_ExceptCallStackGetEx"));
   return next(context, most, option, addresses, depth);
@@ -184,6 +190,32 @@ TEST_F(SignalCapture, OnlyTheWholeSignalCaptures) {
   EXPECT_EQ(record().callStack[0].address, qurn::machineWords(&context)[qurn::kProgramCounterWord]);
 }
 
+TEST(Capture, NeedsItsMemoryWhichIsMadeOnce) {
+  ucontext_t context;
+  siginfo_t info{};
+  getcontext(&context);
+  EXPECT_EQ(FrameThreadDeadloopPrint(pthread_self()), QURN_FAILED);
+  FrameDeadLoopSignalHandle(kSignal, &info, &context);
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
+  EXPECT_EQ(recorded::texts().size(), 1U);
+  EXPECT_EQ(FrameDeadloopInit(), QURN_OK);
+  EXPECT_EQ(FrameDeadloopInit(), QURN_OK);
+  EXPECT_EQ(recorded::texts(80), Texts{"Deadloop is already inited."});
+  EXPECT_EQ(recorded::blocksHeld(), 1U);
+}
+
+TEST_F(SignalCapture, WithoutFramesIsAReportOfTwoLines) {
+  ucontext_t context;
+  siginfo_t info{};
+  getcontext(&context);
+  g_walkFindsNothing = true;
+  FrameDeadLoopSignalHandle(kSignal, &info, &context);
+  recorded::forget();
+  FrameWriteDeadloopInfo();
+  EXPECT_EQ(recorded::lines().size(), 2U);
+  EXPECT_EQ(recorded::count("Captured process: "), 1U);
+}
+
 TEST_F(SignalCapture, RecordsTheMachineContextWordForWord) {
   ucontext_t context{};
   siginfo_t signal{};
@@ -235,11 +267,11 @@ TEST(StackSlice, IsCopiedFromTheCallersOwnStackAndLeftOutWhenItsBoundsAreUnknown
     uint32_t length = 77;
     record.registers[qurn::kStackPointerWord] = reinterpret_cast<uint64_t>(&marker[64]);
     EXPECT_EQ(FrameStackSpGet(record.registers), record.registers[qurn::kStackPointerWord]);
-    redirectMemoryMap("/dev/null");
+    redirectFile("/maps", "/dev/null");
     FrameStackMemoryGet(&record, &length);
     EXPECT_EQ(length, 77U);
     EXPECT_EQ(record.stackDumpStart, 0U);
-    redirectMemoryMap(nullptr);
+    redirectFile("/maps", nullptr);
     FrameStackMemoryGet(&record, &length);
     EXPECT_EQ(length, 2048U);
     EXPECT_EQ(record.stackDumpStart, reinterpret_cast<uint64_t>(&marker[0]));
@@ -269,14 +301,19 @@ std::string line(uint64_t start, uint64_t end, const std::string& rest = " rw-p 
   return hex(start) + "-" + hex(end) + rest;
 }
 
+std::string upper(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), [](char c) { return toupper(c); });
+  return text;
+}
+
 // What the scan finds for the calling thread in a map of this content.
 FrameTaskStackInfo scan(const std::string& map) {
   const std::string path = testing::TempDir() + "/qurn-maps-" + std::to_string(getpid());
   std::ofstream(path) << map;
-  redirectMemoryMap(path.c_str());
+  redirectFile("/maps", path.c_str());
   FrameTaskStackInfo info{0, 0};
   FrameTaskStackInfoGet(&info);
-  redirectMemoryMap(nullptr);
+  redirectFile("/maps", nullptr);
   return info;
 }
 
@@ -300,6 +337,11 @@ TEST(MemoryMap, TheFirstLineAroundTheThreadIdentifierWins) {
       {"a newline is no blank", line(start, end, "\n"), false},
       {"behind a line longer than a read",
        line(1, 2, " " + std::string(600, 'x') + "\n") + line(start, end), true},
+      // The byte behind a read without a newline is given up; it would be a digit.
+      {"within such a line", std::string(511, 'x') + "f" + line(start, end), true},
+      {"capital digits", upper(line(start, end)), true},
+      {"digits beyond the sixteenth",
+       std::string(16 - hex(start).size(), '0') + hex(start) + "f-" + hex(end) + " ", true},
   };
   for (const Case& map : cases) {
     SCOPED_TRACE(map.what);
@@ -313,7 +355,7 @@ TEST(MemoryMap, AFailingSeekOrAMissingFileFindsNothing) {
   fault::arm("lseek", EIO);
   const uint64_t key = pthread_self();
   EXPECT_EQ(scan(line(1, 2) + line(key - 1, key + 1)).start, 0U);
-  redirectMemoryMap("/nonexistent");
+  redirectFile("/maps", "/nonexistent");
   FrameTaskStackInfo info{0, 0};
   FrameTaskStackInfoGet(&info);
   EXPECT_EQ(info.size, 0U);

@@ -78,7 +78,10 @@ TEST_F(HandleTable, MistakesAreAnsweredWithTheirLines) {
   NbbHndTbl none{};
   EXPECT_EQ(NbbSetupPageArray(&none), 0U);
   said({}, {"Handle page memory unsuccessfully, msg len is 0."});
+  EXPECT_EQ(nbb_handle_initialize(), 1U) << "once more, and nothing changes";
   EXPECT_EQ(nbb_validate_handle(live), pointer(1));
+  EXPECT_EQ(nbb_get_spare_handle_bits(&g_stNbbHndTbl, ~0U), 0U);
+  said({}, {});
 }
 
 TEST_F(HandleTable, AssertsOnBadWidthsAndOnHandlesLeftInUseAndGoesOn) {

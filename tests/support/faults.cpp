@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include "interpose.h"
 
@@ -51,7 +52,8 @@ constinit std::atomic<int64_t> g_frozenMs{-1};
 constinit std::atomic<int> g_sleeps{0};
 constinit int g_actingSleep = 0;
 constinit std::atomic<void (*)()> g_onSleep{nullptr};
-constinit std::atomic<const char*> g_memoryMap{nullptr};
+constinit std::atomic<const char*> g_redirected{nullptr};
+constinit std::atomic<const char*> g_redirectedTo{nullptr};
 constinit std::atomic<const char*> g_symbolLine{nullptr};
 
 void armFromEnvironment() {
@@ -140,7 +142,10 @@ void onSleep(int number, void (*action)()) {
 
 void frozen_clock::start() { g_frozenMs = 100'000'000; }
 void frozen_clock::advance(int64_t milliseconds) { g_frozenMs += milliseconds; }
-void redirectMemoryMap(const char* path) { g_memoryMap = path; }
+void redirectFile(const char* ending, const char* path) {
+  g_redirected = ending;
+  g_redirectedTo = path;
+}
 void symbolsReadAs(const char* line) { g_symbolLine = line; }
 
 // Defines NAME to fail with FAILURE when its fault strikes. clock_gettime is that of
@@ -266,8 +271,9 @@ int open(const char* path, int flags, ...) {
     return -1;
   }
   static auto* const next = real<int(const char*, int, ...)>("open");
-  const char* map = g_memoryMap;
-  return next(map != nullptr && strstr(path, "/maps") != nullptr ? map : path, flags, mode);
+  const char* to = g_redirectedTo;
+  return next(to != nullptr && std::string_view(path).ends_with(g_redirected.load()) ? to : path,
+              flags, mode);
 }
 
 char** backtrace_symbols(void* const* addresses, int count) noexcept {

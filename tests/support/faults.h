@@ -40,8 +40,8 @@ void advance(int64_t milliseconds);
 int sleeps();
 void onSleep(int number, void (*action)());
 
-// Reads of this process's memory map come from this file instead; null undoes it.
-void redirectMemoryMap(const char* path);
+// A file whose path ends so is opened as this one instead; a null path undoes it.
+void redirectFile(const char* ending, const char* path);
 
 // backtrace_symbols answers this line for a single address; null undoes it.
 void symbolsReadAs(const char* line);

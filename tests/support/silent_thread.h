@@ -1,4 +1,4 @@
-// A registered thread that sends no heartbeat of its own accord.
+// A registered thread that sends no heartbeat.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <semaphore>
 #include <string>
 #include <thread>
@@ -21,12 +20,7 @@ class SilentThread {
           tid_ = static_cast<int>(syscall(SYS_gettid));
           EXPECT_EQ(Frame_SetHeartbeatToMon(&slot_, first, second, third), QURN_OK);
           registered_.release();
-          while (!end_.try_acquire_for(std::chrono::milliseconds(20))) {
-            if (beat_.exchange(false)) {
-              EXPECT_EQ(Frame_SendHeartbeatToMon(&slot_), QURN_OK);
-              beaten_.release();
-            }
-          }
+          end_.acquire();
         }) {
     registered_.acquire();
   }
@@ -38,19 +32,13 @@ class SilentThread {
       thread_.join();
     }
   }
-  void beat() {
-    beat_ = true;
-    beaten_.acquire();
-  }
   [[nodiscard]] int tid() const { return tid_; }
   [[nodiscard]] FrameDeadloopHandle* slot() { return &slot_; }
 
  private:
   FrameDeadloopHandle slot_ = 0;
   std::atomic<int> tid_{0};
-  std::atomic<bool> beat_{false};
   std::binary_semaphore registered_{0};
-  std::binary_semaphore beaten_{0};
   std::binary_semaphore end_{0};
   std::thread thread_;
 };
