@@ -332,6 +332,7 @@ TEST(MemoryMap, TheFirstLineAroundTheThreadIdentifierWins) {
        line(1, 2, " " + std::string(600, 'x') + "\n") + line(start, end), true},
       // The byte behind a read without a newline is given up; it would be a digit.
       {"within such a line", std::string(511, 'x') + "f" + line(start, end), true},
+      {"not at its first character", "x" + line(start, end), false},
       {"digits beyond the sixteenth",
        std::string(16 - hex(start).size(), '0') + hex(start) + "f-" + hex(end) + " ", true},
   };

@@ -282,6 +282,8 @@ const Outcome kReadLock{"pthread_rwlock_rdlock", QURN_OK};
 const Outcome kWriteLock{"pthread_rwlock_wrlock", QURN_OK};
 const Outcome kClearing{"memset_s", QURN_OK};
 
+const char* const kNotAdded = "Frame deadloop proc entry, add event to epoll fd unsuccessfully.";
+
 const Scenario kScenarios[] = {
     {"startup",
      prepareStartup,
@@ -326,7 +328,8 @@ const Scenario kScenarios[] = {
         "Deadloop init unsuccessfully, ret=0xffffffff."}},
       {"TOV_MemAllocF",
        QURN_FAILED,
-       {"Deadloop dfx init fail, stack memory alloc fail.",
+       {"Deadloop dfx init fail, memory alloc fail.",
+        "Deadloop dfx init fail, stack memory alloc fail.",
         "Deadloop init unsuccessfully, ret=0xffffffff."}},
       {"pthread_create",
        QURN_FAILED,
@@ -340,9 +343,16 @@ const Scenario kScenarios[] = {
       {"timerfd_create", QURN_OK, {"Timer fd create unsuccessfully, (errno = 5)."}},
       {"timerfd_settime", QURN_OK, {"Timer fd set time unsuccessfully, (errno = 5)."}},
       {"TOV_MemAllocF", QURN_OK, {"Timer node malloc unsuccessfully, no enough memory."}},
-      {"TOV_MemAllocF", QURN_OK, {"Frame mnt create event proc, memory malloc unsuccessfully."}},
-      {"TOV_MemAllocF", QURN_OK, {"Frame mnt epoll control, alloc memory unsuccessfully."}},
-      {"epoll_ctl", QURN_OK, {"Frame mnt operate epoll event unsuccessfully.(errno = 5)"}},
+      {"TOV_MemAllocF",
+       QURN_OK,
+       {"Frame mnt create event proc, memory malloc unsuccessfully.",
+        "Frame deadloop proc entry, reg set and event proc unsuccessfully."}},
+      {"TOV_MemAllocF",
+       QURN_OK,
+       {"Frame mnt epoll control, alloc memory unsuccessfully.", kNotAdded}},
+      {"epoll_ctl",
+       QURN_OK,
+       {"Frame mnt operate epoll event unsuccessfully.(errno = 5)", kNotAdded}},
       // Its loop goes on.
       {"epoll_wait", QURN_OK, {"Epoll wait unsuccessfully. (errno = 5)"}}}},
     {"monitor",

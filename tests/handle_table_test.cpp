@@ -137,13 +137,17 @@ TEST_F(HandleTable, AFailedSetUpFailsCleanlyAndCanBeRetried) {
     }
   }
   ASSERT_EQ(nbb_handle_initialize(), 1U);
-  fault::arm("KEM_MutexLock", EINVAL);
+  fault::arm("KEM_MutexLock", EINVAL, 0, 2);
   NbbHndTbl own;
+  NbbHndTbl other;
   EXPECT_EQ(nbb_handle_table_initialize(&own, 0, 8, 8, 16), 0U);
+  EXPECT_EQ(nbb_handle_table_initialize(&other, 0, 8, 8, 16), 0U);
   EXPECT_ERROR("Mutex lock unsuccessfully:7");
   expectDead(own);
   EXPECT_EQ(nbb_handle_table_initialize(&own, 14, 8, 8, 2), 1U);  // frees what the first try kept
-  EXPECT_EQ(blocksHeld(), 5U + 5U);
+  EXPECT_EQ(nbb_handle_table_initialize(&other, 14, 8, 8, 2), 1U);
+  EXPECT_EQ(blocksHeld(), 5U + 5U + 5U);
+  nbb_handle_table_terminate(&other);
   nbb_handle_table_terminate(&own);
   expectDead(own);
   nbb_handle_table_terminate(&own);
