@@ -69,7 +69,7 @@ static_assert(sizeof(MappingQuery) == 104);
 constexpr unsigned long kQueryMapping = _IOWR('f', 17, MappingQuery);
 
 // The threads library keeps a thread's control block, whose address is its identifier, inside the
-// thread's stack mapping.
+// thread's stack mapping. All three calls are plain system calls, as a signal handler needs them.
 bool askForStack(FrameTaskStackInfo& info) {
   const qurn::ScopedFd maps(open("/proc/self/maps", O_RDONLY | O_CLOEXEC));
   MappingQuery query;
