@@ -2,7 +2,7 @@
 #ifndef QURNADAPT_API_H
 #define QURNADAPT_API_H
 
-#include <stdbool.h>
+#include <stdbool.h> /* not used here: components have always got it from this header */
 #include <stdint.h>
 
 /* Marks the names that the shared library exports; everything else stays hidden. */

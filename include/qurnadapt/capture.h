@@ -84,16 +84,16 @@ QURN_API void FrameTaskStackInfoGet(FrameTaskStackInfo* info);
 
 /* The steps of the memory-map scan. Lengths and positions are bytes and indexes into a line; the
  * parsers return the position after what they recognised, or 0. All are async-signal-safe. */
-QURN_API bool FrameProcMapsFileGet(char* path, uint32_t capacity);
-QURN_API bool FrameGetMapStackAddr(const char* line, uint32_t length, uint64_t* start,
+QURN_API uint32_t FrameProcMapsFileGet(char* path, uint32_t capacity);
+QURN_API uint32_t FrameGetMapStackAddr(const char* line, uint32_t length, uint64_t* start,
                                    uint64_t* end);
-QURN_API bool FrameReadMapFileStr(const char* line, uint32_t length, uint32_t* startPos,
+QURN_API uint32_t FrameReadMapFileStr(const char* line, uint32_t length, uint32_t* startPos,
                                   uint32_t* endPos);
 QURN_API uint64_t FrameGetHexFromMapStr(const char* line, uint32_t position, uint32_t length);
 QURN_API uint64_t FrameAddrHexToInt(const char* text, uint32_t count);
 QURN_API int32_t FrameGetHexStrValue(char c);
-QURN_API bool FrameIsHexNum(char c);
-QURN_API bool FrameIsSpace(char c);
+QURN_API uint32_t FrameIsHexNum(char c);
+QURN_API uint32_t FrameIsSpace(char c);
 QURN_API uint32_t FrameParseMemAddr(const char* line, uint32_t position, uint32_t length);
 QURN_API uint32_t FrameParseHyphen(const char* line, uint32_t position, uint32_t length);
 QURN_API uint32_t FrameParseSpace(const char* line, uint32_t position, uint32_t length);

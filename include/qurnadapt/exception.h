@@ -18,7 +18,7 @@ QURN_API uint32_t FrameExceptionInit(void);
 QURN_API uint32_t FrameExceptionSignalIgnoreInit(void* yaml, const char* key);
 /* Whether the signal of this name may be ignored: SIGHUP, SIGTTIN, SIGSYS, SIGTTOU and SIGPIPE may.
  */
-QURN_API bool FrameSignalIsSupportIgnore(const char* sigName);
+QURN_API uint32_t FrameSignalIsSupportIgnore(const char* sigName);
 /* Stores the number of the signal of this name, 0 ("SIG0") to 31. Returns 0, or 0xFFFFFFFF with
  * sigId untouched. */
 QURN_API uint32_t FrameGetSigId(const char* sigName, uint32_t* sigId);

@@ -25,13 +25,13 @@ QURN_API void* ZOT_CompLocalCreate(QURN_ANY_ARGUMENTS);
 QURN_API uint32_t ZOT_DllInit(QURN_ANY_ARGUMENTS);
 QURN_API uint32_t ZOT_DllFini(QURN_ANY_ARGUMENTS);
 
-/* Tracing: 0, and 2 for the question whether a message is traced. Weak, so that a definition of the
- * program's own takes their place. */
-QURN_API uint32_t TRC_RegisterFunction(QURN_ANY_ARGUMENTS) __attribute__((weak));
-QURN_API uint32_t TRC_SetConfigPara(QURN_ANY_ARGUMENTS) __attribute__((weak));
-QURN_API uint32_t TRC_InstanceEventPoint(QURN_ANY_ARGUMENTS) __attribute__((weak));
-QURN_API uint32_t TRC_IsTraceCompMsg(QURN_ANY_ARGUMENTS) __attribute__((weak));
-QURN_API uint32_t TRC_CompMsgProc(QURN_ANY_ARGUMENTS) __attribute__((weak));
+/* Tracing: 0, and 2 for the question whether a message is traced. Weak where the library defines
+ * them, so that a definition elsewhere in the process takes their place. */
+QURN_API uint32_t TRC_RegisterFunction(QURN_ANY_ARGUMENTS);
+QURN_API uint32_t TRC_SetConfigPara(QURN_ANY_ARGUMENTS);
+QURN_API uint32_t TRC_InstanceEventPoint(QURN_ANY_ARGUMENTS);
+QURN_API uint32_t TRC_IsTraceCompMsg(QURN_ANY_ARGUMENTS);
+QURN_API uint32_t TRC_CompMsgProc(QURN_ANY_ARGUMENTS);
 
 /* High availability: 0. */
 QURN_API uint32_t HAF_GetBackupCompCid(QURN_ANY_ARGUMENTS);

@@ -31,8 +31,10 @@ QURN_API uint32_t ZotKemLogInit(void);
  * handlers run and no stream is flushed. Does not return. Callable from any thread. */
 QURN_API void ZOT_Exit(int32_t code) __attribute__((noreturn));
 
-/* Hands an assertion to the framework, arguments unchanged, and returns its result. */
-QURN_API uint32_t ZOT_Assert(const char* file, uint32_t line, uint32_t third);
+/* Hands an assertion to the framework's RuloPluginAssert (file name, line, a number or pointer of
+ * the component's own) and returns its result: every argument and the result whole, at pointer
+ * width. Thread-safe if the framework's call is. */
+QURN_API uintptr_t ZOT_Assert(QURN_ANY_ARGUMENTS);
 
 /* Writes to the system log; priority as of syslog(3). Thread-safe. */
 QURN_API void ZOT_syslog(int32_t priority, const char* format, ...)

@@ -113,10 +113,10 @@ QURN_API uint32_t FRAME_TaskDeadloopInit(void);
 /* Initialises the locks and the table, once. Returns 0 or 0xFFFFFFFF. */
 QURN_API uint32_t FrameTaskDeadloopCtrlInit(void);
 /* Whether each threshold, in seconds, is at least 1 and none is below the one before. */
-QURN_API bool FrameIsDeadloopThresholdValid(uint32_t firstThreshold, uint32_t secondThreshold,
+QURN_API uint32_t FrameIsDeadloopThresholdValid(uint32_t firstThreshold, uint32_t secondThreshold,
                                             uint32_t thirdThreshold);
 /* Whether the handle is not null and holds a slot, 0 to 63. */
-QURN_API bool FrameIsTaskDeadloopHandleValid(const FrameDeadloopHandle* handle);
+QURN_API uint32_t FrameIsTaskDeadloopHandleValid(const FrameDeadloopHandle* handle);
 
 /* Finds or takes a slot for the calling thread; the monitor's lock is write-held. */
 QURN_API uint32_t FrameSetMonitorTaskInfo(FrameDeadloopHandle* handle, uint32_t firstThreshold,
@@ -135,14 +135,14 @@ QURN_API void FRAME_TaskDeadloopMonitorEntry(void);
 /* Milliseconds since the record's detect time, 0xFFFFFFFF when the clock cannot be read. */
 QURN_API uint32_t FrameGetTaskElapsedTime(const FrameMonitorTaskInfo* info);
 /* True when the thread has ended; its slot has then been freed. Its lock is held. */
-QURN_API bool FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info);
+QURN_API uint32_t FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info);
 /* Whether the process has a thread of this kernel thread id. */
-QURN_API bool FrameIsMonitorTaskExist(int32_t tid);
+QURN_API uint32_t FrameIsMonitorTaskExist(int32_t tid);
 /* The threshold rules: whether one fires for a record, and what it does. The record's lock is held;
  * detection thread only. */
-QURN_API bool FrameIsInfoThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
-QURN_API bool FrameIsWarnThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
-QURN_API bool FrameIsFatalThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
+QURN_API uint32_t FrameIsInfoThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
+QURN_API uint32_t FrameIsWarnThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
+QURN_API uint32_t FrameIsFatalThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
 QURN_API void FrameInfoThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,
                                               uint32_t elapsedMs);
 QURN_API void FrameWarnThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,

@@ -14,7 +14,10 @@ inline constexpr std::size_t kStackPointerWord = REG_RSP;
 inline constexpr std::size_t kProgramCounterWord = REG_RIP;
 inline constexpr std::size_t kFramePointerWord = REG_RBP;
 inline constexpr int kFramePointerDwarfRegister = 6;
+// Behind these 32 words lie the signal mask and, in a signal's frame, the signal's information.
 static_assert(sizeof(mcontext_t) == 256);
+static_assert(offsetof(ucontext_t, uc_sigmask) ==
+              offsetof(ucontext_t, uc_mcontext) + sizeof(mcontext_t));
 static_assert(offsetof(mcontext_t, gregs) == 0 && sizeof(greg_t) == sizeof(uint64_t));
 #elif defined(__aarch64__)
 // fault address, x0 to x30, sp, pc, pstate

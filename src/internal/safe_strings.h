@@ -5,3 +5,16 @@
 
 #include <safeclib/safe_mem_lib.h>
 #include <safeclib/safe_str_lib.h>
+
+#include <algorithm>
+#include <cstddef>
+
+namespace qurn {
+
+// They refuse capacities above a maximum of their own; a destination that is larger has at least
+// that much room.
+inline size_t safeCapacity(size_t capacity) noexcept {
+  return std::min<size_t>(capacity, RSIZE_MAX_STR);
+}
+
+}  // namespace qurn

@@ -46,9 +46,10 @@ uint32_t MonitorModel::enter(const PretendedThread& thread, const Thresholds& se
     restart(*node, seconds, now);
     return QURN_OK;
   }
-  if (node == nodes_.end()) {
-    node = std::find_if(nodes_.begin(), nodes_.end(), [](const Node& one) { return !one.used; });
+  if (node != nodes_.end()) {
+    *node = {};  // of an ended thread
   }
+  node = std::find_if(nodes_.begin(), nodes_.end(), [](const Node& one) { return !one.used; });
   if (node == nodes_.end()) {
     return refuse(QURN_FAILED,
                   {"100 Frame set monitor task info, monitor task out of bounds. (max = 64)",

@@ -94,6 +94,7 @@ uint32_t FRAME_TimerCreate(FrameTimerCtrl* ctrl, uint32_t periodMs, FrameTimerHo
   }
   auto* node = static_cast<FrameTimerNode*>(allocate(sizeof(FrameTimerNode)));
   if (node == nullptr) {
+    close(timer.release());
     TIMER_LOG(TOV_LOG_ERROR, "Timer node malloc unsuccessfully, no enough memory.");
     return QURN_FAILED;
   }

@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <qurnadapt/legacy_fixed.h>
 #include <qurnadapt/legacy_process.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <array>
@@ -13,7 +12,14 @@
 #include <memory>
 
 #include "internal/scoped_lock.h"
+#include "internal/tail_jump.h"
 #include "internal/unit_log.h"
+
+QURN_TAIL_JUMP(ZOT_Assert, RuloPluginAssert, "");
+
+// The C library's call under its own name in every build: a fortified build's <syslog.h> would call
+// another one, past whoever stands in front of it.
+extern "C" void plainVsyslog(int priority, const char* format, va_list args) asm("vsyslog");
 
 namespace {
 
@@ -99,14 +105,10 @@ void ZOT_Exit(int32_t code) {
   _exit(code);
 }
 
-uint32_t ZOT_Assert(const char* file, uint32_t line, uint32_t third) {
-  return RuloPluginAssert(file, line, third);
-}
-
 void ZOT_syslog(int32_t priority, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  vsyslog(priority, format, args);
+  plainVsyslog(priority, format, args);
   va_end(args);
 }
 

@@ -75,10 +75,10 @@ void ZotReboot(void) {
   }
 }
 
-uint32_t TRC_RegisterFunction(...) { return 0; }
-uint32_t TRC_SetConfigPara(...) { return 0; }
-uint32_t TRC_InstanceEventPoint(...) { return 0; }
-uint32_t TRC_IsTraceCompMsg(...) { return 2; }
-uint32_t TRC_CompMsgProc(...) { return 0; }
+[[gnu::weak]] uint32_t TRC_RegisterFunction(...) { return 0; }
+[[gnu::weak]] uint32_t TRC_SetConfigPara(...) { return 0; }
+[[gnu::weak]] uint32_t TRC_InstanceEventPoint(...) { return 0; }
+[[gnu::weak]] uint32_t TRC_IsTraceCompMsg(...) { return 2; }
+[[gnu::weak]] uint32_t TRC_CompMsgProc(...) { return 0; }
 
 }  // extern "C"

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 #include "frame_mnt.h"
@@ -68,6 +69,11 @@ void* allocateZeroed(size_t size) noexcept {
 
 void release(void* block) noexcept { TOV_MemFreeF(block, qurn::mnt::kUnit, __LINE__, 0); }
 
+struct Release {
+  void operator()(void* block) const noexcept { release(block); }
+};
+using OwnedSet = std::unique_ptr<FrameMntEventSet, Release>;
+
 bool copySetName(char (&dest)[FRAME_MNT_SET_NAME_LEN], const char* setName) noexcept {
   if (strcpy_s(dest, sizeof(dest), setName) == 0) {
     return true;
@@ -107,15 +113,10 @@ void appendSet(FrameMntEventSet* set) noexcept {
   list.prev = set;
 }
 
-FrameMntEventSet* createSet(const char* setName) noexcept {
+FrameMntEventSet* createSet() noexcept {
   auto* set = static_cast<FrameMntEventSet*>(allocateZeroed(sizeof(FrameMntEventSet)));
   if (set == nullptr) {
     MNT_LOG(TOV_LOG_ERROR, "Frame mnt create event proc, memory malloc unsuccessfully.");
-    return nullptr;
-  }
-  if (!copySetName(set->setName, setName)) {
-    release(set);
-    return nullptr;
   }
   return set;
 }
@@ -231,19 +232,20 @@ uint32_t FRAME_MntRegSetAndEventProc(const char* setName, FrameMntEventProc proc
     MNT_LOG(TOV_LOG_ERROR, "Event process function is NULL.");
     return QURN_INVALID_ARGUMENT;
   }
+  OwnedSet created;  // one that does not get into the list is freed after the unlock
   const qurn::MutexLock lock(g_events.setLock);
   FrameMntEventSet* set = findSet(setName);
-  const bool isNew = set == nullptr;
-  if (isNew) {
-    set = createSet(setName);
-    if (set == nullptr) {
+  if (set == nullptr) {
+    created.reset(createSet());
+    set = created.get();
+    if (set == nullptr || !copySetName(set->setName, setName)) {
       return QURN_FAILED;
     }
   }
   set->eventProc = proc;
   set->eventParam = param;
-  if (isNew) {
-    appendSet(set);
+  if (created != nullptr) {
+    appendSet(created.release());
   }
   return QURN_OK;
 }
@@ -253,10 +255,11 @@ uint32_t FRAME_MntEpollCtl(const char* setName, int32_t op, int32_t fd, struct e
     return QURN_FAILED;
   }
   if (event != nullptr) {
-    event->data.ptr = createRecord(setName, fd);
-    if (event->data.ptr == nullptr) {
+    FrameMntEpollData* record = createRecord(setName, fd);
+    if (record == nullptr) {
       return QURN_FAILED;
     }
+    event->data.ptr = record;
     if (event->events == 0) {
       event->events = EPOLLIN | EPOLLET;
     }
@@ -297,6 +300,9 @@ void FrameMntEventProcBySet(struct epoll_event* event) {
 }
 
 void FRAME_MntDispatch(void) {
+  if (!loopExists()) {
+    return;
+  }
   epoll_event events[kMaxEvents];
   for (;;) {
     releaseRetiredRecords();
@@ -320,7 +326,6 @@ void FrameMntClearEpollEventCtrl(void) {
     set->next->prev = &g_events.setList;
     release(set);
   }
-  pthread_mutex_destroy(&g_events.setLock);
   // With the epoll instance gone, nothing can hand a record out any more.
   FrameMntEpollData* live = nullptr;
   {
@@ -330,6 +335,7 @@ void FrameMntClearEpollEventCtrl(void) {
     }
     live = std::exchange(g_events.liveRecords, nullptr);
   }
+  pthread_mutex_destroy(&g_events.setLock);
   releaseRecords(live);
   releaseRetiredRecords();
 }

@@ -7,21 +7,27 @@
 #include <cstring>
 
 #include "frame_mnt.h"
-#include "signal_names.h"
 
 namespace {
 
 constexpr char kSignalIgnoreKey[] = "exception.signalIgnore";
 
-constexpr std::array<const char*, 5> kMayBeIgnored{"SIGHUP", "SIGTTIN", "SIGSYS", "SIGTTOU",
-                                                   "SIGPIPE"};
+// A name's index is its signal's number.
+constexpr std::array<const char*, 32> FrameSigIdTable{
+    "SIG0",      "SIGHUP",  "SIGINT",    "SIGQUIT", "SIGILL",   "SIGTRAP", "SIGABRT", "SIGBUS",
+    "SIGFPE",    "SIGKILL", "SIGUSR1",   "SIGSEGV", "SIGUSR2",  "SIGPIPE", "SIGALRM", "SIGTERM",
+    "SIGSTKFLT", "SIGCHLD", "SIGCONT",   "SIGSTOP", "SIGTSTP",  "SIGTTIN", "SIGTTOU", "SIGURG",
+    "SIGXCPU",   "SIGXFSZ", "SIGVTALRM", "SIGPROF", "SIGWINCH", "SIGIO",   "SIGPWR",  "SIGSYS"};
+
+constexpr std::array<const char*, 5> FrameSigIgnoreSupportTable{"SIGHUP", "SIGTTIN", "SIGSYS",
+                                                                "SIGTTOU", "SIGPIPE"};
 
 uint32_t ignoreSignal(const char* sigName) noexcept {
   if (sigName == nullptr || *sigName == '\0') {
     MNT_LOG(TOV_LOG_ERROR, "Signal ignore operation, signame empty.");
     return QURN_INVALID_ARGUMENT;
   }
-  if (!FrameSignalIsSupportIgnore(sigName)) {
+  if (FrameSignalIsSupportIgnore(sigName) == 0) {
     MNT_LOG(TOV_LOG_ERROR, "Signal ignore operation, signame not support ignore. (sigName = %s)",
             sigName);
     return QURN_FAILED;
@@ -71,14 +77,16 @@ uint32_t FrameExceptionSignalIgnoreInit(void* yaml, const char* key) {
   return QURN_OK;
 }
 
-bool FrameSignalIsSupportIgnore(const char* sigName) {
-  return std::any_of(kMayBeIgnored.begin(), kMayBeIgnored.end(),
-                     [sigName](const char* name) { return strcmp(name, sigName) == 0; });
+uint32_t FrameSignalIsSupportIgnore(const char* sigName) {
+  return std::any_of(FrameSigIgnoreSupportTable.begin(), FrameSigIgnoreSupportTable.end(),
+                     [sigName](const char* name) { return strcmp(name, sigName) == 0; })
+             ? 1
+             : 0;
 }
 
 uint32_t FrameGetSigId(const char* sigName, uint32_t* sigId) {
-  for (uint32_t i = 0; i < qurn::mnt::kSignalNames.size(); ++i) {
-    if (strcmp(qurn::mnt::kSignalNames[i], sigName) == 0) {
+  for (uint32_t i = 0; i < FrameSigIdTable.size(); ++i) {
+    if (strcmp(FrameSigIdTable[i], sigName) == 0) {
       *sigId = i;
       return QURN_OK;
     }

@@ -4,13 +4,13 @@
 #include <dlfcn.h>
 #include <qurnadapt/keep_alive.h>
 #include <qurnadapt/legacy_process.h>
-#include <qurnadapt/timer.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 
 #include "frame_mnt.h"
+#include "internal/timespec_diff.h"
 
 // Plain in the interface, because components read it as a C global; atomic in here.
 constinit uint32_t g_FrameReady = 0;
@@ -33,7 +33,7 @@ struct FrameKeepAliveCtrl {
 constinit FrameKeepAliveCtrl g_keepAlive{};
 
 // When the last report succeeded. Detection thread only.
-constinit timespec g_lastKeepAliveTime{};
+constinit timespec lastKeepAliveTime{};
 
 std::atomic_ref<uint32_t> ready() noexcept { return std::atomic_ref<uint32_t>(g_FrameReady); }
 
@@ -138,11 +138,11 @@ uint32_t FRAME_KeepAliveProcSet(uint32_t period, FrameKeepAliveHook hook, void* 
 uint32_t FrameGetKeepAlivePeriod(void) {
   const uint32_t floorMs = FrameChooseDeadloopDetectTime();
   uint32_t periodMs = g_keepAlive.keepAlivePeriod.load(std::memory_order_relaxed);
-  while (periodMs < floorMs) {
-    if (g_keepAlive.keepAlivePeriod.compare_exchange_weak(periodMs, floorMs)) {
-      return floorMs;
+  while (periodMs < floorMs) [[unlikely]] {
+      if (g_keepAlive.keepAlivePeriod.compare_exchange_weak(periodMs, floorMs)) {
+        return floorMs;
+      }
     }
-  }
   return periodMs;
 }
 
@@ -153,13 +153,13 @@ void FRAME_KeepAliveReport(void) {
             errno);
     return;
   }
-  const auto elapsedMs = static_cast<int32_t>(FRAME_GetTimespecDiff(&g_lastKeepAliveTime, &now));
+  const auto elapsedMs = static_cast<int32_t>(qurn::diffMs(lastKeepAliveTime, now));
   // Signed on purpose: a period below the tolerance makes every call due.
   if (static_cast<int32_t>(FrameGetKeepAlivePeriod() - kDueToleranceMs) > elapsedMs) {
     return;
   }
   if (FrameKeepAliveHookProc() == QURN_OK) {
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &g_lastKeepAliveTime);
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &lastKeepAliveTime);
   }
 }
 

@@ -6,6 +6,8 @@
 #include <qurnadapt/monitor.h>
 #include <qurnadapt/report.h>
 
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -14,7 +16,6 @@
 #include "capture_record.h"
 #include "frame_mnt.h"
 #include "internal/safe_strings.h"
-#include "signal_names.h"
 #include "symbol_line.h"
 
 namespace {
@@ -23,6 +24,13 @@ using qurn::mnt::g_dump;
 using qurn::mnt::kUnit;
 
 #define REPORT_LOG(...) QURN_LOG_AS(LOG_InnerPrintUnsuppress, kUnit, TOV_LOG_WARNING, __VA_ARGS__)
+
+// Signals 1 to 31.
+constexpr std::array<const char*, 31> kSignalNames{
+    "SIGHUP",  "SIGINT",    "SIGQUIT", "SIGILL",   "SIGTRAP", "SIGABRT", "SIGBUS",  "SIGFPE",
+    "SIGKILL", "SIGUSR1",   "SIGSEGV", "SIGUSR2",  "SIGPIPE", "SIGALRM", "SIGTERM", "SIGSTKFLT",
+    "SIGCHLD", "SIGCONT",   "SIGSTOP", "SIGTSTP",  "SIGTTIN", "SIGTTOU", "SIGURG",  "SIGXCPU",
+    "SIGXFSZ", "SIGVTALRM", "SIGPROF", "SIGWINCH", "SIGIO",   "SIGPWR",  "SIGSYS"};
 
 // A name needs up to 299 characters, a newline and a terminator.
 constexpr uint32_t kNameRoom = FRAME_SYMBOL_NAME_LEN + 1;
@@ -41,18 +49,20 @@ SymbolLines symbolLinesOf(void* const* addresses, uint32_t depth) noexcept {
   return lines;
 }
 
-const char* invalidNameArgument(void* const* addresses, uint32_t depth, const char* dest,
-                                uint32_t capacity) noexcept {
+bool canBeNamed(void* const* addresses, uint32_t depth, const char* dest,
+                uint32_t capacity) noexcept {
   if (dest == nullptr) {
-    return "Function name is null.";
+    MNT_LOG(TOV_LOG_ERROR, "Function name is null.");
+  } else if (addresses == nullptr) {
+    MNT_LOG(TOV_LOG_ERROR, "Function address is null.");
+  } else if (capacity == 0) {
+    MNT_LOG(TOV_LOG_ERROR, "Dest buff size is 0.");
+  } else if (depth == 0) {
+    MNT_LOG(TOV_LOG_ERROR, "Real depth is 0.");
+  } else {
+    return true;
   }
-  if (addresses == nullptr) {
-    return "Function address is null.";
-  }
-  if (capacity == 0) {
-    return "Dest buff size is 0.";
-  }
-  return depth == 0 ? "Real depth is 0." : nullptr;
+  return false;
 }
 
 // Writes the names one a line for as long as there is room for a whole one, and ends the text where
@@ -95,12 +105,12 @@ void FrameWriteDeadloopInfoToLog(void) {
   REPORT_LOG("Captured process: %s, pid: %u.", qurn::mnt::procInfo().procName,
              qurn::mnt::procInfo().pid);
   static_assert(sizeof(void*) == sizeof(*g_dump.callStack));
-  const SymbolLines lines =
-      symbolLinesOf(reinterpret_cast<void* const*>(g_dump.callStack), g_dump.capturedDepth);
+  const uint32_t depth = std::min(g_dump.capturedDepth, FRAME_CALL_STACK_DEPTH);
+  const SymbolLines lines = symbolLinesOf(reinterpret_cast<void* const*>(g_dump.callStack), depth);
   if (lines == nullptr) {
     return;
   }
-  for (uint32_t i = 0; i < g_dump.capturedDepth; ++i) {
+  for (uint32_t i = 0; i < depth; ++i) {
     FrameGetFuncFromSymbolStr(g_dump.symbolText, lines[i]);
     REPORT_LOG("#%u %s.", i, g_dump.symbolText);
   }
@@ -108,9 +118,7 @@ void FrameWriteDeadloopInfoToLog(void) {
 
 uint32_t FrameFuncNameGetByAddr(void* const* addresses, uint32_t depth, char* dest,
                                 uint32_t capacity) {
-  if (const char* mistake = invalidNameArgument(addresses, depth, dest, capacity);
-      mistake != nullptr) {
-    MNT_LOG(TOV_LOG_ERROR, "%s", mistake);
+  if (!canBeNamed(addresses, depth, dest, capacity)) {
     return QURN_FAILED;
   }
   const SymbolLines lines = symbolLinesOf(addresses, depth);
@@ -122,10 +130,9 @@ uint32_t FrameFuncNameGetByAddr(void* const* addresses, uint32_t depth, char* de
 }
 
 int32_t FrameGetSigName(int32_t sig, char* dest, uint32_t capacity) {
-  constexpr const auto& kNames = qurn::mnt::kSignalNames;
-  const bool known = sig >= 1 && sig < static_cast<int32_t>(kNames.size());
-  const char* name = known ? kNames[static_cast<size_t>(sig)] : "UNKNOWN";
-  return strncpy_s(dest, capacity, name, strlen(name));
+  const bool known = sig >= 1 && sig <= static_cast<int32_t>(kSignalNames.size());
+  const char* name = known ? kSignalNames[static_cast<size_t>(sig) - 1] : "UNKNOWN";
+  return strncpy_s(dest, qurn::safeCapacity(capacity), name, strlen(name));
 }
 
 }  // extern "C"

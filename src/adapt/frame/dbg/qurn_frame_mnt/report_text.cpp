@@ -58,13 +58,17 @@ extern "C" {
 void FrameRegStrGet(char* dest, uint32_t capacity, const char* name, uint64_t value) {
   char digits[17] = {};
   FrameUintToStr(value, 16, digits, sizeof(digits), '0');
-  strcat_s(dest, capacity, "\nReg:  ");
-  strcat_s(dest, capacity, name);
+  // The bounds-checked functions would refuse a text that is longer than their own maximum.
+  const size_t used = strnlen(dest, capacity);
+  char* end = dest + used;
+  const size_t room = qurn::safeCapacity(capacity - used);
+  strcat_s(end, room, "\nReg:  ");
+  strcat_s(end, room, name);
   for (size_t width = strlen(name); width < kRegisterNameWidth; ++width) {
-    strcat_s(dest, capacity, " ");
+    strcat_s(end, room, " ");
   }
-  strcat_s(dest, capacity, "0x");
-  strcat_s(dest, capacity, digits);
+  strcat_s(end, room, "0x");
+  strcat_s(end, room, digits);
 }
 
 void FrameExcepTimeStrGet(char* dest, uint32_t capacity) {
@@ -75,6 +79,7 @@ void FrameExcepTimeStrGet(char* dest, uint32_t capacity) {
 
 void FrameTimeToStr(const ZotSystime* time, char* dest, uint32_t capacity) {
   char year[5] = {};
+  capacity = static_cast<uint32_t>(qurn::safeCapacity(capacity));
   FrameUintToStr(time->year, 10, year, sizeof(year), ' ');
   strcpy_s(dest, capacity, year);
   appendTwoDigits(dest, capacity, "-", time->month);

@@ -24,8 +24,6 @@ namespace {
 constexpr uint32_t kDefaultPeriodMs = 10000;
 constexpr uint64_t kBytesBelowStackPointer = 512;
 constexpr uint16_t kBusyAttempts = 5;
-constexpr size_t kRegisterBytes =
-    std::min(sizeof(FrameDeadloopDumpInfo::registers), sizeof(mcontext_t));
 
 int deadloopSignal() noexcept { return SIGRTMIN + 2; }
 
@@ -65,7 +63,8 @@ void publish(uint32_t depth, uint32_t stackLength) noexcept {
 void capture(FrameDeadloopDumpInfo* dumpInfo, void* context) noexcept {
   uint32_t depth = 0;
   uint32_t stackLength = 0;
-  memcpy_s(dumpInfo->registers, sizeof(dumpInfo->registers), machineWords(context), kRegisterBytes);
+  memcpy_s(dumpInfo->registers, sizeof(dumpInfo->registers), machineWords(context),
+           sizeof(dumpInfo->registers));
   KEM_ExceptCallStackGetEx(context, FRAME_CALL_STACK_DEPTH, 0, g_dump.callStack, &depth);
   FrameStackMemoryGet(dumpInfo, &stackLength);
   FrameStackContentGet(dumpInfo, g_dump.callStack, depth);

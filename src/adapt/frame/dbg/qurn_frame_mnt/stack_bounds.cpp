@@ -24,22 +24,35 @@ struct GrammarStep {
   bool endAddressFollows;
 };
 
-// START-END and a blank.
-constexpr GrammarStep kMapLineGrammar[] = {
-    {FrameParseMemAddr, false},
-    {FrameParseHyphen, true},
-    {FrameParseMemAddr, false},
-    {FrameParseSpace, false},
-};
-
-uint32_t skipRun(bool (*belongs)(char), const char* line, uint32_t position,
-                 uint32_t length) noexcept {
+template <typename Belongs>
+uint32_t skipRun(const char* line, uint32_t position, uint32_t length, Belongs belongs) noexcept {
   uint32_t end = position;
-  while (end < length && belongs(line[end])) {
+  while (end < length && belongs(line[end]) != 0) {
     ++end;
   }
   return end > position ? end : 0;
 }
+
+uint32_t parseMemAddr(const char* line, uint32_t position, uint32_t length) noexcept {
+  return skipRun(line, position, length, [](char c) { return FrameIsHexNum(c); });
+}
+
+uint32_t parseHyphen(const char* line, uint32_t position, uint32_t length) noexcept {
+  return position < length && line[position] == '-' ? position + 1 : 0;
+}
+
+uint32_t parseSpace(const char* line, uint32_t position, uint32_t length) noexcept {
+  return skipRun(line, position, length, [](char c) { return FrameIsSpace(c); });
+}
+
+// START-END and a blank. Our own functions: the address of an exported one may be the program's,
+// which may still have to be bound, and this runs in signal context.
+constexpr GrammarStep kMapLineGrammar[] = {
+    {parseMemAddr, false},
+    {parseHyphen, true},
+    {parseMemAddr, false},
+    {parseSpace, false},
+};
 
 // How far the next line start lies behind the start of the text. Without a newline in it, the byte
 // behind the text is given up too and the scan realigns at the next newline.
@@ -56,7 +69,7 @@ int32_t advanceToNextLine(const char* text, uint32_t length) noexcept {
 bool holdsKey(const char* line, uint32_t length, uint64_t key, FrameTaskStackInfo* info) noexcept {
   uint64_t start = 0;
   uint64_t end = 0;
-  if (!FrameGetMapStackAddr(line, length, &start, &end) || key <= start || key >= end) {
+  if (FrameGetMapStackAddr(line, length, &start, &end) == 0 || key <= start || key >= end) {
     return false;
   }
   info->start = start;
@@ -72,7 +85,7 @@ void FrameTaskStackInfoGet(FrameTaskStackInfo* info) {
   const uint64_t key = pthread_self();
   char path[kPathBytes] = {};
   char text[kReadBufferBytes] = {};
-  if (key == 0 || !FrameProcMapsFileGet(path, sizeof(path))) {
+  if (key == 0 || FrameProcMapsFileGet(path, sizeof(path)) == 0) {
     return;
   }
   const qurn::ScopedFd maps(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
@@ -90,25 +103,28 @@ void FrameTaskStackInfoGet(FrameTaskStackInfo* info) {
   }
 }
 
-bool FrameProcMapsFileGet(char* path, uint32_t capacity) {
+uint32_t FrameProcMapsFileGet(char* path, uint32_t capacity) {
   char pid[kPidTextBytes] = {};
   KEM_Uint32ToStrEx(static_cast<uint32_t>(getpid()), pid, sizeof(pid), 10);
   return strcpy_s(path, capacity, "/proc/") == 0 && strcat_s(path, capacity, pid) == 0 &&
-         strcat_s(path, capacity, "/maps") == 0;
+                 strcat_s(path, capacity, "/maps") == 0
+             ? 1
+             : 0;
 }
 
-bool FrameGetMapStackAddr(const char* line, uint32_t length, uint64_t* start, uint64_t* end) {
+uint32_t FrameGetMapStackAddr(const char* line, uint32_t length, uint64_t* start, uint64_t* end) {
   uint32_t startPos = 0;
   uint32_t endPos = 0;
-  if (!FrameReadMapFileStr(line, length, &startPos, &endPos)) {
-    return false;
+  if (FrameReadMapFileStr(line, length, &startPos, &endPos) == 0) {
+    return 0;
   }
   *start = FrameGetHexFromMapStr(line, startPos, length);
   *end = FrameGetHexFromMapStr(line, endPos, length);
-  return true;
+  return 1;
 }
 
-bool FrameReadMapFileStr(const char* line, uint32_t length, uint32_t* startPos, uint32_t* endPos) {
+uint32_t FrameReadMapFileStr(const char* line, uint32_t length, uint32_t* startPos,
+                             uint32_t* endPos) {
   *startPos = 0;
   *endPos = 0;
   uint32_t position = 0;
@@ -116,20 +132,21 @@ bool FrameReadMapFileStr(const char* line, uint32_t length, uint32_t* startPos, 
   for (const GrammarStep& step : kMapLineGrammar) {
     position = step.recognise(line, position, length);
     if (position == 0) {
-      return false;
+      return 0;
     }
     if (step.endAddressFollows) {
       endAddress = position;
     }
   }
   *endPos = endAddress;
-  return true;
+  return 1;
 }
 
 uint64_t FrameGetHexFromMapStr(const char* line, uint32_t position, uint32_t length) {
   char digits[kHexDigits + 1] = {};
   uint32_t count = 0;
-  while (count < kHexDigits && position + count < length && FrameIsHexNum(line[position + count])) {
+  while (count < kHexDigits && position + count < length &&
+         FrameIsHexNum(line[position + count]) != 0) {
     digits[count] = line[position + count];
     ++count;
   }
@@ -161,20 +178,20 @@ int32_t FrameGetHexStrValue(char c) {
   return -1;
 }
 
-bool FrameIsHexNum(char c) { return FrameGetHexStrValue(c) >= 0; }
+uint32_t FrameIsHexNum(char c) { return FrameGetHexStrValue(c) >= 0 ? 1 : 0; }
 
-bool FrameIsSpace(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+uint32_t FrameIsSpace(char c) { return c == ' ' || c == '\t' || c == '\r' ? 1 : 0; }
 
 uint32_t FrameParseMemAddr(const char* line, uint32_t position, uint32_t length) {
-  return skipRun(FrameIsHexNum, line, position, length);
+  return parseMemAddr(line, position, length);
 }
 
 uint32_t FrameParseHyphen(const char* line, uint32_t position, uint32_t length) {
-  return position < length && line[position] == '-' ? position + 1 : 0;
+  return parseHyphen(line, position, length);
 }
 
 uint32_t FrameParseSpace(const char* line, uint32_t position, uint32_t length) {
-  return skipRun(FrameIsSpace, line, position, length);
+  return parseSpace(line, position, length);
 }
 
 }  // extern "C"

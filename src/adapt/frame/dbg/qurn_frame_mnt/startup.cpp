@@ -21,6 +21,8 @@
 #include "frame_mnt.h"
 #include "internal/safe_strings.h"
 #include "internal/scoped_fd.h"
+#include "internal/uncancellable.h"
+#include "start_turns.h"
 
 namespace qurn::mnt {
 namespace {
@@ -32,22 +34,49 @@ constexpr char kTimerSetName[] = "tov_timer";
 constexpr uint32_t kPluginPeriodMs = 10000;
 
 constinit FrameProcInfo g_procInfo{};
-constinit std::atomic<uint32_t> g_periodDelay{0};
+constinit std::atomic<uint32_t> periodDelay{0};
 constinit std::atomic<bool> g_detectionRuns{false};
 
 struct StartStep {
   uint32_t (*run)();
-  const char* failure;
+  void (*logFailure)(uint32_t ret);
 };
 
 constexpr StartStep kStartSteps[] = {
-    {FrameExceptionInit, "Frame exception operation unsuccessfully, ret=%#x."},
-    {FrameKeepAliveInit, "Frame keep alive operation unsuccessfully, ret=%#x."},
-    {FRAME_TaskDeadloopInit, "Frame task deadloop init unsuccessfully, ret=%#x."},
-    {FrameRegDeadloopCapability, "Frame register deadloop capability unsuccessfully, ret=%#x."},
-    {FrameDeadloopInit, "Deadloop init unsuccessfully, ret=%#x."},
-    {FRAME_PeriodTaskInit, "Period task create unsuccessfully, ret=%#x."},
+    {FrameExceptionInit,
+     [](uint32_t ret) {
+       MNT_LOG(TOV_LOG_ERROR, "Frame exception operation unsuccessfully, ret=%#x.", ret);
+     }},
+    {FrameKeepAliveInit,
+     [](uint32_t ret) {
+       MNT_LOG(TOV_LOG_ERROR, "Frame keep alive operation unsuccessfully, ret=%#x.", ret);
+     }},
+    {FRAME_TaskDeadloopInit,
+     [](uint32_t ret) {
+       MNT_LOG(TOV_LOG_ERROR, "Frame task deadloop init unsuccessfully, ret=%#x.", ret);
+     }},
+    {FrameRegDeadloopCapability,
+     [](uint32_t ret) {
+       MNT_LOG(TOV_LOG_ERROR, "Frame register deadloop capability unsuccessfully, ret=%#x.", ret);
+     }},
+    {FrameDeadloopInit,
+     [](uint32_t ret) { MNT_LOG(TOV_LOG_ERROR, "Deadloop init unsuccessfully, ret=%#x.", ret); }},
+    {FRAME_PeriodTaskInit,
+     [](uint32_t ret) {
+       MNT_LOG(TOV_LOG_ERROR, "Period task create unsuccessfully, ret=%#x.", ret);
+     }},
 };
+
+uint32_t runStartSteps() noexcept {
+  FrameGetProcInfo(&g_procInfo.pid, g_procInfo.procName, sizeof(g_procInfo.procName));
+  for (const StartStep& step : kStartSteps) {
+    if (const uint32_t ret = step.run(); ret != QURN_OK) {
+      step.logFailure(ret);
+      return ret;
+    }
+  }
+  return QURN_OK;
+}
 
 // Scans the first line of a status file. The scan goes to a buffer of its own because the library's
 // bounded scan does not look at the destination's size.
@@ -91,6 +120,7 @@ bool setUpDetection(FrameTimerCtrl** timerCtrl) noexcept {
 
 // A service that goes on in the child starts up anew there.
 void forgetDetectionInChild() noexcept {
+  dropStartTurnAfterFork();
   dropCaptureAfterFork();
   dropEventLoopAfterFork();
   g_detectionRuns = false;
@@ -102,7 +132,7 @@ const FrameProcInfo& procInfo() noexcept { return g_procInfo; }
 
 bool setPeriodIfUnset(uint32_t periodMs) noexcept {
   uint32_t unset = 0;
-  return g_periodDelay.compare_exchange_strong(unset, periodMs, std::memory_order_relaxed);
+  return periodDelay.compare_exchange_strong(unset, periodMs, std::memory_order_relaxed);
 }
 
 }  // namespace qurn::mnt
@@ -116,14 +146,13 @@ __attribute__((constructor)) static void watchForks(void) {
 }
 
 uint32_t FRAME_MntInit(void) {
-  FrameGetProcInfo(&g_procInfo.pid, g_procInfo.procName, sizeof(g_procInfo.procName));
-  for (const StartStep& step : kStartSteps) {
-    if (const uint32_t ret = step.run(); ret != QURN_OK) {
-      MNT_LOG(TOV_LOG_ERROR, step.failure, ret);
-      return ret;
-    }
+  const qurn::Uncancellable uncancellable;
+  uint32_t ret = QURN_FAILED;
+  if (takeStartTurn(&ret)) {
+    ret = runStartSteps();
+    endStartTurn(ret);
   }
-  return QURN_OK;
+  return ret;
 }
 
 void FrameGetProcInfo(uint32_t* pid, char* name, uint32_t nameLen) {
@@ -170,25 +199,24 @@ void* FrameDeadloopTaskProcEntry(void* /*arg*/) {
   return nullptr;
 }
 
-uint32_t FrameChooseDeadloopDetectTime(void) {
-  return g_periodDelay.load(std::memory_order_relaxed);
-}
+uint32_t FrameChooseDeadloopDetectTime(void) { return periodDelay.load(std::memory_order_relaxed); }
 
 uint32_t FrameSetDeadloopPeriodDelay(uint32_t value) {
   if (FrameIsDeadloopInited() != 0) {
     MNT_LOG(TOV_LOG_ERROR, "Deadloop is already inited, set periodDelay unsuccessfully.");
     return QURN_FAILED;
   }
-  if (FrameChooseDeadloopDetectTime() != 0) {
+  if (value == 0 && FrameChooseDeadloopDetectTime() == 0) {
+    MNT_LOG(TOV_LOG_ERROR, "Deadloop periodDelay is invalid. (value = %u)", value);
+    return QURN_FAILED;
+  }
+  // Fails when it is set already, also by a caller that was faster; 0 would change nothing.
+  if (value == 0 || !setPeriodIfUnset(value)) {
     MNT_LOG(TOV_LOG_ERROR,
             "Deadloop periodDelay is already inited, set periodDelay unsuccessfully.");
     return QURN_FAILED;
   }
-  if (value == 0) {
-    MNT_LOG(TOV_LOG_ERROR, "Deadloop periodDelay is invalid. (value = %u)", value);
-    return QURN_FAILED;
-  }
-  return setPeriodIfUnset(value) ? QURN_OK : QURN_FAILED;
+  return QURN_OK;
 }
 
 uint32_t FrameDeadloopDetectCallback(void* /*param*/) {

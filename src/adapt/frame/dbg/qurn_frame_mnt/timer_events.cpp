@@ -2,15 +2,7 @@
 #include <qurnadapt/event_sets.h>
 #include <qurnadapt/timer.h>
 
-#include <algorithm>
-
-namespace {
-
-constexpr int64_t kNanosecondsPerSecond = 1'000'000'000;
-constexpr int64_t kNanosecondsPerMillisecond = 1'000'000;
-constexpr int64_t kDiffCapMs = 0x7FFFFFFF;
-
-}  // namespace
+#include "internal/timespec_diff.h"
 
 extern "C" {
 
@@ -21,9 +13,7 @@ uint32_t FrameTimerEventProc(struct epoll_event* event, void* param) {
 }
 
 int64_t FRAME_GetTimespecDiff(const struct timespec* start, const struct timespec* end) {
-  const int64_t nanoseconds =
-      (end->tv_sec - start->tv_sec) * kNanosecondsPerSecond + (end->tv_nsec - start->tv_nsec);
-  return std::min(nanoseconds / kNanosecondsPerMillisecond, kDiffCapMs);
+  return qurn::diffMs(*start, *end);
 }
 
 }  // extern "C"

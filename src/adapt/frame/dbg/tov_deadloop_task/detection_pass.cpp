@@ -3,14 +3,16 @@
 #include <dirent.h>
 #include <qurnadapt/capture.h>
 #include <qurnadapt/keep_alive.h>
-#include <qurnadapt/timer.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <iterator>
 
 #include "../qurn_frame_mnt/frame_mnt.h"
 #include "internal/safe_strings.h"
+#include "internal/timespec_diff.h"
 #include "monitor_table.h"
 
 namespace qurn::monitor {
@@ -22,7 +24,7 @@ constexpr uint8_t kFatalLevel = 3;
 
 struct FrameThresholdRule {
   uint8_t level;  // reached by the action
-  bool (*isTimeout)(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
+  uint32_t (*isTimeout)(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
   void (*act)(uint64_t slot, FrameMonitorTaskInfo* info, uint32_t elapsedMs);
 };
 
@@ -40,6 +42,17 @@ bool isMeasured(const FrameMonitorTaskInfo& info) noexcept {
   return info.ucValid != 0 && info.ucDetectSwitch != 0 && timeoutLevel(info) != kFatalLevel;
 }
 
+// What FrameGetTaskElapsedTime returns, inlined into the pass.
+[[gnu::always_inline]] inline uint32_t elapsedMsOf(const FrameMonitorTaskInfo& info) noexcept {
+  timespec now{};
+  if (clock_gettime(CLOCK_MONOTONIC_COARSE, &now) != 0) {
+    MONITOR_LOG(TOV_LOG_ERROR,
+                "Frame get task elapsed time, current time get unsuccessfully. (errno: %d)", errno);
+    return QURN_FAILED;
+  }
+  return static_cast<uint32_t>(diffMs(info.stDetectTime, now));
+}
+
 // Whether any rule can fire: a level is left only at the threshold that follows it.
 bool isDue(const FrameMonitorTaskInfo& info, uint32_t elapsedMs) noexcept {
   switch (timeoutLevel(info)) {
@@ -54,10 +67,10 @@ bool isDue(const FrameMonitorTaskInfo& info, uint32_t elapsedMs) noexcept {
 
 PassStep applyRules(uint64_t slot, FrameMonitorTaskInfo& info, uint32_t elapsedMs) noexcept {
   for (const FrameThresholdRule& rule : kRules) {
-    if (!rule.isTimeout(&info, elapsedMs)) {
+    if (rule.isTimeout(&info, elapsedMs) == 0) {
       continue;
     }
-    if (FrameIsTerminatedTaskReleased(&info)) {
+    if (FrameIsTerminatedTaskReleased(&info) != 0) {
       return PassStep::kNextSlot;
     }
     rule.act(slot, &info, elapsedMs);
@@ -77,7 +90,7 @@ PassStep measureNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
       return PassStep::kNextSlot;
     }
     FRAME_KeepAliveReport();
-    elapsedMs = static_cast<int32_t>(FrameGetTaskElapsedTime(&info));
+    elapsedMs = static_cast<int32_t>(elapsedMsOf(info));
     if (elapsedMs >= 0) [[likely]] {
       return isDue(info, static_cast<uint32_t>(elapsedMs))
                  ? applyRules(slot, info, static_cast<uint32_t>(elapsedMs))
@@ -97,8 +110,8 @@ void withdrawFromEndedThread(FrameTaskDeadloopCtrl& ctrl) noexcept {
   const bool registered =
       node.stTaskInfo.ucValid != 0 && node.stTaskInfo.uiTid == ctrl.uiSignalledTid;
   const bool ended = registered
-                         ? FrameIsTerminatedTaskReleased(&node.stTaskInfo)
-                         : !FrameIsMonitorTaskExist(static_cast<int32_t>(ctrl.uiSignalledTid));
+                         ? FrameIsTerminatedTaskReleased(&node.stTaskInfo) != 0
+                         : FrameIsMonitorTaskExist(static_cast<int32_t>(ctrl.uiSignalledTid)) == 0;
   if (ended) {
     ctrl.uiSignalledTid = 0;
     mnt::withdrawSignal();
@@ -114,6 +127,12 @@ void withdrawFromEndedThread(FrameTaskDeadloopCtrl& ctrl) noexcept {
               (info)->acTaskName, static_cast<int32_t>((info)->uiTid), elapsedMs,                \
               (info)->uiFirstThreshold, (info)->uiSecondThreshold, (info)->uiThirdThreshold)
 
+bool isNodeOf(const FrameTaskDeadloopCtrl& ctrl, const FrameMonitorTaskInfo* info) noexcept {
+  return std::any_of(
+      std::begin(ctrl.astNode), std::end(ctrl.astNode),
+      [info](const FrameDeadloopMonitorNode& node) { return &node.stTaskInfo == info; });
+}
+
 // What the fatal action needs of a node and the control, copied under their locks because the hooks
 // run without any: they may stop, register or tune any thread, this one included.
 struct FatalView {
@@ -121,7 +140,11 @@ struct FatalView {
   FrameThreadDeadloopHook processHook;
 };
 
+// All zero for a slot that is none, which a caller of the exported action may have given.
 FatalView viewFatalNode(FrameTaskDeadloopCtrl& ctrl) noexcept {
+  if (ctrl.ulFatalTaskIndex >= FRAME_MONITOR_CAPACITY) {
+    return {};
+  }
   const ReadLock ctrlLock(ctrl.stCtrlLock);
   const NodeLock nodeLock(ctrl.astNode[ctrl.ulFatalTaskIndex]);
   return {ctrl.astNode[ctrl.ulFatalTaskIndex].stTaskInfo, ctrl.pfnDeadloopHook};
@@ -172,20 +195,12 @@ void FRAME_TaskDeadloopMonitorEntry(void) {
   }
 }
 
-uint32_t FrameGetTaskElapsedTime(const FrameMonitorTaskInfo* info) {
-  timespec now{};
-  if (clock_gettime(CLOCK_MONOTONIC_COARSE, &now) != 0) {
-    MONITOR_LOG(TOV_LOG_ERROR,
-                "Frame get task elapsed time, current time get unsuccessfully. (errno: %d)", errno);
-    return QURN_FAILED;
-  }
-  return static_cast<uint32_t>(FRAME_GetTimespecDiff(&info->stDetectTime, &now));
-}
+uint32_t FrameGetTaskElapsedTime(const FrameMonitorTaskInfo* info) { return elapsedMsOf(*info); }
 
-bool FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info) {
+uint32_t FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info) {
   const auto tid = static_cast<int32_t>(info->uiTid);
-  if (FrameIsMonitorTaskExist(tid)) {
-    return false;
+  if (FrameIsMonitorTaskExist(tid) != 0) {
+    return 0;
   }
   MONITOR_LOG(TOV_LOG_INFO, "Task deadloop entry, task[%s:%d] terminated.", info->acTaskName, tid);
   if (memset_s(info, sizeof(*info), 0, sizeof(*info)) != 0) {
@@ -194,37 +209,37 @@ bool FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info) {
   } else if (FrameTaskDeadloopCtrl* ctrl = monitor(); ctrl != nullptr) {
     --ctrl->uiTaskNum;
   }
-  return true;
+  return 1;
 }
 
-bool FrameIsMonitorTaskExist(int32_t tid) {
+uint32_t FrameIsMonitorTaskExist(int32_t tid) {
   char path[64] = {};
   if (snprintf_s(path, sizeof(path), "/proc/%d/task/%d", getpid(), tid) < 0) {
-    return false;
+    return 0;
   }
   DIR* directory = opendir(path);
   if (directory == nullptr) {
     MONITOR_LOG(TOV_LOG_ERROR, "Check thread exist, tid %d not exist.", tid);
-    return false;
+    return 0;
   }
   if (closedir(directory) != 0) {
     MONITOR_LOG(TOV_LOG_ERROR, "Check thread exist, tid dir close unsuccessfully. (errno: %d)",
                 errno);
-    return false;
+    return 0;
   }
-  return true;
+  return 1;
 }
 
-bool FrameIsInfoThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs) {
-  return elapsedMs >= info->uiFirstThreshold && timeoutLevel(*info) == 0;
+uint32_t FrameIsInfoThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs) {
+  return elapsedMs >= info->uiFirstThreshold && timeoutLevel(*info) == 0 ? 1 : 0;
 }
 
-bool FrameIsWarnThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs) {
-  return elapsedMs >= info->uiSecondThreshold && timeoutLevel(*info) == kInfoLevel;
+uint32_t FrameIsWarnThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs) {
+  return elapsedMs >= info->uiSecondThreshold && timeoutLevel(*info) == kInfoLevel ? 1 : 0;
 }
 
-bool FrameIsFatalThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs) {
-  return elapsedMs >= info->uiThirdThreshold && timeoutLevel(*info) == kWarnLevel;
+uint32_t FrameIsFatalThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs) {
+  return elapsedMs >= info->uiThirdThreshold && timeoutLevel(*info) == kWarnLevel ? 1 : 0;
 }
 
 void FrameInfoThresholdTimeoutAction(uint64_t /*slot*/, FrameMonitorTaskInfo* info,
@@ -251,13 +266,16 @@ void FrameFatalThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,
                                       uint32_t elapsedMs) {
   LOG_THRESHOLD(TOV_LOG_ERROR, "third", info, elapsedMs);
   setTimeoutLevel(*info, kFatalLevel);
-  const uint32_t signalled = qurn::mnt::captureThread(info->ulThreadId, info->uiTid);
+  FrameTaskDeadloopCtrl* ctrl = monitor();
+  // Of a record that is the caller's own only the POSIX thread id is taken at its word.
+  const uint32_t tid = ctrl != nullptr && isNodeOf(*ctrl, info) ? info->uiTid : 0;
+  const uint32_t signalled = qurn::mnt::captureThread(info->ulThreadId, tid);
   FRAME_KeepAliveReport();
-  if (signalled != QURN_OK && FrameIsTerminatedTaskReleased(info)) {
+  if (tid != 0 && signalled != QURN_OK && FrameIsTerminatedTaskReleased(info) != 0) {
     return;
   }
-  if (FrameTaskDeadloopCtrl* ctrl = monitor(); ctrl != nullptr) {
-    ctrl->uiSignalledTid = signalled == QURN_OK ? info->uiTid : 0;
+  if (ctrl != nullptr) {
+    ctrl->uiSignalledTid = signalled == QURN_OK ? tid : 0;
     ctrl->uiFatalElapsedTime = elapsedMs;
     ctrl->ulFatalTaskIndex = slot;
   }

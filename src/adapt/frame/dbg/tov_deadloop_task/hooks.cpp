@@ -13,13 +13,15 @@ constexpr uint32_t kHighestPolicy = 1;
 extern "C" {
 
 uint32_t Frame_RegDeadloopInfoHook(const FrameDeadloopHandle* handle, FrameDeadloopInfoHook hook) {
-  if (!FrameIsTaskDeadloopHandleValid(handle)) {
+  if (FrameIsTaskDeadloopHandleValid(handle) == 0) {
     MONITOR_LOG(TOV_LOG_ERROR, "Register task deadloop hook, input handle invalid.");
     return QURN_INVALID_ARGUMENT;
   }
   constexpr NodeChangeFailures kFailures{
-      "Register task deadloop hook, deadloop monitor not init.",
-      "Register task deadloop hook, deadloop monitor node not exist."};
+      [] { MONITOR_LOG(TOV_LOG_ERROR, "Register task deadloop hook, deadloop monitor not init."); },
+      [] {
+        MONITOR_LOG(TOV_LOG_ERROR, "Register task deadloop hook, deadloop monitor node not exist.");
+      }};
   return changeNode(*handle, kFailures, [hook](FrameMonitorTaskInfo& info) {
     info.pfnDeadloopInfoHook = hook;
     return QURN_OK;
@@ -36,8 +38,13 @@ uint32_t Frame_SetHeartExceptionPolicy(uint64_t slot, uint32_t policy) {
     return QURN_INVALID_ARGUMENT;
   }
   constexpr NodeChangeFailures kFailures{
-      "Set deadloop exception policy, deadloop monitor not init.",
-      "Set deadloop exception policy, deadloop monitor node not exist."};
+      [] {
+        MONITOR_LOG(TOV_LOG_ERROR, "Set deadloop exception policy, deadloop monitor not init.");
+      },
+      [] {
+        MONITOR_LOG(TOV_LOG_ERROR,
+                    "Set deadloop exception policy, deadloop monitor node not exist.");
+      }};
   return changeNode(slot, kFailures, [policy](FrameMonitorTaskInfo& info) {
     info.uiExceptionPolicy = policy;
     return QURN_OK;

@@ -3,7 +3,6 @@
 
 #include <qurnadapt/api.h>
 #include <qurnadapt/monitor.h>
-#include <qurnadapt/platform.h>
 
 #include <cstdint>
 
@@ -11,18 +10,19 @@
 
 namespace qurn::monitor {
 
+// How an operation tells its failures: each logs a message of the operation's own.
 struct NodeChangeFailures {
-  const char* notInitialised;
-  const char* notInUse;
+  void (*notInitialised)();
+  void (*notInUse)();
 };
 
-// Runs `change` on the record in the slot, under its lock, and returns its result; logs and fails
+// Runs `change` on the record in the slot, under its lock, and returns its result; tells and fails
 // when there is no monitor or the slot is free. The slot is in range.
 template <typename Change>
 uint32_t changeNode(uint64_t slot, const NodeChangeFailures& failures, Change change) noexcept {
   FrameTaskDeadloopCtrl* ctrl = monitor();
   if (ctrl == nullptr) {
-    MONITOR_LOG(TOV_LOG_ERROR, "%s", failures.notInitialised);
+    failures.notInitialised();
     return QURN_FAILED;
   }
   waitForRegistrations(*ctrl);
@@ -33,7 +33,7 @@ uint32_t changeNode(uint64_t slot, const NodeChangeFailures& failures, Change ch
       return change(node.stTaskInfo);
     }
   }
-  MONITOR_LOG(TOV_LOG_ERROR, "%s", failures.notInUse);
+  failures.notInUse();
   return QURN_FAILED;
 }
 

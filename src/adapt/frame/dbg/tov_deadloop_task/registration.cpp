@@ -29,41 +29,48 @@ bool isOwnedByCaller(const FrameMonitorTaskInfo& info) noexcept {
   return info.ucValid != 0 && info.ulThreadId == pthread_self();
 }
 
+struct Thresholds {
+  uint32_t first;
+  uint32_t second;
+  uint32_t third;
+};
+
 // What the table says about the calling thread. FRAME_MONITOR_CAPACITY stands for "none".
 struct SlotSearch {
   uint64_t owned = FRAME_MONITOR_CAPACITY;
+  uint32_t renewed = QURN_FAILED;  // the result of renewing it
   uint64_t firstFree = FRAME_MONITOR_CAPACITY;
-  // The slot is that of a thread that ended without a stop and whose POSIX thread id the caller
-  // got.
-  bool isLeftover = false;
 };
 
 uint32_t callersTid() noexcept { return static_cast<uint32_t>(syscall(SYS_gettid)); }
 
-// Looks for the caller's registration in the whole table before a free slot may be taken.
-SlotSearch findSlots(FrameTaskDeadloopCtrl& ctrl) noexcept {
+// The slot is that of a thread that ended without a stop and whose POSIX thread id the caller got.
+bool isLeftover(const FrameMonitorTaskInfo& info) noexcept {
+  return isOwnedByCaller(info) && info.uiTid != callersTid();
+}
+
+// Looks for the caller's registration, and renews it, in the whole table before a free slot may be
+// taken. A leftover is freed, so that nothing of its thread stays with the caller.
+SlotSearch findSlots(FrameTaskDeadloopCtrl& ctrl, const Thresholds& thresholds) noexcept {
   SlotSearch found;
   for (uint64_t slot = 0; slot < FRAME_MONITOR_CAPACITY; ++slot) {
-    FrameDeadloopMonitorNode& node = ctrl.astNode[slot];
-    const NodeLock lock(node);
-    if (isOwnedByCaller(node.stTaskInfo)) {
+    FrameMonitorTaskInfo& info = ctrl.astNode[slot].stTaskInfo;
+    const NodeLock lock(ctrl.astNode[slot]);
+    if (isLeftover(info)) {
+      memset_s(&info, sizeof(info), 0, sizeof(info));
+      --ctrl.uiTaskNum;
+    }
+    if (isOwnedByCaller(info)) {
       found.owned = slot;
-      found.isLeftover = node.stTaskInfo.uiTid != callersTid();
+      found.renewed = FrameUpdateMonitorTaskKeyInfo(&info, thresholds.first, thresholds.second,
+                                                    thresholds.third);
       break;
     }
-    if (node.stTaskInfo.ucValid == 0 && found.firstFree == FRAME_MONITOR_CAPACITY) {
+    if (info.ucValid == 0 && found.firstFree == FRAME_MONITOR_CAPACITY) {
       found.firstFree = slot;
     }
   }
   return found;
-}
-
-// Frees a slot, so that nothing of its thread stays with the next one in it.
-void clear(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
-  FrameDeadloopMonitorNode& node = ctrl.astNode[slot];
-  const NodeLock lock(node);
-  memset_s(&node.stTaskInfo, sizeof(node.stTaskInfo), 0, sizeof(node.stTaskInfo));
-  --ctrl.uiTaskNum;
 }
 
 }  // namespace
@@ -130,31 +137,31 @@ uint32_t FrameTaskDeadloopCtrlInit(void) {
   return QURN_OK;
 }
 
-bool FrameIsDeadloopThresholdValid(uint32_t firstThreshold, uint32_t secondThreshold,
-                                   uint32_t thirdThreshold) {
+uint32_t FrameIsDeadloopThresholdValid(uint32_t firstThreshold, uint32_t secondThreshold,
+                                       uint32_t thirdThreshold) {
   if (firstThreshold != 0 && firstThreshold <= secondThreshold &&
       secondThreshold <= thirdThreshold) {
-    return true;
+    return 1;
   }
   MONITOR_LOG(TOV_LOG_ERROR,
               "Frame task deadloop detect, threshold invalid. (first threshold = %u, second "
               "threshold = %u, third threshold = %u)",
               firstThreshold, secondThreshold, thirdThreshold);
-  return false;
+  return 0;
 }
 
-bool FrameIsTaskDeadloopHandleValid(const FrameDeadloopHandle* handle) {
+uint32_t FrameIsTaskDeadloopHandleValid(const FrameDeadloopHandle* handle) {
   if (handle != nullptr && *handle < FRAME_MONITOR_CAPACITY) {
-    return true;
+    return 1;
   }
   MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop detect, handle invalid.");
-  return false;
+  return 0;
 }
 
 uint32_t Frame_SetHeartbeatToMon(FrameDeadloopHandle* handle, uint32_t firstThreshold,
                                  uint32_t secondThreshold, uint32_t thirdThreshold) {
   if (handle == nullptr ||
-      !FrameIsDeadloopThresholdValid(firstThreshold, secondThreshold, thirdThreshold)) {
+      FrameIsDeadloopThresholdValid(firstThreshold, secondThreshold, thirdThreshold) == 0) {
     MONITOR_LOG(TOV_LOG_ERROR, "Set heartbeat param unsuccessfully, param invalid.");
     return QURN_INVALID_ARGUMENT;
   }
@@ -177,20 +184,9 @@ uint32_t Frame_SetHeartbeatToMon(FrameDeadloopHandle* handle, uint32_t firstThre
 
 uint32_t FrameSetMonitorTaskInfo(FrameDeadloopHandle* handle, uint32_t firstThreshold,
                                  uint32_t secondThreshold, uint32_t thirdThreshold) {
-  SlotSearch found = findSlots(g_ctrl);
-  if (found.isLeftover) {
-    clear(g_ctrl, found.owned);
-    found = {.firstFree = found.owned};
-  }
+  const SlotSearch found = findSlots(g_ctrl, {firstThreshold, secondThreshold, thirdThreshold});
   if (found.owned != FRAME_MONITOR_CAPACITY) {
-    uint32_t ret = QURN_FAILED;
-    {
-      FrameDeadloopMonitorNode& node = g_ctrl.astNode[found.owned];
-      const NodeLock lock(node);
-      ret = FrameUpdateMonitorTaskKeyInfo(&node.stTaskInfo, firstThreshold, secondThreshold,
-                                          thirdThreshold);
-    }
-    if (ret != QURN_OK) {
+    if (found.renewed != QURN_OK) {
       MONITOR_LOG(TOV_LOG_ERROR,
                   "Frame set monitor task info, task key info update unsuccessfully.");
       return QURN_FAILED;
@@ -258,7 +254,7 @@ uint32_t FrameUpdateMonitorTaskKeyInfo(FrameMonitorTaskInfo* info, uint32_t firs
 }
 
 uint32_t Frame_SendHeartbeatToMon(const FrameDeadloopHandle* handle) {
-  if (!FrameIsTaskDeadloopHandleValid(handle)) {
+  if (FrameIsTaskDeadloopHandleValid(handle) == 0) {
     MONITOR_LOG(TOV_LOG_ERROR, "Send heartbeat unsuccessfully, input handle invalid.");
     return QURN_INVALID_ARGUMENT;
   }
@@ -292,7 +288,7 @@ uint32_t Frame_SendHeartbeatToMon(const FrameDeadloopHandle* handle) {
 }
 
 uint32_t Frame_StopHeartbeatToMon(const FrameDeadloopHandle* handle) {
-  if (!FrameIsTaskDeadloopHandleValid(handle)) {
+  if (FrameIsTaskDeadloopHandleValid(handle) == 0) {
     MONITOR_LOG(TOV_LOG_ERROR, "Stop heartbeat unsuccessfully, input handle invalid.");
     return QURN_INVALID_ARGUMENT;
   }

@@ -45,7 +45,7 @@ extern "C" {
 uint32_t FRAME_UpdateDeadloopThresholdByName(const char* name, uint32_t firstThreshold,
                                              uint32_t secondThreshold, uint32_t thirdThreshold) {
   if (name == nullptr ||
-      !FrameIsDeadloopThresholdValid(firstThreshold, secondThreshold, thirdThreshold)) {
+      FrameIsDeadloopThresholdValid(firstThreshold, secondThreshold, thirdThreshold) == 0) {
     MONITOR_LOG(TOV_LOG_ERROR, "Frame update inteval by name, param invalid.");
     return QURN_INVALID_ARGUMENT;
   }
@@ -73,8 +73,10 @@ uint32_t FrameSetDetectSwitch(uint64_t slot, uint8_t detectSwitch) {
     return QURN_INVALID_ARGUMENT;
   }
   constexpr NodeChangeFailures kFailures{
-      "Frame deadloop set detect switch, deadloop monitor not init.",
-      "Frame deadloop set detect switch, task info not exist."};
+      [] {
+        MONITOR_LOG(TOV_LOG_ERROR, "Frame deadloop set detect switch, deadloop monitor not init.");
+      },
+      [] { MONITOR_LOG(TOV_LOG_ERROR, "Frame deadloop set detect switch, task info not exist."); }};
   bool clockFailed = false;
   const uint32_t ret = changeNode(slot, kFailures, [&](FrameMonitorTaskInfo& info) {
     if ((info.ucDetectSwitch != 0) == (detectSwitch != 0)) {

@@ -29,7 +29,7 @@ uint32_t ZOT_Second2GMT(uint32_t seconds, ZotSystime* time) {
   if (time == nullptr) {
     return QURN_INVALID_VALUE;
   }
-  ZotSystime converted{};
+  ZotSystime converted = *time;  // fields that the KEM layer does not write keep their values
   KEM_SystimeSec2Time(seconds, &converted);
   const uint32_t ret = KEM_SystimeWeekDayGet(&converted);
   *time = converted;

@@ -1,0 +1,44 @@
+// The difference of two time stamps, inlined where it is measured on a hot path.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <ctime>
+
+namespace qurn {
+
+inline constexpr uint64_t kNanosecondsPerSecond = 1'000'000'000;
+inline constexpr uint64_t kNanosecondsPerMillisecond = 1'000'000;
+inline constexpr int64_t kLongestDiffMs = 0x7FFFFFFF;
+inline constexpr int64_t kMostNegativeDiffMs = -0x7FFFFFFFFFFFFFFF;
+
+// Of any two time stamps, however far apart and in whatever order. By value: the caller's need no
+// address then.
+[[gnu::cold, gnu::noinline]] inline int64_t wideDiffMs(timespec start, timespec end) noexcept {
+  __extension__ typedef __int128 Wide;
+  const Wide nanoseconds = (Wide{end.tv_sec} - start.tv_sec) * Wide{kNanosecondsPerSecond} +
+                           (Wide{end.tv_nsec} - start.tv_nsec);
+  return static_cast<int64_t>(std::clamp<Wide>(nanoseconds / Wide{kNanosecondsPerMillisecond},
+                                               kMostNegativeDiffMs, kLongestDiffMs));
+}
+
+// What FRAME_GetTimespecDiff returns. The usual case, later by less than the longest difference
+// that is told, fits 64 bits and has no sign.
+[[gnu::always_inline]] inline int64_t diffMs(const timespec& start, const timespec& end) noexcept {
+  constexpr uint64_t kLongestNs = uint64_t{kLongestDiffMs} * kNanosecondsPerMillisecond;
+  int64_t seconds = 0;
+  int64_t part = 0;
+  if (__builtin_sub_overflow(end.tv_sec, start.tv_sec, &seconds) ||
+      __builtin_sub_overflow(end.tv_nsec, start.tv_nsec, &part) ||
+      static_cast<uint64_t>(seconds) > kLongestNs / kNanosecondsPerSecond) [[unlikely]] {
+    return wideDiffMs(start, end);
+  }
+  const uint64_t nanoseconds =
+      static_cast<uint64_t>(seconds) * kNanosecondsPerSecond + static_cast<uint64_t>(part);
+  if (nanoseconds > kLongestNs) [[unlikely]] {
+    return wideDiffMs(start, end);
+  }
+  return static_cast<int64_t>(nanoseconds / kNanosecondsPerMillisecond);
+}
+
+}  // namespace qurn
