@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <limits>
 #include <string>
 #include <thread>
 
@@ -56,7 +57,8 @@ TEST(EventSets, FailCleanlyWhileThereIsNoLoop) {
     recorded::forget();
     EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", drain, nullptr), QURN_FAILED);
     EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, 0, &event), QURN_FAILED);
-    EXPECT_EQ(recorded::texts(100), std::vector<std::string>(2, "Epoll fd has not been created."));
+    FRAME_MntDispatch();
+    EXPECT_EQ(recorded::texts(100), std::vector<std::string>(3, "Epoll fd has not been created."));
   };
   expectRefusal();
 
@@ -93,11 +95,18 @@ TEST(EventSets, NamesFunctionsAndDescriptorsAreChecked) {
   startDetection(1000);
   epoll_event event{};
   const int fd = eventfd(0, 0);
-  const size_t held = recorded::blocksHeld();
+  event.data.u64 = 42;
+  recorded::watch([](const std::string& what) {
+    if (what == "free" && recorded::count("copy setName") == 1) {
+      FRAME_MntRegSetAndEventProc("allowed", drain, nullptr);  // the lock is free again
+    }
+  });
+  size_t held = recorded::blocksHeld() + 1;
   EXPECT_EQ(FRAME_MntRegSetAndEventProc(kTooLongName.c_str(), drain, nullptr), QURN_FAILED);
   EXPECT_EQ(FRAME_MntRegSetAndEventProc(nullptr, drain, nullptr), QURN_FAILED);
   EXPECT_EQ(FRAME_MntEpollCtl(kTooLongName.c_str(), EPOLL_CTL_ADD, fd, &event), QURN_FAILED);
   EXPECT_EQ(recorded::count("Use secure function to copy setName unsuccessfully."), 3U);
+  EXPECT_TRUE(event.data.u64 == 42 && event.events == 0) << "untouched";
   EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", nullptr, nullptr), QURN_INVALID_ARGUMENT);
   EXPECT_ERROR("Event process function is NULL.");
   EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, -1, &event), QURN_FAILED);
@@ -217,10 +226,16 @@ TEST_F(Timer, ArmsFirstExpiryAndIntervalWithItsPeriod) {
 
 TEST_F(Timer, AFailedOneIsToldAndLeavesNothing) {
   int32_t fd = -1;
+  const int next = dup(0);
+  close(next);
+  recorded::watch([&](const std::string& what) {
+    EXPECT_EQ(fcntl(next, F_GETFD) == -1, what.rfind("Timer fd set time", 0) != 0) << what;
+  });
   for (const char* call : {"timerfd_create", "timerfd_settime", "TOV_MemAllocF"}) {
     fault::arm(call, EMFILE);
     EXPECT_EQ(FRAME_TimerCreate(ctrl_, 10, countRun, &runs_, &fd), QURN_FAILED) << call;
   }
+  recorded::watch(nullptr);
   EXPECT_EQ(recorded::blocksHeld(), 1U) << "the control";
 }
 
@@ -267,6 +282,7 @@ TEST_F(Timer, GoesOnWithoutTheClockAndWithoutAnExpiration) {
 
 TEST(TimespecDiff, CountsWholeMillisecondsTowardZeroWithACap) {
   constexpr time_t kThirtyDays = time_t{30} * 86400;
+  constexpr time_t kFarthest = std::numeric_limits<time_t>::max();
   struct Case {
     timespec start;
     timespec end;
@@ -281,6 +297,11 @@ TEST(TimespecDiff, CountsWholeMillisecondsTowardZeroWithACap) {
       {{0, 0}, {2147483, 646'999'999}, 2147483646},
       {{2, 0}, {1, 0}, -1000},
       {{kThirtyDays, 0}, {0, 0}, -2592000000},
+      {{kFarthest, 0}, {-kFarthest, 0}, -0x7FFFFFFFFFFFFFFF},
+      {{-kFarthest, 0}, {kFarthest, 999'999'999}, 2147483647},
+      {{10'000'000'000, 0}, {0, 999'999'999}, -9'999'999'999'000},
+      {{9'300'000'000'000'000, 1}, {0, 0}, -0x7FFFFFFFFFFFFFFF},
+      {{kFarthest, 5'000'000}, {kFarthest, 7'999'999}, 2},
   };
   for (const Case& diff : cases) {
     EXPECT_EQ(FRAME_GetTimespecDiff(&diff.start, &diff.end), diff.expected);

@@ -46,7 +46,7 @@ TEST_F(HandleTable, MistakesAreAnsweredWithTheirLines) {
     EXPECT_EQ(recorded::texts(40), info);
     EXPECT_EQ(recorded::texts(100), errors);
     for (const recorded::Line& line : recorded::lines()) {
-      EXPECT_TRUE(line.wellFormed && line.unit == "ssp_ptr_hdl") << line.text;
+      EXPECT_EQ(line.unit, "ssp_ptr_hdl") << line.text;
     }
     recorded::forget();
   };

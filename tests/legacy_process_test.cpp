@@ -46,7 +46,7 @@ uint32_t KEM_BoxextRegionClean(uint32_t region) {
 }
 uint32_t RuloPluginAssert(const char* file, uint32_t line, uint32_t third) {
   recorded::note(std::string("assertion in ") + file);
-  return file[0] == 'f' ? line + third : 0;
+  return line == 0 || third != 0 ? QURN_FAILED : QURN_OK;
 }
 
 }  // extern "C"
@@ -87,7 +87,6 @@ TEST(LegacyExit, DumpsTheBoxesLogsAndEndsTheProcessAtOnce) {
       },
       testing::ExitedWithCode(88),
       "record of box 4.*100 ZOT_Exit with code 88. .process id = [0-9]+.");
-  EXPECT_EQ(ZOT_Assert("file", 40, 2), 42U);
 }
 
 TEST(LegacyEnvironment, ReadsIdentifiersAsDecimalNumbers) {

@@ -29,6 +29,14 @@ TEST(Registration, RefusesNull) {
   EXPECT_EQ(recorded::count("Frame task deadloop detect, handle invalid."), 3U);
 }
 
+TEST(Registration, ARenewalFindsAndChangesItsRecordUnderOneHoldOfItsLock) {
+  FrameDeadloopHandle self = 9;
+  ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
+  const int locks = fault::calls("pthread_mutex_lock");
+  ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
+  EXPECT_EQ(fault::calls("pthread_mutex_lock"), locks + 1);
+}
+
 TEST(Registration, KeepsThresholdsInMillisecondsAsFarAsTheyFit) {
   const std::pair<uint32_t, uint32_t> thresholds[] = {
       {1, 1000}, {4294966, 4294966000}, {4294967, 0xFFFFFFFF}, {0xFFFFFFFF, 0xFFFFFFFF}};
@@ -86,6 +94,7 @@ TEST(Uninitialised, DISABLED_MonitorRefusesEverything) {
   FRAME_TaskDeadloopMonitorEntry();
   FrameDeadloopFatalAction();
   EXPECT_EQ(recorded::count("deadloop monitor not init."), 7U);
+  EXPECT_EQ(recorded::sourceLines(), recorded::lines().size()) << "each on a line of its own";
   EXPECT_EQ(recorded::count("hook unsuccessfully, deadloop monitor is not inited."), 2U);
   EXPECT_EQ(recorded::texts(100), recorded::texts());
   fault::arm("pthread_rwlock_init", EAGAIN);
@@ -174,6 +183,20 @@ TEST_F(DetectionPass, HooksRunBetweenHeartbeatsAndTheThreadsMayUseTheWholeMonito
                    "Frame task deadloop detect, deadloop process hook end.",
                    "Frame task deadloop detect, deadloop process global hook start.",
                    "Frame task deadloop detect, deadloop process global hook end."}));
+}
+
+TEST_F(DetectionPass, ARecordOfTheCallersOwnIsSignalledByItsPosixIdAloneAndNeverReleased) {
+  FrameMonitorTaskInfo own{};
+  own.ulThreadId = pthread_self();
+  own.uiTid = 0x7FFFFFFF;  // nobody's
+  fault::arm("pthread_kill", ESRCH);
+  FrameFatalThresholdTimeoutAction(64, &own, 5);
+  FrameDeadloopFatalAction();  // of a slot that is none
+  EXPECT_EQ(own.ucTimeoutLevel, 3);
+  EXPECT_EQ(recorded::count("Check thread exist"), 0U);
+  FrameFatalThresholdTimeoutAction(0, &own, 5);
+  EXPECT_TRUE(
+      eventually([] { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; }));
 }
 
 TEST_F(DetectionPass, AThreadThatEndsBeforeTheSignalReachesItIsReleasedAndPassesGoOn) {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <csignal>
+#include <cstring>
 
 #include "support/faults.h"
 #include "support/recording_platform.h"
@@ -57,6 +59,26 @@ TEST(Register, IsAppendedInColumns) {
   text[0] = '\0';
   FrameRegStrGet(text, sizeof(text), "pstateX", 0xABCDEF);
   EXPECT_STREQ(text, "\nReg:  pstateX0x0000000000abcdef");
+}
+
+// A capacity above what the bounds-checked library takes is as good as any that is large enough.
+TEST(LargeDestination, IsWrittenLikeAnyOther) {
+  std::string text(1 << 20, '\0');
+  const auto capacity = static_cast<uint32_t>(text.size());
+  EXPECT_EQ(FrameGetSigName(SIGTERM, text.data(), capacity), 0);
+  EXPECT_STREQ(text.c_str(), "SIGTERM");
+  const ZotSystime time{2026, 1, 2, 3, 4, 5, 0, 0};
+  FrameTimeToStr(&time, text.data(), capacity);
+  EXPECT_STREQ(text.c_str(), "2026-01-02 03:04:05.");
+  void* const address = dlsym(RTLD_DEFAULT, "FRAME_MntInit");
+  EXPECT_EQ(FrameFuncNameGetByAddr(&address, 1, text.data(), capacity), QURN_OK);
+  EXPECT_STREQ(text.c_str(), "FRAME_MntInit+0");
+  for (const size_t length : {size_t{1}, size_t{500'000}, text.size() - 35}) {
+    const std::string before(length, 'x');
+    strcpy(text.data(), before.c_str());
+    FrameRegStrGet(text.data(), capacity, "pc", 0x10);
+    EXPECT_EQ(text.c_str(), before + "\nReg:  pc     0x0000000000000010") << length;
+  }
 }
 
 TEST(SignalName, IsKnownFor1To31) {
@@ -134,6 +156,7 @@ TEST(FunctionNames, AreListedOneALineForAsLongAsAWholeOneFits) {
       (std::vector<std::string>{"Function name is null.", "Function address is null.",
                                 "Dest buff size is 0.", "Real depth is 0.",
                                 "Frame dump stack unsuccessfully, get symbols unsuccessfully."}));
+  EXPECT_EQ(recorded::sourceLines(), 5U) << "each on a line of its own";
 }
 
 }  // namespace

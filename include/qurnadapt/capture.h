@@ -23,9 +23,15 @@ typedef struct FrameCallStackEntry {
   uint64_t address; /* Code address of one frame. */
 } FrameCallStackEntry;
 
-/* The captured state of one stuck thread. */
+/* The captured state of one stuck thread.
+ *
+ * The register words are the first 288 bytes from the start of the machine context in the signal's
+ * user context. AArch64: the fault address, x0 to x30, sp, pc, pstate, alignment. x86-64: words 0
+ * to 22 are the general registers as REG_R8 to REG_CR2 of <sys/ucontext.h> number them; the others
+ * are no registers: 23 is where the floating-point state was saved, 24 to 31 are reserved, 32 is
+ * the signal mask, 33 to 35 are the start of the signal's information. */
 typedef struct FrameDeadloopDumpInfo {
-  uint64_t registers[FRAME_REGISTER_WORDS];   /* The start of the machine context, rest zero. */
+  uint64_t registers[FRAME_REGISTER_WORDS];   /* The start of the machine context. */
   uint64_t stackDumpStart;                    /* Lowest address copied; 0 when none was. */
   uint8_t stackBytes[FRAME_STACK_DUMP_BYTES]; /* The copy, from stackDumpStart upwards. */
   FrameCallStackEntry callStack[FRAME_CALL_STACK_DEPTH]; /* Innermost first, without gaps. */
@@ -62,7 +68,8 @@ QURN_API uint32_t FrameDeadLoopSignalFuncReg(void);
  * memory.*/
 QURN_API void* FrameDeadloopStackMemAlloc(uint64_t** addresses, char** symbolText,
                                           FrameDeadloopDumpInfo** dumpInfo);
-/* Clears the record and sends the signal. Returns 0, or 0xFFFFFFFF with the status idle again. */
+/* Sends the signal; the record is cleared by FrameThreadDeadloopPrint. Returns 0, or 0xFFFFFFFF
+ * with the status idle again. The thread must not have been joined. Detection thread only. */
 QURN_API uint32_t FrameDeadloopSignalSend(pthread_t thread);
 /* The signal handler. Async-signal-safe, preserves errno, allocates and logs nothing. */
 QURN_API void FrameDeadLoopSignalHandle(int sig, siginfo_t* info, void* context);
@@ -83,12 +90,13 @@ QURN_API void FrameDumpStackInfoGet(uint64_t sp, uint64_t start, uint64_t size, 
 QURN_API void FrameTaskStackInfoGet(FrameTaskStackInfo* info);
 
 /* The steps of the memory-map scan. Lengths and positions are bytes and indexes into a line; the
- * parsers return the position after what they recognised, or 0. All are async-signal-safe. */
+ * parsers return the position after what they recognised, or 0; yes or no is 1 or 0. All are
+ * async-signal-safe. */
 QURN_API uint32_t FrameProcMapsFileGet(char* path, uint32_t capacity);
 QURN_API uint32_t FrameGetMapStackAddr(const char* line, uint32_t length, uint64_t* start,
-                                   uint64_t* end);
+                                       uint64_t* end);
 QURN_API uint32_t FrameReadMapFileStr(const char* line, uint32_t length, uint32_t* startPos,
-                                  uint32_t* endPos);
+                                      uint32_t* endPos);
 QURN_API uint64_t FrameGetHexFromMapStr(const char* line, uint32_t position, uint32_t length);
 QURN_API uint64_t FrameAddrHexToInt(const char* text, uint32_t count);
 QURN_API int32_t FrameGetHexStrValue(char c);

@@ -34,11 +34,12 @@ QURN_API uint32_t FRAME_MntRegSetAndEventProc(const char* setName, FrameMntEvent
 
 /* Applies the epoll_ctl operation op (EPOLL_CTL_ADD, _MOD or _DEL) to fd on behalf of setName,
  * which need not be registered yet. event may be null for EPOLL_CTL_DEL; otherwise its data.ptr is
- * overwritten with a record of the library's, and a mask of 0 becomes EPOLLIN | EPOLLET. Take a
- * descriptor out with EPOLL_CTL_DEL before closing it: that also releases its record. An event that
- * the loop has fetched by then is still handed to the set, so its param must outlive that. Returns
- * 0, or 0xFFFFFFFF while the loop does not exist, for a name that does not fit, without memory, or
- * when epoll_ctl fails. Thread-safe. */
+ * overwritten with a record of the library's, and a mask of 0 becomes EPOLLIN | EPOLLET, once there
+ * is a record; data.ptr is null after epoll_ctl has failed. Take a descriptor out with
+ * EPOLL_CTL_DEL before closing it: that also releases its record. An event that the loop has
+ * fetched by then is still handed to the set, so its param must outlive that. Returns 0, or
+ * 0xFFFFFFFF while the loop does not exist, for a name that does not fit, without memory, or when
+ * epoll_ctl fails. Thread-safe. */
 QURN_API uint32_t FRAME_MntEpollCtl(const char* setName, int32_t op, int32_t fd,
                                     struct epoll_event* event);
 
@@ -51,7 +52,8 @@ QURN_API int32_t FrameInitMntEpollEventCtrl(void);
 /* Hands one ready event to the set that its record names. */
 QURN_API void FrameMntEventProcBySet(struct epoll_event* event);
 
-/* Waits for events and dispatches them. Does not return. */
+/* Waits for events and dispatches them. Returns, after a line in the log, only when there is no
+ * epoll descriptor to wait on. */
 QURN_API void FRAME_MntDispatch(void);
 
 /* Frees every set and record, closes the epoll descriptor and destroys the lock. Later calls fail

@@ -16,8 +16,8 @@ QURN_API uint32_t FrameExceptionInit(void);
 /* The same for the sequence of signal names at a key of a loaded configuration, which stays the
  * caller's. */
 QURN_API uint32_t FrameExceptionSignalIgnoreInit(void* yaml, const char* key);
-/* Whether the signal of this name may be ignored: SIGHUP, SIGTTIN, SIGSYS, SIGTTOU and SIGPIPE may.
- */
+/* 1 if the signal of this name may be ignored, else 0: SIGHUP, SIGTTIN, SIGSYS, SIGTTOU and SIGPIPE
+ * may. */
 QURN_API uint32_t FrameSignalIsSupportIgnore(const char* sigName);
 /* Stores the number of the signal of this name, 0 ("SIG0") to 31. Returns 0, or 0xFFFFFFFF with
  * sigId untouched. */

@@ -33,12 +33,14 @@ QURN_API uint32_t ZOT_Local_SystimeGet(ZotSystime* local, uint32_t* isDst);
  * or 0xFFFFFFFF when the uptime cannot be read. */
 QURN_API uint32_t SSP_GetsystemStartTime(ZotSystime* time);
 
-/* ---- Conversion: 0 or 22. milliseconds are carried over ---- */
+/* ---- Conversion ---- */
 
-/* Breaks seconds since 1970 down, the day of the week included. Returns 22 for null, else the KEM
- * layer's code. */
+/* Breaks seconds since 1970 down, the day of the week included; fields that the KEM layer does not
+ * write, as millSec, keep their values. Returns 22 for null, else the KEM layer's code for the day
+ * of the week. */
 QURN_API uint32_t ZOT_Second2GMT(uint32_t seconds, ZotSystime* time);
-/* GMT to local time; isDst receives 1 while daylight saving is in force at that time, else 0. */
+/* The others return 0 or 22 and carry the milliseconds over.
+ * GMT to local time; isDst receives 1 while daylight saving is in force at that time, else 0. */
 QURN_API uint32_t ZOT_Gmt2LocalTime(const ZotSystime* gmt, ZotSystime* local, uint32_t* isDst);
 /* GMT to local mean time: the zone's offset without daylight saving. */
 QURN_API uint32_t ZOT_Gmt2Lmt(const ZotSystime* gmt, ZotSystime* lmt);

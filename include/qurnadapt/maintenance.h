@@ -12,11 +12,13 @@ QURN_BEGIN_DECLS
 
 /* Starts the maintenance subsystem: process identity, exception and keep-alive configuration,
  * monitor, dead-loop capability, dead-loop signal, detection thread, in this order.
- * Returns 0, or the code of the first step that failed; what earlier steps did stays in force.
- * Call it once per process, from any one thread; a later call applies the configuration again but
- * starts no second detection thread. The child of a fork is watched only once it calls this itself.
- * It returns before the detection thread has finished its own
- * set-up, whose failures are only logged. */
+ * Returns 0, or the code of the first step that failed; what earlier steps did stays in force. It
+ * returns before the detection thread has finished its own set-up, whose failures are only logged.
+ * Call it once per process. A later call runs the steps again, and so retries after a failure, but
+ * starts no second detection thread. A call while one runs on another thread waits for that and
+ * returns its code; one from within a step (from a platform call that it makes) returns 0xFFFFFFFF.
+ * The child of a fork is watched only once it calls this itself. Thread-safe; a cancellation of the
+ * calling thread waits until it returns. */
 QURN_API uint32_t FRAME_MntInit(void);
 
 /* Fixes the detection period, in milliseconds from 1 up, before FRAME_MntInit; without this call

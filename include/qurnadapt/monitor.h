@@ -112,10 +112,10 @@ QURN_API uint32_t FrameSetDetectSwitch(uint64_t slot, uint8_t detectSwitch);
 QURN_API uint32_t FRAME_TaskDeadloopInit(void);
 /* Initialises the locks and the table, once. Returns 0 or 0xFFFFFFFF. */
 QURN_API uint32_t FrameTaskDeadloopCtrlInit(void);
-/* Whether each threshold, in seconds, is at least 1 and none is below the one before. */
+/* 1 if each threshold, in seconds, is at least 1 and none is below the one before, else 0. */
 QURN_API uint32_t FrameIsDeadloopThresholdValid(uint32_t firstThreshold, uint32_t secondThreshold,
-                                            uint32_t thirdThreshold);
-/* Whether the handle is not null and holds a slot, 0 to 63. */
+                                                uint32_t thirdThreshold);
+/* 1 if the handle is not null and holds a slot, 0 to 63, else 0. */
 QURN_API uint32_t FrameIsTaskDeadloopHandleValid(const FrameDeadloopHandle* handle);
 
 /* Finds or takes a slot for the calling thread; the monitor's lock is write-held. */
@@ -134,15 +134,18 @@ QURN_API uint32_t FrameRemoveMonitorTaskInfo(uint64_t slot);
 QURN_API void FRAME_TaskDeadloopMonitorEntry(void);
 /* Milliseconds since the record's detect time, 0xFFFFFFFF when the clock cannot be read. */
 QURN_API uint32_t FrameGetTaskElapsedTime(const FrameMonitorTaskInfo* info);
-/* True when the thread has ended; its slot has then been freed. Its lock is held. */
+/* 1 when the thread has ended, its slot then freed, else 0. Its lock is held. */
 QURN_API uint32_t FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info);
-/* Whether the process has a thread of this kernel thread id. */
+/* 1 if the process has a thread of this kernel thread id, else 0. */
 QURN_API uint32_t FrameIsMonitorTaskExist(int32_t tid);
-/* The threshold rules: whether one fires for a record, and what it does. The record's lock is held;
- * detection thread only. */
+/* The threshold rules: 1 if one fires for a record, else 0, and what it does. The record's lock is
+ * held; detection thread only. A record that is not one of the table's own is never looked for in
+ * the process nor freed: the fatal action signals its POSIX thread id, which must be that of a
+ * thread that has not been joined. */
 QURN_API uint32_t FrameIsInfoThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
 QURN_API uint32_t FrameIsWarnThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
-QURN_API uint32_t FrameIsFatalThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
+QURN_API uint32_t FrameIsFatalThresholdTimeout(const FrameMonitorTaskInfo* info,
+                                               uint32_t elapsedMs);
 QURN_API void FrameInfoThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,
                                               uint32_t elapsedMs);
 QURN_API void FrameWarnThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,

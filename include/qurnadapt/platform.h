@@ -150,7 +150,8 @@ uint32_t KEM_TaskStackInfoGet(uint32_t selector, FrameTaskStackInfo* info);
 /* ---- Plug-in platform ---- */
 
 /* A component's failed assertion at this place of its source; third is the component's own number.
- * What it returns is what ZOT_Assert returns. Thread-safe. */
+ * ZOT_Assert is a jump to this call: arguments and result pass at pointer width, so a platform may
+ * take and return more than is declared here. Thread-safe. */
 uint32_t RuloPluginAssert(const char* file, uint32_t line, uint32_t third);
 
 /* ---- Looked up at run time in the process's global symbol scope, present or not ----

@@ -11,8 +11,8 @@ QURN_BEGIN_DECLS
 /* Capacity that every destination of one symbol name must have, terminator included. */
 #define FRAME_SYMBOL_NAME_LEN 300U
 
-/* Appends a line "Reg:  NAME   0xVALUE" to the text in dest, whose capacity is in bytes. name has
- * at most 7 characters. Thread-safe. */
+/* Appends a line "Reg:  NAME   0xVALUE" to the text in dest, whose capacity is in bytes and may be
+ * any that dest has. name has at most 7 characters. Thread-safe. */
 QURN_API void FrameRegStrGet(char* dest, uint32_t capacity, const char* name, uint64_t value);
 
 /* Writes the names of depth code addresses to dest, one a line; names for which no 301 bytes are
@@ -30,7 +30,8 @@ QURN_API int32_t FrameGetSigName(int32_t sig, char* dest, uint32_t capacity);
 /* Writes the report of a pending capture, runs the fatal action and sets the status back to idle.
  * Detection thread only. */
 QURN_API void FrameWriteDeadloopInfo(void);
-/* Writes the record's signal, process and frames to the log; nothing without a record. */
+/* Writes the record's signal, process and frames, 20 at most whatever depth the platform reported,
+ * to the log; nothing without a record. */
 QURN_API void FrameWriteDeadloopInfoToLog(void);
 /* The current time, eight hours east of UTC, as "YYYY-MM-DD HH:MM:SS."; dest holds at least 21
  * bytes. */

@@ -29,8 +29,9 @@ QURN_API uint32_t FRAME_TimerCreate(FrameTimerCtrl* ctrl, uint32_t periodMs, Fra
 /* Closes and frees every timer of ctrl, then ctrl itself. */
 QURN_API void FRAME_TimerCtrlRuin(FrameTimerCtrl* ctrl);
 
-/* Whole milliseconds from start to end, truncated toward zero, at most 2147483647; negative when
- * end is the earlier. Callable from any thread. */
+/* Whole milliseconds from start to end, truncated toward zero; negative when end is the earlier.
+ * Exact for any two time stamps, but at most 2147483647 and at least -0x7FFFFFFFFFFFFFFF. Callable
+ * from any thread and from a signal handler. */
 QURN_API int64_t FRAME_GetTimespecDiff(const struct timespec* start, const struct timespec* end);
 
 /* The event process function of a timer set: param is the set's FrameTimerCtrl. Returns 0. */

@@ -16,10 +16,20 @@ inline constexpr int64_t kMostNegativeDiffMs = -0x7FFFFFFFFFFFFFFF;
 // address then.
 [[gnu::cold, gnu::noinline]] inline int64_t wideDiffMs(timespec start, timespec end) noexcept {
   __extension__ typedef __int128 Wide;
-  const Wide nanoseconds = (Wide{end.tv_sec} - start.tv_sec) * Wide{kNanosecondsPerSecond} +
-                           (Wide{end.tv_nsec} - start.tv_nsec);
-  return static_cast<int64_t>(std::clamp<Wide>(nanoseconds / Wide{kNanosecondsPerMillisecond},
-                                               kMostNegativeDiffMs, kLongestDiffMs));
+  constexpr int64_t kMillisecond = kNanosecondsPerMillisecond;
+  // Whole milliseconds and a rest of nanoseconds, as a division of the whole is a call of another
+  // library.
+  Wide milliseconds = (Wide{end.tv_sec} - start.tv_sec) * 1000 +
+                      (Wide{end.tv_nsec / kMillisecond} - start.tv_nsec / kMillisecond);
+  int64_t rest = end.tv_nsec % kMillisecond - start.tv_nsec % kMillisecond;
+  milliseconds += rest / kMillisecond;
+  rest %= kMillisecond;
+  if (milliseconds > 0 && rest < 0) {
+    --milliseconds;
+  } else if (milliseconds < 0 && rest > 0) {
+    ++milliseconds;
+  }
+  return static_cast<int64_t>(std::clamp<Wide>(milliseconds, kMostNegativeDiffMs, kLongestDiffMs));
 }
 
 // What FRAME_GetTimespecDiff returns. The usual case, later by less than the longest difference

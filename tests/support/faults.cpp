@@ -63,7 +63,9 @@ void armFromEnvironment() {
   }
 }
 
-// Where the library's code lies, found at the first question.
+}  // namespace
+
+// Where that is is found at the first question.
 bool isLibraryCode(const void* address) {
   struct Range {
     uintptr_t start = 0;
@@ -89,8 +91,6 @@ bool isLibraryCode(const void* address) {
   const auto place = reinterpret_cast<uintptr_t>(address);
   return place >= library.start && place < library.end;
 }
-
-}  // namespace
 
 void fault::arm(const char* call, int error, int after, int times) {
   Fault& armed = faultOf(call);
@@ -187,6 +187,7 @@ MAY_FAIL(int, epoll_wait, (int epfd, epoll_event* events, int most, int timeout)
 MAY_FAIL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
 MAY_FAIL(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes),
          (mutex, attributes), errno)
+MAY_FAIL(int, pthread_mutex_destroy, (pthread_mutex_t * mutex), (mutex), errno)
 MAY_FAIL(DIR*, opendir, (const char* name), (name), nullptr)
 MAY_FAIL(int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*),

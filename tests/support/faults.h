@@ -36,6 +36,9 @@ void advance(int64_t milliseconds);
 
 }  // namespace frozen_clock
 
+// Whether it lies in the library.
+bool isLibraryCode(const void* address);
+
 // How often the library slept; a sleep takes no time, and the given one runs `action`.
 int sleeps();
 void onSleep(int number, void (*action)());

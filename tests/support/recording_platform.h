@@ -1,5 +1,7 @@
 // The tests' own platform: it stands in front of the stand-in's log, memory, boxes and parameters,
-// remembers what the library asked of them, and refuses on request.
+// remembers what the library asked of them, and refuses on request. A line of the library's that is
+// not passed as it has to be (module 0, a unit's path and its length, "<unknown>", 9, a source
+// line, the message's own text as the format) fails the test that it comes in.
 #pragma once
 
 #include <qurnadapt/platform.h>
@@ -15,7 +17,7 @@ struct Line {
   uint32_t level;
   std::string text;
   std::string unit;  // last component of the path
-  bool wellFormed;   // module 0, the path's length, "<unknown>", 9, a source line
+  uint32_t sourceLine;
   bool unsuppressed;
 };
 
@@ -25,7 +27,10 @@ std::vector<Line> lines();
 std::vector<std::string> texts(uint32_t level = 0);
 bool has(uint32_t level, const std::string& text);
 size_t count(const std::string& part);
+size_t sourceLines(const std::string& part = "");  // how many different ones they came from
 void forget();
+// Told of each line, and of "free", as it comes.
+void watch(std::function<void(const std::string& what)> watcher);
 
 // What the library did, in order: "alloc", "exit check", and whatever tests add.
 void note(const std::string& event);
