@@ -113,8 +113,8 @@ void appendSet(FrameMntEventSet* set) noexcept {
   list.prev = set;
 }
 
-FrameMntEventSet* createSet() noexcept {
-  auto* set = static_cast<FrameMntEventSet*>(allocateZeroed(sizeof(FrameMntEventSet)));
+OwnedSet createSet() noexcept {
+  OwnedSet set(static_cast<FrameMntEventSet*>(allocateZeroed(sizeof(FrameMntEventSet))));
   if (set == nullptr) {
     MNT_LOG(TOV_LOG_ERROR, "Frame mnt create event proc, memory malloc unsuccessfully.");
   }
@@ -236,7 +236,7 @@ uint32_t FRAME_MntRegSetAndEventProc(const char* setName, FrameMntEventProc proc
   const qurn::MutexLock lock(g_events.setLock);
   FrameMntEventSet* set = findSet(setName);
   if (set == nullptr) {
-    created.reset(createSet());
+    created = createSet();
     set = created.get();
     if (set == nullptr || !copySetName(set->setName, setName)) {
       return QURN_FAILED;

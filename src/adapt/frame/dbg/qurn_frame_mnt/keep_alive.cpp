@@ -5,6 +5,7 @@
 #include <qurnadapt/keep_alive.h>
 #include <qurnadapt/legacy_process.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -138,12 +139,13 @@ uint32_t FRAME_KeepAliveProcSet(uint32_t period, FrameKeepAliveHook hook, void* 
 uint32_t FrameGetKeepAlivePeriod(void) {
   const uint32_t floorMs = FrameChooseDeadloopDetectTime();
   uint32_t periodMs = g_keepAlive.keepAlivePeriod.load(std::memory_order_relaxed);
-  while (periodMs < floorMs) [[unlikely]] {
-      if (g_keepAlive.keepAlivePeriod.compare_exchange_weak(periodMs, floorMs)) {
-        return floorMs;
-      }
-    }
-  return periodMs;
+  if (periodMs >= floorMs) [[likely]] {
+    return periodMs;
+  }
+  while (periodMs < floorMs &&
+         !g_keepAlive.keepAlivePeriod.compare_exchange_weak(periodMs, floorMs)) {
+  }
+  return std::max(periodMs, floorMs);
 }
 
 void FRAME_KeepAliveReport(void) {
