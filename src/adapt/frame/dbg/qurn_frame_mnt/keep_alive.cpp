@@ -38,6 +38,15 @@ constinit timespec lastKeepAliveTime{};
 
 std::atomic_ref<uint32_t> ready() noexcept { return std::atomic_ref<uint32_t>(g_FrameReady); }
 
+// The keep-alive period, at least this.
+[[gnu::cold]] uint32_t raisePeriod(uint32_t floorMs) noexcept {
+  uint32_t periodMs = 0;
+  while (periodMs < floorMs &&
+         !g_keepAlive.keepAlivePeriod.compare_exchange_weak(periodMs, floorMs)) {
+  }
+  return std::max(periodMs, floorMs);
+}
+
 using GuardNotify = int32_t (*)(int32_t);
 
 // Looked up at each use: the guard's library may be loaded at any time.
@@ -138,14 +147,8 @@ uint32_t FRAME_KeepAliveProcSet(uint32_t period, FrameKeepAliveHook hook, void* 
 
 uint32_t FrameGetKeepAlivePeriod(void) {
   const uint32_t floorMs = FrameChooseDeadloopDetectTime();
-  uint32_t periodMs = g_keepAlive.keepAlivePeriod.load(std::memory_order_relaxed);
-  if (periodMs >= floorMs) [[likely]] {
-    return periodMs;
-  }
-  while (periodMs < floorMs &&
-         !g_keepAlive.keepAlivePeriod.compare_exchange_weak(periodMs, floorMs)) {
-  }
-  return std::max(periodMs, floorMs);
+  const uint32_t periodMs = g_keepAlive.keepAlivePeriod.load(std::memory_order_relaxed);
+  return periodMs >= floorMs ? periodMs : raisePeriod(floorMs);
 }
 
 void FRAME_KeepAliveReport(void) {
