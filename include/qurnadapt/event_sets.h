@@ -28,7 +28,9 @@ typedef uint32_t (*FrameMntEventProc)(struct epoll_event* event, void* param);
 /* Registers proc and param under setName, or replaces those of an earlier registration of the same
  * name. setName has at most 127 characters and is copied; param is handed to proc as it is and
  * stays the caller's. Returns 0, 2 for a null proc, 0xFFFFFFFF while the loop does not exist, for
- * a name that does not fit, or without memory. Thread-safe; waits for a running callback. */
+ * a name that does not fit, or without memory. Thread-safe; waits for a running callback. Not to be
+ * called from a library's load-time constructor: a callback that needs the loader's lock (a tick
+ * does, to look symbols up) and the constructor would wait for each other. */
 QURN_API uint32_t FRAME_MntRegSetAndEventProc(const char* setName, FrameMntEventProc proc,
                                               void* param);
 
@@ -36,7 +38,8 @@ QURN_API uint32_t FRAME_MntRegSetAndEventProc(const char* setName, FrameMntEvent
  * which need not be registered yet. event may be null for EPOLL_CTL_DEL; otherwise its data.ptr is
  * overwritten with a record of the library's, and a mask of 0 becomes EPOLLIN | EPOLLET, once there
  * is a record; data.ptr is null after epoll_ctl has failed. Take a descriptor out with
- * EPOLL_CTL_DEL before closing it: that also releases its record. An event that the loop has
+ * EPOLL_CTL_DEL before closing it: that also releases its record. (Where a duplicate keeps a closed
+ * descriptor alive and its number is registered anew, a record may stay until the clean-up.) An event that the loop has
  * fetched by then is still handed to the set, so its param must outlive that. Returns 0, or
  * 0xFFFFFFFF while the loop does not exist, for a name that does not fit, without memory, or when
  * epoll_ctl fails. Thread-safe. */

@@ -17,8 +17,10 @@ QURN_BEGIN_DECLS
  * Call it once per process. A later call runs the steps again, and so retries after a failure, but
  * starts no second detection thread. A call while one runs on another thread waits for that and
  * returns its code; one from within a step (from a platform call that it makes) returns 0xFFFFFFFF.
- * The child of a fork is watched only once it calls this itself. Thread-safe; a cancellation of the
- * calling thread waits until it returns. */
+ * The child of a fork is watched only once it calls this itself. Of the threads' registrations it
+ * keeps the forking thread's, with the parent's thread id: a child that goes on working registers
+ * again, or its slot is freed at its first threshold. Thread-safe; a cancellation of the calling
+ * thread waits until it returns. */
 QURN_API uint32_t FRAME_MntInit(void);
 
 /* Fixes the detection period, in milliseconds from 1 up, before FRAME_MntInit; without this call

@@ -27,7 +27,8 @@ typedef uint32_t (*FrameDeadloopInfoHook)(FrameDeadloopHandle* handle, uint64_t 
 /* The process-wide hook of second-threshold events. Gets the POSIX thread id, the kernel thread id,
  * the silence in milliseconds and the thread's exception policy (0 or 1). Runs inside the detection
  * pass with the monitor's lock read-held and the thread's own lock held: it must not register or
- * stop a thread, set a process-wide hook, or operate on the thread that it is told about. */
+ * stop a thread, set a process-wide hook, or operate on the thread that it is told about, but for
+ * FRAME_UpdateDeadloopThresholdByName, which may tune any thread, that one included. */
 typedef void (*FrameThreadDeadloopWarningHook)(uint64_t threadId, uint32_t tid, uint32_t elapsedMs,
                                                uint32_t exceptionPolicy);
 
@@ -57,13 +58,16 @@ typedef struct FrameMonitorTaskInfo {
  * below the one before; 4294967 and above are kept as 4294967295 ms. Stores the slot through
  * handle. A thread that registers again keeps its slot, hook, policy and switch, and starts its
  * silence and its thresholds anew. Returns 0, 2 for a null handle or bad thresholds, 0xFFFFFFFF
- * when the monitor is not initialised or all 64 slots are taken. Thread-safe. */
+ * when the monitor is not initialised or all 64 slots are taken. On success the calling thread's
+ * signal mask lets SIGRTMIN + 2 through, so that the thread can be captured; no other signal changes.
+ * Thread-safe; waits for a running pass. */
 QURN_API uint32_t Frame_SetHeartbeatToMon(FrameDeadloopHandle* handle, uint32_t firstThreshold,
                                           uint32_t secondThreshold, uint32_t thirdThreshold);
 
 /* The calling thread is alive: its silence starts anew. Returns 0, 2 for a bad handle or one of
  * another thread, 0xFFFFFFFF when the monitor is not initialised or the clock cannot be read.
- * Thread-safe; takes no more than one uncontended read lock, one mutex and one clock read. */
+ * Thread-safe; waits for a registration or stop in progress, and otherwise takes one mutex of the
+ * thread's own and reads the clock once. */
 QURN_API uint32_t Frame_SendHeartbeatToMon(const FrameDeadloopHandle* handle);
 
 /* Ends the calling thread's registration; its variable is left as it is. Returns 0, 2 for a bad
@@ -94,7 +98,7 @@ QURN_API uint32_t Frame_SetHeartExceptionPolicy(uint64_t slot, uint32_t policy);
 /* Gives the thread of this name new thresholds, as of Frame_SetHeartbeatToMon, and starts its
  * silence and its thresholds anew; of several threads of that name the one in the lowest slot.
  * Returns 0, 2 for a null name or bad thresholds, 0xFFFFFFFF when the monitor is not initialised,
- * no thread has the name or the clock cannot be read. Thread-safe. */
+ * no thread has the name or the clock cannot be read. Thread-safe; allowed in the warning hook. */
 QURN_API uint32_t FRAME_UpdateDeadloopThresholdByName(const char* name, uint32_t firstThreshold,
                                                       uint32_t secondThreshold,
                                                       uint32_t thirdThreshold);

@@ -8,7 +8,7 @@
 #include <atomic>
 #include <mutex>
 
-#include "held_across_fork.h"
+#include "internal/fork_mutex.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ struct ThreadHook {
   TovDeadloopHook hook;
 };
 
-constinit std::mutex g_mutex;  // of the records below
+constinit qurn::ForkMutex g_mutex;  // of the records below
 constinit FrameDeadloopCapability g_capability{};
 constinit std::array<ThreadHook, 64> g_hooks{};
 constinit std::atomic<bool> g_registered{false};  // set once the capability is complete
@@ -49,7 +49,7 @@ ThreadHook* findHook(uint64_t threadId) {
 }
 
 __attribute__((constructor)) void watchForks() noexcept {
-  holdAcrossFork<[]() -> std::mutex& { return g_mutex; }>();
+  qurn::holdAcrossFork<[]() -> qurn::ForkMutex& { return g_mutex; }>();
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <mutex>
 
-#include "held_across_fork.h"
+#include "internal/fork_mutex.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ struct Region {
   uint32_t written;  // ever; the newest kRecordsPerRegion are kept
 };
 
-constinit std::mutex g_regionsMutex;
+constinit qurn::ForkMutex g_regionsMutex;
 constinit std::array<Region, kRegions> g_regions{};
 constinit std::atomic<KemPrintHook> g_printHook{nullptr};
 constinit std::atomic<KemBoxRedirectHook> g_redirectHook{nullptr};
@@ -39,7 +39,7 @@ void print(const char* text) {
 }
 
 __attribute__((constructor)) void watchForks() noexcept {
-  holdAcrossFork<[]() -> std::mutex& { return g_regionsMutex; }>();
+  qurn::holdAcrossFork<[]() -> qurn::ForkMutex& { return g_regionsMutex; }>();
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #include <cerrno>
 
+#include "fault_guard.h"
 #include "internal/machine_context.h"
 #include "internal/scoped_fd.h"
 
@@ -190,6 +191,25 @@ void walkFramePointers(Walk& walk) {
   }
 }
 
+// The walk with all its means. A smashed stack may end it anywhere; the frames so far stay.
+struct WholeWalk {
+  Walk walk;
+  uint64_t* registers;
+};
+
+void walkEverything(void* argument) {
+  auto& [walk, registers] = *static_cast<WholeWalk*>(argument);
+  _Unwind_Backtrace(visitFrame, &walk);
+#if defined(QURN_HAS_LINK_REGISTER)
+  if (walk.depth == 1 && !walk.full() && !walk.reachedBottom) {
+    walkFromLinkRegister(walk, registers);
+  }
+#endif
+  if (!walk.reachedBottom) {
+    walkFramePointers(walk);
+  }
+}
+
 }  // namespace
 
 extern "C" {
@@ -200,21 +220,15 @@ uint32_t KEM_ExceptCallStackGetEx(void* context, uint32_t maxDepth, uint32_t /*o
     return QURN_INVALID_ARGUMENT;
   }
   uint64_t* registers = qurn::machineWords(context);
-  Walk walk{};
+  WholeWalk whole{{}, registers};
+  Walk& walk = whole.walk;
   walk.interruptedPc = registers[qurn::kProgramCounterWord];
   walk.addresses = addresses;
   walk.capacity = maxDepth;
   walk.last = {registers[qurn::kStackPointerWord], registers[qurn::kFramePointerWord]};
   walk.add(walk.interruptedPc);  // whatever the unwinder says
-  _Unwind_Backtrace(visitFrame, &walk);
-#if defined(QURN_HAS_LINK_REGISTER)
-  if (walk.depth == 1 && !walk.full() && !walk.reachedBottom) {
-    walkFromLinkRegister(walk, registers);
-  }
-#endif
-  if (!walk.reachedBottom) {
-    walkFramePointers(walk);
-  }
+  tov::surviveFaults(walkEverything, &whole);
+  registers[qurn::kProgramCounterWord] = addresses[0];  // a walk that was ended may have changed it
   *depth = walk.depth;
   return QURN_OK;
 }

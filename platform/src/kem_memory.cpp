@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "held_across_fork.h"
+#include "internal/fork_mutex.h"
 
 namespace {
 
@@ -75,7 +75,7 @@ struct Freed {
 };
 
 struct Books {
-  std::mutex mutex;
+  qurn::ForkMutex mutex;
   std::map<uint32_t, Module> modules;
   uint32_t lastHandle = 0;
   Accounts accounts;
@@ -91,7 +91,7 @@ Books& books() {
 }
 
 __attribute__((constructor)) void watchForks() noexcept {
-  holdAcrossFork<[]() -> std::mutex& { return books().mutex; }>();
+  qurn::holdAcrossFork<[]() -> qurn::ForkMutex& { return books().mutex; }>();
 }
 
 const char* textOr(const char* text, const char* otherwise) {

@@ -20,7 +20,8 @@
 #include <string>
 #include <string_view>
 
-#include "held_across_fork.h"
+#include "internal/fork_mutex.h"
+#include "internal/uncancellable.h"
 
 namespace {
 
@@ -128,7 +129,7 @@ class RepeatFilter {
     uint32_t droppedBefore;  // to be told before the message
   };
 
-  std::mutex& mutex() { return mutex_; }
+  qurn::ForkMutex& mutex() { return mutex_; }
 
   Verdict judge(const Message& message) {
     const uint64_t site = hashOf(message.unit) + message.line;
@@ -164,7 +165,7 @@ class RepeatFilter {
     return stamp.tv_sec;
   }
 
-  std::mutex mutex_;
+  qurn::ForkMutex mutex_;
   std::array<Entry, 128> entries_{};
 };
 
@@ -172,11 +173,11 @@ constinit RepeatFilter g_repeats;
 
 // ---- one line
 
-constinit std::mutex g_writing;  // the sinks have no lock of their own
+constinit qurn::ForkMutex g_writing;  // the sinks have no lock of their own
 
 __attribute__((constructor)) void watchForks() noexcept {
-  holdAcrossFork<[]() -> std::mutex& { return g_repeats.mutex(); }>();
-  holdAcrossFork<[]() -> std::mutex& { return g_writing; }>();
+  qurn::holdAcrossFork<[]() -> qurn::ForkMutex& { return g_repeats.mutex(); }>();
+  qurn::holdAcrossFork<[]() -> qurn::ForkMutex& { return g_writing; }>();
 }
 
 spdlog::level::level_enum levelFor(uint32_t level) {
@@ -226,6 +227,7 @@ void formatAndWrite(Writer writer, uint32_t moduleId, const char* file, uint32_t
   if (!logger().should_log(levelFor(level))) {
     return;
   }
+  const qurn::Uncancellable uncancellable;  // writing is a cancellation point
   std::array<char, kTextBytes> text{};
   std::vsnprintf(text.data(), text.size(), format, args);
   const std::string_view path = file == nullptr ? "-" : std::string_view(file, fileLen);

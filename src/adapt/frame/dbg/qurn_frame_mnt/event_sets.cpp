@@ -2,8 +2,7 @@
 // thread; sets and descriptors are registered from any thread.
 //
 // Locks: the life-cycle lock comes before setLock and lets registrations fail cleanly, instead of
-// touching a destroyed mutex, when the detection thread gives up. recordLock is a leaf, so that a
-// callback, which runs under setLock, may add and remove descriptors.
+// touching a destroyed mutex, when the detection thread gives up. The records' lock comes last.
 #include <pthread.h>
 #include <qurnadapt/event_sets.h>
 #include <sys/epoll.h>
@@ -15,14 +14,15 @@
 #include <memory>
 #include <utility>
 
+#include "event_records.h"
 #include "frame_mnt.h"
 #include "internal/safe_strings.h"
 #include "internal/scoped_lock.h"
+#include "internal/uncancellable.h"
 
 namespace {
 
 constexpr int kEpollSizeHint = 256;
-constexpr int kMaxEvents = 256;
 
 struct SetLinks {
   SetLinks* next;
@@ -42,22 +42,10 @@ struct FrameMntEpollEventCtrl {
 
   // Held for reading by registrations of sets, for writing while the control comes and goes.
   pthread_rwlock_t lifeCycleLock;
-
-  // Makes a change in the kernel and its trace in the two lists one step. Live are the records
-  // whose address is in the kernel's hands, newest first; retired those that no longer are but may
-  // still be in the batch of events that the loop is working on.
-  pthread_mutex_t recordLock;
-  FrameMntEpollData* liveRecords;
-  FrameMntEpollData* retiredRecords;
 };
 
-constinit FrameMntEpollEventCtrl g_events{-1,
-                                          {nullptr, nullptr},
-                                          PTHREAD_MUTEX_INITIALIZER,
-                                          PTHREAD_RWLOCK_INITIALIZER,
-                                          PTHREAD_MUTEX_INITIALIZER,
-                                          nullptr,
-                                          nullptr};
+constinit FrameMntEpollEventCtrl g_events{
+    -1, {nullptr, nullptr}, PTHREAD_MUTEX_INITIALIZER, PTHREAD_RWLOCK_INITIALIZER};
 
 void* allocateZeroed(size_t size) noexcept {
   void* block = TOV_MemAllocF(size, qurn::mnt::kUnit, __LINE__, 0);
@@ -123,68 +111,15 @@ OwnedSet createSet() noexcept {
 
 // ---- records
 
-void pushRecord(FrameMntEpollData*& list, FrameMntEpollData* record) noexcept {
-  record->next = list;
-  list = record;
-}
-
-void releaseRecords(FrameMntEpollData* list) noexcept {
-  while (list != nullptr) {
-    release(std::exchange(list, list->next));
-  }
-}
-
-// The kernel has dropped or replaced the newest record of fd. Older ones of the same number belong
-// to descriptors that were closed without being deleted; a duplicate may keep those alive in the
-// kernel, so they stay until the clean-up.
-void retireRecordOf(int32_t fd) noexcept {
-  for (FrameMntEpollData** link = &g_events.liveRecords; *link != nullptr; link = &(*link)->next) {
-    if ((*link)->fd == fd) {
-      FrameMntEpollData* record = *link;
-      *link = record->next;
-      pushRecord(g_events.retiredRecords, record);
-      return;
-    }
-  }
-}
-
-// Applies a change to the epoll instance and follows it in the lists; errno tells why it failed. A
-// record that comes with a DEL is never seen by the kernel.
-bool changeRegistration(int32_t op, int32_t fd, epoll_event* event) noexcept {
-  const qurn::MutexLock lock(g_events.recordLock);
-  if (epoll_ctl(g_events.epollFd, op, fd, event) != 0) {
-    return false;
-  }
-  if (op != EPOLL_CTL_ADD) {
-    retireRecordOf(fd);
-  }
-  if (event != nullptr) {
-    pushRecord(op == EPOLL_CTL_DEL ? g_events.retiredRecords : g_events.liveRecords,
-               static_cast<FrameMntEpollData*>(event->data.ptr));
-  }
-  return true;
-}
-
-// Called by the loop between two batches: what was retired before this point cannot be in a batch
-// that is fetched after it.
-void releaseRetiredRecords() noexcept {
-  FrameMntEpollData* retired = nullptr;
-  {
-    const qurn::MutexLock lock(g_events.recordLock);
-    retired = std::exchange(g_events.retiredRecords, nullptr);
-  }
-  releaseRecords(retired);
-}
-
 FrameMntEpollData* createRecord(const char* setName, int32_t fd) noexcept {
-  auto* record = static_cast<FrameMntEpollData*>(allocateZeroed(sizeof(FrameMntEpollData)));
+  FrameMntEpollData* record = qurn::mnt::allocateRecord();
   if (record == nullptr) {
     MNT_LOG(TOV_LOG_ERROR, "Frame mnt epoll control, alloc memory unsuccessfully.");
     return nullptr;
   }
   record->fd = fd;
   if (!copySetName(record->setName, setName)) {
-    release(record);
+    qurn::mnt::freeRecord(record);
     return nullptr;
   }
   return record;
@@ -198,19 +133,16 @@ bool qurn::mnt::createEpollInstance() noexcept {
   return g_events.epollFd >= 0;
 }
 
-// What the lists held stays allocated: giving it back is up to a platform that may not have
-// survived the fork.
+// The sets stay allocated, as the records do.
 void qurn::mnt::dropEventLoopAfterFork() noexcept {
   pthread_rwlock_init(&g_events.lifeCycleLock, nullptr);
   pthread_mutex_init(&g_events.setLock, nullptr);
-  pthread_mutex_init(&g_events.recordLock, nullptr);
+  dropRecordsAfterFork();
   if (const int32_t epollFd = g_events.epollFd.exchange(-1); epollFd != -1) {
     close(epollFd);
   }
   g_events.setList.next = &g_events.setList;
   g_events.setList.prev = &g_events.setList;
-  g_events.liveRecords = nullptr;
-  g_events.retiredRecords = nullptr;
 }
 
 extern "C" {
@@ -224,6 +156,7 @@ int32_t FrameInitMntEpollEventCtrl(void) {
 }
 
 uint32_t FRAME_MntRegSetAndEventProc(const char* setName, FrameMntEventProc proc, void* param) {
+  const qurn::Uncancellable uncancellable;
   const qurn::ReadLock lifeCycle(g_events.lifeCycleLock);
   if (!loopExists()) {
     return QURN_FAILED;
@@ -251,6 +184,7 @@ uint32_t FRAME_MntRegSetAndEventProc(const char* setName, FrameMntEventProc proc
 }
 
 uint32_t FRAME_MntEpollCtl(const char* setName, int32_t op, int32_t fd, struct epoll_event* event) {
+  const qurn::Uncancellable uncancellable;
   if (!loopExists()) {
     return QURN_FAILED;
   }
@@ -264,10 +198,10 @@ uint32_t FRAME_MntEpollCtl(const char* setName, int32_t op, int32_t fd, struct e
       event->events = EPOLLIN | EPOLLET;
     }
   }
-  if (!changeRegistration(op, fd, event)) {
+  if (!qurn::mnt::changeRegistration(g_events.epollFd, op, fd, event)) {
     MNT_LOG(TOV_LOG_ERROR, "Frame mnt operate epoll event unsuccessfully.(errno = %d)", errno);
     if (event != nullptr) {
-      release(event->data.ptr);
+      qurn::mnt::freeRecord(static_cast<FrameMntEpollData*>(event->data.ptr));
       event->data.ptr = nullptr;
     }
     return QURN_FAILED;
@@ -303,10 +237,9 @@ void FRAME_MntDispatch(void) {
   if (!loopExists()) {
     return;
   }
-  epoll_event events[kMaxEvents];
+  epoll_event events[qurn::mnt::kMaxEvents];
   for (;;) {
-    releaseRetiredRecords();
-    const int count = epoll_wait(g_events.epollFd, events, kMaxEvents, -1);
+    const int count = qurn::mnt::fetchBatch(g_events.epollFd, events);
     if (count < 0 && errno != EINTR) {
       MNT_LOG(TOV_LOG_ERROR, "Epoll wait unsuccessfully. (errno = %d)", errno);
     }
@@ -315,6 +248,7 @@ void FRAME_MntDispatch(void) {
         FrameMntEventProcBySet(&events[i]);
       }
     }
+    qurn::mnt::endBatch(events, count);
   }
 }
 
@@ -326,18 +260,8 @@ void FrameMntClearEpollEventCtrl(void) {
     set->next->prev = &g_events.setList;
     release(set);
   }
-  // With the epoll instance gone, nothing can hand a record out any more.
-  FrameMntEpollData* live = nullptr;
-  {
-    const qurn::MutexLock lock(g_events.recordLock);
-    if (const int32_t epollFd = g_events.epollFd.exchange(-1); epollFd != -1) {
-      close(epollFd);
-    }
-    live = std::exchange(g_events.liveRecords, nullptr);
-  }
+  qurn::mnt::closeAndFreeRecords(g_events.epollFd.exchange(-1));
   pthread_mutex_destroy(&g_events.setLock);
-  releaseRecords(live);
-  releaseRetiredRecords();
 }
 
 }  // extern "C"

@@ -6,6 +6,7 @@
 #include <qurnadapt/maintenance.h>
 #include <qurnadapt/platform.h>
 
+#include <csignal>
 #include <cstdint>
 
 #include "internal/unit_log.h"
@@ -29,19 +30,26 @@ bool setPeriodIfUnset(uint32_t periodMs) noexcept;
 // Creates the event control's epoll instance; false with errno set on failure.
 bool createEpollInstance() noexcept;
 
+// Read anew each time: the C library may keep more of the first ones for itself.
+inline int deadloopSignal() noexcept { return SIGRTMIN + 2; }
+
 // As FrameThreadDeadloopPrint, of a thread whose kernel thread id is known: one that has ended by
 // the time of the signal is a failure. Its identifier may name freed memory then, so nothing that
 // takes one may be called.
 uint32_t captureThread(pthread_t thread, uint32_t tid) noexcept;
 
-// The signal that was sent will never be handled: captures may be asked for again. A capture that
-// has finished all the same is kept.
-void withdrawSignal() noexcept;
+// The signal that was sent to this thread, which has ended, will never be handled: captures may be
+// asked for again. A capture that has finished all the same is kept.
+void withdrawSignal(uint32_t tid) noexcept;
 
 // In the child of a fork, which has no detection thread: a capture under way concerns the parent's
 // thread, and the event loop's descriptor is the parent's too.
 void dropCaptureAfterFork() noexcept;
 void dropEventLoopAfterFork() noexcept;
+void dropTickAfterFork() noexcept;
+
+// Milliseconds, at least a few, until the next keep-alive report is due. Detection thread only.
+int64_t msToNextKeepAlive() noexcept;
 
 }  // namespace qurn::mnt
 

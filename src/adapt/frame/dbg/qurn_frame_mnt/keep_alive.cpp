@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 
 #include "frame_mnt.h"
 #include "internal/timespec_diff.h"
@@ -81,6 +82,17 @@ uint32_t useGuard(void* yaml) noexcept {
 }
 
 }  // namespace
+
+int64_t qurn::mnt::msToNextKeepAlive() noexcept {
+  timespec now{};
+  if (g_keepAlive.keepAliveHook.load() == nullptr ||
+      clock_gettime(CLOCK_MONOTONIC_COARSE, &now) != 0) {
+    return std::numeric_limits<int32_t>::max();
+  }
+  // One that is due already has just failed and is tried again soon.
+  return std::max<int64_t>(int64_t{FrameGetKeepAlivePeriod()} - diffMs(lastKeepAliveTime, now),
+                           kDueToleranceMs);
+}
 
 extern "C" {
 

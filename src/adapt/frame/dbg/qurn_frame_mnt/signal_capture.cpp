@@ -3,6 +3,7 @@
 // only. Everything else runs at start-up or on the detection thread.
 #include <pthread.h>
 #include <qurnadapt/keep_alive.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 #include "frame_mnt.h"
 #include "internal/machine_context.h"
 #include "internal/safe_strings.h"
+#include "internal/uncancellable.h"
 
 namespace qurn::mnt {
 
@@ -25,7 +27,8 @@ constexpr uint32_t kDefaultPeriodMs = 10000;
 constexpr uint64_t kBytesBelowStackPointer = 512;
 constexpr uint16_t kBusyAttempts = 5;
 
-int deadloopSignal() noexcept { return SIGRTMIN + 2; }
+// What the handler is installed with; components may have set signals for it to keep out.
+constinit sigset_t g_handlerMask{};
 
 // The interrupted code must not see a changed errno.
 class ErrnoKeeper {
@@ -44,6 +47,7 @@ class ErrnoKeeper {
 bool takeRecord() noexcept {
   for (uint16_t attempts = kBusyAttempts; attempts > 0; --attempts) {
     if (g_dump.captureBusy.exchange(1, std::memory_order_seq_cst) == 0) {
+      g_dump.captureTid.store(static_cast<uint32_t>(syscall(SYS_gettid)));
       return true;
     }
     sleep(1);
@@ -51,12 +55,17 @@ bool takeRecord() noexcept {
   return false;
 }
 
+void giveRecordBack() noexcept {
+  g_dump.captureTid.store(0, std::memory_order_relaxed);
+  g_dump.captureBusy.store(0, std::memory_order_release);
+}
+
 // The depth and the length come before the release of the flag and the status, so that whoever sees
 // the status sees the finished record.
 void publish(uint32_t depth, uint32_t stackLength) noexcept {
   g_dump.capturedDepth = depth;
   g_dump.capturedStackLength = stackLength;
-  g_dump.captureBusy.store(0, std::memory_order_release);
+  giveRecordBack();
   g_dump.status.store(FRAME_DEADLOOP_STATUS_CAPTURED, std::memory_order_release);
 }
 
@@ -69,6 +78,26 @@ void capture(FrameDeadloopDumpInfo* dumpInfo, void* context) noexcept {
   FrameStackMemoryGet(dumpInfo, &stackLength);
   FrameStackContentGet(dumpInfo, g_dump.callStack, depth);
   publish(depth, stackLength);
+}
+
+bool isOurs(const struct sigaction& action) noexcept {
+  return (action.sa_flags & SA_SIGINFO) != 0 && action.sa_sigaction == FrameDeadLoopSignalHandle;
+}
+
+int installHandler(struct sigaction action) noexcept {
+  action.sa_sigaction = FrameDeadLoopSignalHandle;
+  action.sa_flags = SA_SIGINFO | SA_RESTART;
+  return sigaction(deadloopSignal(), &action, nullptr);
+}
+
+// A component may have taken the signal for itself, which would then handle the stuck thread's.
+bool handlerIsInstalled() noexcept {
+  struct sigaction action {};
+  if (sigaction(deadloopSignal(), nullptr, &action) == 0 && isOurs(action)) {
+    return true;
+  }
+  action.sa_mask = g_handlerMask;
+  return installHandler(action) == 0;
 }
 
 // Whether the signal is on its way. An id of 0 stands for a thread of which only the identifier is
@@ -84,7 +113,7 @@ uint32_t sendSignal(pthread_t thread, uint32_t tid) noexcept {
   const auto shortId = static_cast<uint32_t>(thread);
   g_dump.status.store(FRAME_DEADLOOP_STATUS_SIGNALED, std::memory_order_release);
   MNT_LOG(TOV_LOG_INFO, "Signal %d send to thread %u.", deadloopSignal(), shortId);
-  if (!signalThread(thread, tid)) {
+  if (!handlerIsInstalled() || !signalThread(thread, tid)) {
     MNT_LOG(TOV_LOG_ERROR, "Signal %d send to thread %u unsuccessfully.", deadloopSignal(),
             shortId);
     g_dump.status.store(FRAME_DEADLOOP_STATUS_IDLE, std::memory_order_release);
@@ -114,12 +143,15 @@ uint32_t captureThread(pthread_t thread, uint32_t tid) noexcept {
 }
 
 void dropCaptureAfterFork() noexcept {
-  g_dump.captureBusy.store(0);
+  giveRecordBack();
   g_dump.status.store(FRAME_DEADLOOP_STATUS_IDLE);
 }
 
-void withdrawSignal() noexcept {
+void withdrawSignal(uint32_t tid) noexcept {
   uint32_t signalled = FRAME_DEADLOOP_STATUS_SIGNALED;
+  if (g_dump.captureTid.load() == tid) {  // it has ended in the handler
+    giveRecordBack();
+  }
   g_dump.status.compare_exchange_strong(signalled, FRAME_DEADLOOP_STATUS_IDLE);
 }
 
@@ -159,9 +191,8 @@ uint32_t FrameIsDeadloopInited(void) { return g_dump.inited.load(std::memory_ord
 uint32_t FrameDeadLoopSignalFuncReg(void) {
   struct sigaction action {};
   sigaction(deadloopSignal(), nullptr, &action);
-  action.sa_sigaction = FrameDeadLoopSignalHandle;
-  action.sa_flags = SA_SIGINFO | SA_RESTART;
-  if (const int ret = sigaction(deadloopSignal(), &action, nullptr); ret != 0) {
+  g_handlerMask = action.sa_mask;
+  if (const int ret = installHandler(action); ret != 0) {
     MNT_LOG(TOV_LOG_ERROR, "Deadloop dfx init fail, set sig action fail, ret = %d.", ret);
     return QURN_FAILED;
   }
@@ -191,6 +222,8 @@ uint32_t FrameDeadloopSignalSend(pthread_t thread) { return sendSignal(thread, 0
 
 void FrameDeadLoopSignalHandle(int sig, siginfo_t* info, void* context) {
   const ErrnoKeeper errnoKeeper;
+  // A pending cancellation would end the thread at the first file call, the record taken for good.
+  const qurn::Uncancellable uncancellable;
   FrameDeadloopDumpInfo* dumpInfo = g_dump.dumpInfo.load(std::memory_order_acquire);
   if (sig != deadloopSignal() || info == nullptr || context == nullptr || dumpInfo == nullptr ||
       !takeRecord()) {
@@ -199,7 +232,7 @@ void FrameDeadLoopSignalHandle(int sig, siginfo_t* info, void* context) {
   // A finished record belongs to the detection thread until its report is written; a signal that
   // nobody asked for must not tear it.
   if (FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED) {
-    g_dump.captureBusy.store(0, std::memory_order_release);
+    giveRecordBack();
     return;
   }
   capture(dumpInfo, context);

@@ -1,7 +1,5 @@
-// Start-up of the maintenance subsystem, its detection thread, and the detection tick. Start-up
-// runs on the framework's thread; everything from FrameDeadloopTaskProcEntry on runs on the
-// detection thread.
-#include <dlfcn.h>
+// Start-up of the maintenance subsystem, and its detection thread. Start-up runs on the framework's
+// thread; FrameDeadloopTaskProcEntry and what it calls run on the detection thread.
 #include <fcntl.h>
 #include <pthread.h>
 #include <qurnadapt/capture.h>
@@ -9,7 +7,6 @@
 #include <qurnadapt/exception.h>
 #include <qurnadapt/keep_alive.h>
 #include <qurnadapt/monitor.h>
-#include <qurnadapt/report.h>
 #include <qurnadapt/sdk_sections.h>
 #include <qurnadapt/timer.h>
 #include <sys/prctl.h>
@@ -31,11 +28,11 @@ constexpr char kDetectionThreadName[] = "tovDeadloopTask";
 static_assert(sizeof(kDetectionThreadName) <= FRAME_TASK_NAME_LEN);
 
 constexpr char kTimerSetName[] = "tov_timer";
-constexpr uint32_t kPluginPeriodMs = 10000;
 
 constinit FrameProcInfo g_procInfo{};
 constinit std::atomic<uint32_t> periodDelay{0};
 constinit std::atomic<bool> g_detectionRuns{false};
+constinit std::atomic<int32_t> g_detectionTimer{-1};  // its descriptor
 
 struct StartStep {
   uint32_t (*run)();
@@ -106,6 +103,7 @@ bool setUpDetection(FrameTimerCtrl** timerCtrl) noexcept {
                         nullptr, &timerFd) != QURN_OK) {
     return false;
   }
+  g_detectionTimer = timerFd;
   if (FRAME_MntRegSetAndEventProc(kTimerSetName, FrameTimerEventProc, *timerCtrl) != QURN_OK) {
     MNT_LOG(TOV_LOG_ERROR, "Frame deadloop proc entry, reg set and event proc unsuccessfully.");
     return false;
@@ -123,6 +121,10 @@ void forgetDetectionInChild() noexcept {
   dropStartTurnAfterFork();
   dropCaptureAfterFork();
   dropEventLoopAfterFork();
+  dropTickAfterFork();
+  if (const int32_t timerFd = g_detectionTimer.exchange(-1); timerFd != -1) {
+    close(timerFd);
+  }
   g_detectionRuns = false;
 }
 
@@ -186,12 +188,15 @@ uint32_t FRAME_PeriodTaskInit(void) {
 }
 
 void* FrameDeadloopTaskProcEntry(void* /*arg*/) {
+  // Whoever cancelled it would leave its locks held.
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   prctl(PR_SET_NAME, kDetectionThreadName);
   FrameTimerCtrl* timerCtrl = nullptr;
   if (setUpDetection(&timerCtrl)) {
     FRAME_MntDispatch();
   }
   FrameMntClearEpollEventCtrl();
+  g_detectionTimer = -1;
   if (timerCtrl != nullptr) {
     FRAME_TimerCtrlRuin(timerCtrl);
   }
@@ -217,41 +222,6 @@ uint32_t FrameSetDeadloopPeriodDelay(uint32_t value) {
     return QURN_FAILED;
   }
   return QURN_OK;
-}
-
-uint32_t FrameDeadloopDetectCallback(void* /*param*/) {
-  FRAME_KeepAliveReport();
-  FRAME_TaskDeadloopMonitorEntry();
-  FrameWriteDeadloopInfo();
-  FrameRuloPluginCheckAndRepairDeadloop();
-  FrameTriggerCheckExit();
-  return QURN_OK;
-}
-
-void FrameRuloPluginCheckAndRepairDeadloop(void) {
-  using RepairFunction = void (*)();
-  static constinit bool resolved = false;
-  static constinit RepairFunction repair = nullptr;
-  static constinit uint32_t ticks = 0;
-
-  if (!resolved) {
-    repair =
-        reinterpret_cast<RepairFunction>(dlsym(RTLD_DEFAULT, "RuloPluginCheckAndRepairDeadloop"));
-    resolved = true;
-  }
-  if (repair == nullptr) {
-    return;
-  }
-  const uint32_t periodMs = FrameChooseDeadloopDetectTime();
-  if (periodMs <= kPluginPeriodMs) {
-    // A direct call before start-up finds no period yet; it counts as a tick like any other.
-    const uint32_t ticksPerRun = periodMs == 0 ? 1 : kPluginPeriodMs / periodMs;
-    if (++ticks < ticksPerRun) {
-      return;
-    }
-    ticks = 0;
-  }
-  repair();
 }
 
 }  // extern "C"

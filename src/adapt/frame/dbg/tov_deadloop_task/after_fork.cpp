@@ -2,8 +2,6 @@
 // whose hooks may fork, holds the monitor's locks, so these cannot be taken before a fork; they are
 // made anew after it.
 #include <pthread.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include "internal/safe_strings.h"
 #include "monitor_table.h"
@@ -11,7 +9,8 @@
 namespace qurn::monitor {
 namespace {
 
-// Keeps the forking thread's registration: it owns its slot in the child as well.
+// Keeps the forking thread's registration as it was: its slot is the child's as well. The thread id
+// is the parent's, so a pass of the child's frees the slot, unless the thread registers again.
 void keepOnlyForkingThread() noexcept {
   FrameTaskDeadloopCtrl* ctrl = monitor();
   if (ctrl == nullptr) {
@@ -19,11 +18,12 @@ void keepOnlyForkingThread() noexcept {
   }
   pthread_rwlock_init(&ctrl->stCtrlLock, nullptr);
   ctrl->uiTaskNum = 0;
-  ctrl->uiSignalledTid = 0;
+  ctrl->fatalEvent = {};
+  ctrl->changing = 0;
+  ctrl->handledNode = nullptr;
   for (FrameDeadloopMonitorNode& node : ctrl->astNode) {
     pthread_mutex_init(&node.stInfoMutex, nullptr);
     if (node.stTaskInfo.ucValid != 0 && node.stTaskInfo.ulThreadId == pthread_self()) {
-      node.stTaskInfo.uiTid = static_cast<uint32_t>(syscall(SYS_gettid));
       ++ctrl->uiTaskNum;
     } else {
       memset_s(&node.stTaskInfo, sizeof(node.stTaskInfo), 0, sizeof(node.stTaskInfo));

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <iterator>
+#include <utility>
 
 #include "../qurn_frame_mnt/frame_mnt.h"
 #include "internal/safe_strings.h"
@@ -21,6 +22,10 @@ namespace {
 constexpr uint8_t kInfoLevel = 1;
 constexpr uint8_t kWarnLevel = 2;
 constexpr uint8_t kFatalLevel = 3;
+
+// From when on a signal that was sent counts as not handled; both must have passed.
+constexpr uint32_t kTicksToHandleSignal = 10;
+constexpr int64_t kMsToHandleSignal = 10000;
 
 struct FrameThresholdRule {
   uint8_t level;  // reached by the action
@@ -65,7 +70,24 @@ bool isDue(const FrameMonitorTaskInfo& info, uint32_t elapsedMs) noexcept {
   }
 }
 
-PassStep applyRules(uint64_t slot, FrameMonitorTaskInfo& info, uint32_t elapsedMs) noexcept {
+// Says which node this pass handles, for as long as its rules act.
+class HandledNode {
+ public:
+  HandledNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept : ctrl_(ctrl) {
+    ctrl.passThread.store(pthread_self(), std::memory_order_relaxed);
+    ctrl.handledNode.store(&ctrl.astNode[slot], std::memory_order_relaxed);
+  }
+  ~HandledNode() { ctrl_.handledNode.store(nullptr, std::memory_order_relaxed); }
+  HandledNode(const HandledNode&) = delete;
+  HandledNode& operator=(const HandledNode&) = delete;
+
+ private:
+  FrameTaskDeadloopCtrl& ctrl_;
+};
+
+PassStep applyRules(FrameTaskDeadloopCtrl& ctrl, uint64_t slot, uint32_t elapsedMs) noexcept {
+  const HandledNode handled(ctrl, slot);
+  FrameMonitorTaskInfo& info = ctrl.astNode[slot].stTaskInfo;
   for (const FrameThresholdRule& rule : kRules) {
     if (rule.isTimeout(&info, elapsedMs) == 0) {
       continue;
@@ -93,7 +115,7 @@ PassStep measureNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
     elapsedMs = static_cast<int32_t>(elapsedMsOf(info));
     if (elapsedMs >= 0) [[likely]] {
       return isDue(info, static_cast<uint32_t>(elapsedMs))
-                 ? applyRules(slot, info, static_cast<uint32_t>(elapsedMs))
+                 ? applyRules(ctrl, slot, static_cast<uint32_t>(elapsedMs))
                  : PassStep::kNextSlot;
     }
   }
@@ -101,20 +123,37 @@ PassStep measureNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
   return PassStep::kNextSlot;
 }
 
+// Told once of an event: nobody would see otherwise that the watch stands still.
+void tellOfSuspension(FatalEvent& event, const FrameMonitorTaskInfo& info) noexcept {
+  timespec now{};
+  if (event.isSuspensionTold || event.ticks < kTicksToHandleSignal ||
+      clock_gettime(CLOCK_MONOTONIC_COARSE, &now) != 0 ||
+      diffMs(event.sentAt, now) < kMsToHandleSignal) {
+    return;
+  }
+  event.isSuspensionTold = true;
+  MONITOR_LOG(TOV_LOG_ERROR, "Dead-loop signal not handled, detection suspended. (task [%s:%d])",
+              info.acTaskName, static_cast<int32_t>(info.uiTid));
+}
+
 // A thread that ends before the signal reaches it is never captured: its slot is freed like that of
 // any thread that ended, and passes go on. One that is there may still be captured.
-void withdrawFromEndedThread(FrameTaskDeadloopCtrl& ctrl) noexcept {
+void awaitCapture(FrameTaskDeadloopCtrl& ctrl) noexcept {
+  FatalEvent& event = ctrl.fatalEvent;
+  ++event.ticks;
   const ReadLock lock(ctrl.stCtrlLock);
   FrameDeadloopMonitorNode& node = ctrl.astNode[ctrl.ulFatalTaskIndex];
   const NodeLock nodeLock(node);
   const bool registered =
-      node.stTaskInfo.ucValid != 0 && node.stTaskInfo.uiTid == ctrl.uiSignalledTid;
+      node.stTaskInfo.ucValid != 0 && node.stTaskInfo.uiTid == event.signalledTid;
   const bool ended = registered
                          ? FrameIsTerminatedTaskReleased(&node.stTaskInfo) != 0
-                         : FrameIsMonitorTaskExist(static_cast<int32_t>(ctrl.uiSignalledTid)) == 0;
+                         : FrameIsMonitorTaskExist(static_cast<int32_t>(event.signalledTid)) == 0;
   if (ended) {
-    ctrl.uiSignalledTid = 0;
-    mnt::withdrawSignal();
+    mnt::withdrawSignal(event.signalledTid);
+    event.signalledTid = 0;
+  } else if (registered) {
+    tellOfSuspension(event, node.stTaskInfo);
   }
 }
 
@@ -177,13 +216,13 @@ void FRAME_TaskDeadloopMonitorEntry(void) {
     return;
   }
   const uint32_t status = FrameGetDeadloopStatus();
-  if (status == FRAME_DEADLOOP_STATUS_SIGNALED && ctrl->uiSignalledTid != 0) {
-    withdrawFromEndedThread(*ctrl);
+  if (status == FRAME_DEADLOOP_STATUS_SIGNALED && ctrl->fatalEvent.signalledTid != 0) {
+    awaitCapture(*ctrl);
   }
   if (status != FRAME_DEADLOOP_STATUS_IDLE) {
     return;
   }
-  ctrl->uiSignalledTid = 0;
+  ctrl->fatalEvent.signalledTid = 0;
   const qurn::ReadLock lock(ctrl->stCtrlLock);
   if (ctrl->uiTaskNum == 0) {
     return;
@@ -275,7 +314,11 @@ void FrameFatalThresholdTimeoutAction(uint64_t slot, FrameMonitorTaskInfo* info,
     return;
   }
   if (ctrl != nullptr) {
-    ctrl->uiSignalledTid = signalled == QURN_OK ? tid : 0;
+    FatalEvent& event = ctrl->fatalEvent;
+    event = {};
+    event.isActionDue = true;
+    event.signalledTid = signalled == QURN_OK ? tid : 0;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &event.sentAt);
     ctrl->uiFatalElapsedTime = elapsedMs;
     ctrl->ulFatalTaskIndex = slot;
   }
@@ -286,8 +329,10 @@ void FrameDeadloopFatalAction(void) {
   if (ctrl == nullptr) {
     return;
   }
+  // A signal that somebody else raised is captured and reported too, but no event of its own.
+  const bool isDue = std::exchange(ctrl->fatalEvent.isActionDue, false);
   const FatalView atStart = viewFatalNode(*ctrl);
-  if (atStart.info.ucTimeoutLevel != kFatalLevel) {
+  if (!isDue || atStart.info.ucTimeoutLevel != kFatalLevel) {
     return;
   }
   if (atStart.info.pfnDeadloopInfoHook == nullptr) {

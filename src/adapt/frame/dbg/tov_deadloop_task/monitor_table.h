@@ -23,15 +23,30 @@ struct alignas(64) FrameDeadloopMonitorNode {
   FrameMonitorTaskInfo stTaskInfo;
 };
 
+// What becomes of a third-threshold event. Detection thread only.
+struct FatalEvent {
+  bool isActionDue;        // its fatal action has not run yet
+  bool isSuspensionTold;   // that its signal is not handled
+  uint32_t signalledTid;   // whose capture is awaited, else 0
+  uint32_t ticks;          // since the signal was sent
+  struct timespec sentAt;  // CLOCK_MONOTONIC_COARSE
+};
+
 struct FrameTaskDeadloopCtrl {
   pthread_rwlock_t stCtrlLock;  // guards the set of registered threads and the process-wide hooks
   uint8_t ucIsInited;
   uint32_t uiTaskNum;
   uint32_t uiFatalElapsedTime;  // milliseconds; detection thread only
-  uint32_t uiSignalledTid;      // whose capture is awaited, else 0; detection thread only
   uint64_t ulFatalTaskIndex;    // detection thread only
   FrameThreadDeadloopWarningHook pfnWarningHook;
   FrameThreadDeadloopHook pfnDeadloopHook;
+  FatalEvent fatalEvent;
+  // The thread that runs a pass, and the node that it handles and has locked.
+  std::atomic<pthread_t> passThread;
+  std::atomic<const FrameDeadloopMonitorNode*> handledNode;
+  // 1 while a registration or a stop holds stCtrlLock. On a line of its own, which every heartbeat
+  // reads and which is written at registrations and stops alone.
+  alignas(64) std::atomic<uint32_t> changing;
   FrameDeadloopMonitorNode astNode[FRAME_MONITOR_CAPACITY];
 };
 static_assert(offsetof(FrameMonitorTaskInfo, uiTid) == 4);
@@ -71,8 +86,37 @@ class NodeLock {
   const bool held_;
 };
 
-// Waits out a registration or stop in progress, without keeping later ones out.
-void waitForRegistrations(FrameTaskDeadloopCtrl& ctrl) noexcept;
+// Holds the monitor for a registration or a stop, and says so to those who wait for its end.
+class ChangeLock {
+ public:
+  explicit ChangeLock(FrameTaskDeadloopCtrl& ctrl) noexcept
+      : lock_(ctrl.stCtrlLock), changing_(ctrl.changing) {
+    changing_.store(1, std::memory_order_seq_cst);
+  }
+  ~ChangeLock() { changing_.store(0, std::memory_order_release); }
+  ChangeLock(const ChangeLock&) = delete;
+  ChangeLock& operator=(const ChangeLock&) = delete;
+
+ private:
+  const WriteLock lock_;
+  std::atomic<uint32_t>& changing_;
+};
+
+// Waits out a registration or stop in progress, without keeping later ones out: whoever asks while
+// none is in progress takes no lock, so that heartbeats neither starve registrations nor slow each
+// other down.
+inline void waitForRegistrations(FrameTaskDeadloopCtrl& ctrl) noexcept {
+  if (ctrl.changing.load(std::memory_order_acquire) != 0) [[unlikely]] {
+    const ReadLock barrier(ctrl.stCtrlLock);
+  }
+}
+
+// Whether the caller runs a pass that handles this node, and so holds its lock.
+inline bool isHandledByCaller(const FrameTaskDeadloopCtrl& ctrl,
+                              const FrameDeadloopMonitorNode& node) noexcept {
+  return ctrl.handledNode.load(std::memory_order_relaxed) == &node &&
+         ctrl.passThread.load(std::memory_order_relaxed) == pthread_self();
+}
 
 // The timeout level is atomic beyond its lock, so that the exported rules and diagnostics may look
 // at it at any time.

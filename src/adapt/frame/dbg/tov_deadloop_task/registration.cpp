@@ -8,7 +8,9 @@
 
 #include <cerrno>
 
+#include "../qurn_frame_mnt/frame_mnt.h"
 #include "internal/safe_strings.h"
+#include "internal/uncancellable.h"
 #include "monitor_table.h"
 
 namespace qurn::monitor {
@@ -25,8 +27,20 @@ uint32_t thresholdMs(uint32_t seconds) noexcept {
   return seconds < kFirstUnrepresentableSeconds ? seconds * kMillisecondsPerSecond : kLongestMs;
 }
 
+bool isInUse(const FrameMonitorTaskInfo& info) noexcept {
+  return __atomic_load_n(&info.ucValid, __ATOMIC_RELAXED) != 0;
+}
+
 bool isOwnedByCaller(const FrameMonitorTaskInfo& info) noexcept {
-  return info.ucValid != 0 && info.ulThreadId == pthread_self();
+  return isInUse(info) && __atomic_load_n(&info.ulThreadId, __ATOMIC_RELAXED) == pthread_self();
+}
+
+// A service's workers often start with every signal blocked. A watched thread must take this one.
+void openDeadloopSignal() noexcept {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, mnt::deadloopSignal());
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 struct Thresholds {
@@ -44,29 +58,34 @@ struct SlotSearch {
 
 uint32_t callersTid() noexcept { return static_cast<uint32_t>(syscall(SYS_gettid)); }
 
-// The slot is that of a thread that ended without a stop and whose POSIX thread id the caller got.
-bool isLeftover(const FrameMonitorTaskInfo& info) noexcept {
-  return isOwnedByCaller(info) && info.uiTid != callersTid();
+// Renews the caller's registration in this slot; frees it when it is a leftover, so that nothing of
+// its thread stays with the caller. Returns whether it was the caller's own.
+bool renew(FrameTaskDeadloopCtrl& ctrl, uint64_t slot, const Thresholds& thresholds,
+           SlotSearch& found) noexcept {
+  FrameMonitorTaskInfo& info = ctrl.astNode[slot].stTaskInfo;
+  const NodeLock lock(ctrl.astNode[slot]);
+  if (info.uiTid != callersTid()) {
+    memset_s(&info, sizeof(info), 0, sizeof(info));
+    --ctrl.uiTaskNum;
+    return false;
+  }
+  found.owned = slot;
+  found.renewed =
+      FrameUpdateMonitorTaskKeyInfo(&info, thresholds.first, thresholds.second, thresholds.third);
+  return true;
 }
 
 // Looks for the caller's registration, and renews it, in the whole table before a free slot may be
-// taken. A leftover is freed, so that nothing of its thread stays with the caller.
+// taken. Which slots are in use, and whose, changes only under the lock that is held for this, so
+// no other node's lock is taken: its thread's heartbeats would keep it for long.
 SlotSearch findSlots(FrameTaskDeadloopCtrl& ctrl, const Thresholds& thresholds) noexcept {
   SlotSearch found;
   for (uint64_t slot = 0; slot < FRAME_MONITOR_CAPACITY; ++slot) {
-    FrameMonitorTaskInfo& info = ctrl.astNode[slot].stTaskInfo;
-    const NodeLock lock(ctrl.astNode[slot]);
-    if (isLeftover(info)) {
-      memset_s(&info, sizeof(info), 0, sizeof(info));
-      --ctrl.uiTaskNum;
-    }
-    if (isOwnedByCaller(info)) {
-      found.owned = slot;
-      found.renewed = FrameUpdateMonitorTaskKeyInfo(&info, thresholds.first, thresholds.second,
-                                                    thresholds.third);
+    const FrameMonitorTaskInfo& info = ctrl.astNode[slot].stTaskInfo;
+    if (isOwnedByCaller(info) && renew(ctrl, slot, thresholds, found)) {
       break;
     }
-    if (info.ucValid == 0 && found.firstFree == FRAME_MONITOR_CAPACITY) {
+    if (!isInUse(info) && found.firstFree == FRAME_MONITOR_CAPACITY) {
       found.firstFree = slot;
     }
   }
@@ -83,10 +102,6 @@ void logLockMistake() noexcept {
 
 void logUnlockMistake() noexcept {
   MONITOR_LOG(TOV_LOG_ERROR, "Frame task deadloop unlock mistake errno(%d).", errno);
-}
-
-void waitForRegistrations(FrameTaskDeadloopCtrl& ctrl) noexcept {
-  const ReadLock barrier(ctrl.stCtrlLock);
 }
 
 }  // namespace qurn::monitor
@@ -170,15 +185,17 @@ uint32_t Frame_SetHeartbeatToMon(FrameDeadloopHandle* handle, uint32_t firstThre
     MONITOR_LOG(TOV_LOG_ERROR, "Set heartbeat param unsuccessfully, deadloop monitor not init.");
     return QURN_FAILED;
   }
+  const qurn::Uncancellable uncancellable;
   uint32_t ret = QURN_FAILED;
   {
-    const qurn::WriteLock lock(ctrl->stCtrlLock);
+    const ChangeLock lock(*ctrl);
     ret = FrameSetMonitorTaskInfo(handle, firstThreshold, secondThreshold, thirdThreshold);
   }
   if (ret != QURN_OK) {
     MONITOR_LOG(TOV_LOG_ERROR, "Set heartbeat param unsuccessfully, set param unsuccessfully.");
     return QURN_FAILED;
   }
+  openDeadloopSignal();
   return QURN_OK;
 }
 
@@ -297,9 +314,10 @@ uint32_t Frame_StopHeartbeatToMon(const FrameDeadloopHandle* handle) {
     MONITOR_LOG(TOV_LOG_ERROR, "Stop heartbeat unsuccessfully, deadloop monitor not init.");
     return QURN_FAILED;
   }
+  const qurn::Uncancellable uncancellable;
   uint32_t ret = QURN_FAILED;
   {
-    const qurn::WriteLock lock(ctrl->stCtrlLock);
+    const ChangeLock lock(*ctrl);
     ret = FrameRemoveMonitorTaskInfo(*handle);
     if (ret == QURN_OK) {
       --ctrl->uiTaskNum;

@@ -2,7 +2,9 @@
 // over one thread. Called from any thread.
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
+#include "internal/uncancellable.h"
 #include "monitor_table.h"
 #include "node_change.h"
 
@@ -13,9 +15,13 @@ namespace {
 enum class NameMatch { kNone, kUpdated, kFailed };
 
 // A free node's name is empty, so it needs no test of its own.
-NameMatch updateIfNamed(FrameDeadloopMonitorNode& node, const char* name, uint32_t firstThreshold,
-                        uint32_t secondThreshold, uint32_t thirdThreshold) noexcept {
-  const NodeLock lock(node);
+NameMatch updateIfNamed(FrameTaskDeadloopCtrl& ctrl, FrameDeadloopMonitorNode& node,
+                        const char* name, uint32_t firstThreshold, uint32_t secondThreshold,
+                        uint32_t thirdThreshold) noexcept {
+  std::optional<NodeLock> lock;
+  if (!isHandledByCaller(ctrl, node)) {
+    lock.emplace(node);
+  }
   if (strcmp(node.stTaskInfo.acTaskName, name) != 0) {
     return NameMatch::kNone;
   }
@@ -30,7 +36,7 @@ NameMatch updateFirstNamed(FrameTaskDeadloopCtrl& ctrl, const char* name, uint32
   const qurn::ReadLock lock(ctrl.stCtrlLock);
   for (FrameDeadloopMonitorNode& node : ctrl.astNode) {
     const NameMatch match =
-        updateIfNamed(node, name, firstThreshold, secondThreshold, thirdThreshold);
+        updateIfNamed(ctrl, node, name, firstThreshold, secondThreshold, thirdThreshold);
     if (match != NameMatch::kNone) {
       return match;
     }
@@ -54,6 +60,7 @@ uint32_t FRAME_UpdateDeadloopThresholdByName(const char* name, uint32_t firstThr
     MONITOR_LOG(TOV_LOG_ERROR, "Frame update inteval by name, deadloop monitor not init.");
     return QURN_FAILED;
   }
+  const qurn::Uncancellable uncancellable;
   switch (updateFirstNamed(*ctrl, name, firstThreshold, secondThreshold, thirdThreshold)) {
     case NameMatch::kUpdated:
       return QURN_OK;

@@ -15,6 +15,7 @@ struct NamedSlot {
 };
 
 [[gnu::cold, gnu::noinline]] void logInvalidHandle() noexcept {
+  const qurn::Uncancellable uncancellable;  // the lock is held
   HDL_LOG(TOV_LOG_INFO, "%s: Invalid handle value, ignore.", "nbb_validate_handle_in_table");
 }
 
@@ -96,7 +97,7 @@ uint32_t nbb_create_handle_in_table(NbbHndTbl* table, void* pointer) {
     HDL_LOG(TOV_LOG_ERROR, "nbb_create_handle,ptr is null.");
     return 0;
   }
-  const TableLock lock;
+  const TableLock lock(table);
   if (!isSetUp(*table) ||
       (table->freeSlotCount <= NBB_FREE_SLOTS_RESERVED && nbb_alloc_next_page(table) == 0)) {
     return 0;
@@ -142,7 +143,7 @@ uint32_t nbb_assign_handle_in_table(NbbHndTbl* table, uint32_t handle, void* poi
   if (NbbAssignHandleParaCheck(table, handle, pointer) == 0) {
     return 0;
   }
-  const TableLock lock;
+  const TableLock lock(table);
   const uint32_t pageIndex = handle & table->pageMask;
   if (!isSetUp(*table) || !isInRange(*table, pageIndex) || !makeRoomFor(*table, pageIndex)) {
     return 0;
@@ -170,7 +171,8 @@ void* nbb_validate_handle_in_table(NbbHndTbl* table, uint32_t handle) {
 }
 
 void nbb_modify_handle_in_table(NbbHndTbl* table, uint32_t handle, void* pointer) {
-  const TableLock lock;
+  const qurn::Uncancellable uncancellable;
+  const TableLock lock(table);
   const NamedSlot named = find(*table, handle);
   if (handle == 0) {
     HDL_LOG(TOV_LOG_ERROR, "nbb_modify_handle: handle is null.");
@@ -184,9 +186,10 @@ void nbb_modify_handle_in_table(NbbHndTbl* table, uint32_t handle, void* pointer
 }
 
 void nbb_destroy_handle_in_table(NbbHndTbl* table, uint32_t handle) {
-  const TableLock lock;
+  const TableLock lock(table);
   const auto [page, slot] = find(*table, handle);
   if (slot == nullptr) {
+    const qurn::Uncancellable uncancellable;
     HDL_LOG(TOV_LOG_INFO, "ptrHandle is null.");
     return;
   }

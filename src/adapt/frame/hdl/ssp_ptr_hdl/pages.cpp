@@ -147,6 +147,7 @@ uint32_t nbb_alloc_page(NbbHndTbl* table, uint32_t pageIndex) {
 }
 
 uint32_t NbbAllocMemoryForPageNum(NbbHndTbl* table, uint32_t pageIndex) {
+  const qurn::Uncancellable uncancellable;
   uint64_t* entry = table->pageArray + pageIndex;
   auto* page = static_cast<NbbHndPage*>(
       ZOT_Malloc_F(0, g_aucZotMemPt[0], sizeof(NbbHndPage), kBaseName, __LINE__));
@@ -171,6 +172,7 @@ void NbbFreeHandleInTable(uint32_t pageIndex, NbbHndTbl* table, NbbHndPage* page
       page->usedCount != 0 || table->freeSlotCount <= NBB_FREE_SLOTS_KEPT) {
     return;
   }
+  const qurn::Uncancellable uncancellable;
   unlinkFromRing(*table, *page);
   ZOT_Free_F(page, kBaseName, __LINE__);
   appendVacantEntry(*table, table->pageArray + pageIndex);

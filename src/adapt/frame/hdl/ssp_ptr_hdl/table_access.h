@@ -2,14 +2,17 @@
 // logs and asserts. Every table is guarded by the one lock.
 #pragma once
 
+#include <pthread.h>
 #include <qurnadapt/api.h>
 #include <qurnadapt/handle_table.h>
 #include <qurnadapt/legacy_process.h>
 #include <qurnadapt/platform.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
+#include "internal/uncancellable.h"
 #include "internal/unit_log.h"
 
 namespace qurn::hdl {
@@ -18,23 +21,56 @@ inline constexpr char kUnit[] = "build/src/adapt/frame/hdl/CMakeFiles/adapthdl.d
 inline constexpr const char* kBaseName = baseName(kUnit);
 #define HDL_LOG(level, ...) QURN_LOG_AS(LOG_InnerPrint, ::qurn::hdl::kUnit, level, __VA_ARGS__)
 
-// An internal inconsistency is reported, and the code goes on: what follows must stay safe.
+// An internal inconsistency is reported, and the code goes on: what follows must stay safe. The
+// thread must not be cancelled in the report, under the lock.
 #define HDL_ASSERT(condition)                          \
   do {                                                 \
     if (!(condition)) [[unlikely]] {                   \
+      const ::qurn::Uncancellable whileItIsReported;   \
       ZOT_Assert(::qurn::hdl::kBaseName, __LINE__, 0); \
     }                                                  \
   } while (false)
 
-// Holds the tables' lock for a scope. Work goes on without a lock that cannot be taken, as there is
-// none before the module is initialised.
+// Who is in the tables, and what is being changed, for the child of a fork: a mutex of the KEM
+// layer can be taken, but not for a while only.
+struct TableUse {
+  std::atomic<pthread_t> thread;     // that has the lock, else 0
+  std::atomic<NbbHndTbl*> changing;  // the table that it changes, else null
+  std::atomic<uint32_t> forks;       // under way: nobody may go in
+};
+extern constinit TableUse g_tableUse;
+
+// Leaves the tables until no fork is under way any more.
+[[gnu::cold]] void makeWayForFork(NbbHndTbl* changing) noexcept;
+
+// Holds the tables' lock for a scope, to change the given table or only to read. Work goes on
+// without a lock that cannot be taken, as there is none before the module is initialised.
 class TableLock {
  public:
-  TableLock() noexcept : result_(KEM_MutexLock(&g_pTblLock)) {}
+  explicit TableLock(NbbHndTbl* changing = nullptr) noexcept : result_(KEM_MutexLock(&g_pTblLock)) {
+    if (result_ == QURN_OK) {
+      enter(changing);
+      if (g_tableUse.forks.load(std::memory_order_relaxed) != 0) [[unlikely]] {
+        makeWayForFork(changing);
+      }
+    }
+  }
   ~TableLock() {
     if (result_ == QURN_OK) {
+      leave();
       KEM_MutexUnlock(&g_pTblLock);
     }
+  }
+  static void enter(NbbHndTbl* changing) noexcept {
+    if (changing != nullptr) {
+      g_tableUse.changing.store(changing, std::memory_order_relaxed);
+    }
+    g_tableUse.thread.store(pthread_self(), std::memory_order_relaxed);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  }
+  static void leave() noexcept {
+    g_tableUse.changing.store(nullptr, std::memory_order_relaxed);
+    g_tableUse.thread.store(0, std::memory_order_release);
   }
   TableLock(const TableLock&) = delete;
   TableLock& operator=(const TableLock&) = delete;

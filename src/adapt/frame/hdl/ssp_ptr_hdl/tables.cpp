@@ -1,13 +1,17 @@
 // A handle table's life: set-up with its first pages, and its end. The default table and the mutex
 // of all tables come and go together.
+#include <linux/membarrier.h>
 #include <pthread.h>
 #include <qurnadapt/legacy_memory.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <mutex>
 
-#include "internal/scoped_lock.h"
+#include "internal/fork_mutex.h"
 #include "table_access.h"
 
 using namespace qurn::hdl;
@@ -19,6 +23,7 @@ static_assert(offsetof(NbbHndTbl, pageCapacity) == 8 && offsetof(NbbHndTbl, curr
 
 constinit NbbHndTbl g_stNbbHndTbl{};
 constinit uint64_t g_pTblLock = 0;
+constinit TableUse qurn::hdl::g_tableUse{};
 
 namespace {
 
@@ -28,7 +33,7 @@ constexpr uint32_t kSlotBits = 8;
 constexpr uint32_t kHandleBits = 32;
 
 // Held while the module starts or ends.
-constinit pthread_mutex_t g_moduleMutex = PTHREAD_MUTEX_INITIALIZER;
+constinit qurn::ForkMutex g_moduleMutex;
 
 uint32_t maskOf(uint32_t bits) noexcept { return bits >= kHandleBits ? ~0U : (1U << bits) - 1U; }
 
@@ -60,14 +65,14 @@ bool releaseMemory(const NbbHndTbl& table) noexcept {
 class Leftovers {
  public:
   void keep(const NbbHndTbl* owner) noexcept {
-    const qurn::MutexLock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     kept_[next_] = {owner, *owner};
     next_ = (next_ + 1) % kept_.size();
   }
 
   // The table is being terminated, so its memory is freed elsewhere.
   void forget(const uint64_t* pageArray) noexcept {
-    const qurn::MutexLock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     for (Leftover& leftover : kept_) {
       if (leftover.table.pageArray == pageArray) {
         leftover = {};
@@ -76,7 +81,7 @@ class Leftovers {
   }
 
   void releaseThoseOf(const NbbHndTbl* owner) noexcept {
-    const qurn::MutexLock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     for (Leftover& leftover : kept_) {
       if (leftover.owner == owner) {
         releaseMemory(leftover.table);
@@ -85,8 +90,9 @@ class Leftovers {
     }
   }
 
-  void lock() noexcept { pthread_mutex_lock(&mutex_); }
-  void unlock() noexcept { pthread_mutex_unlock(&mutex_); }
+  qurn::ForkMutex& mutex() noexcept { return mutex_; }
+  // What may be half noted is given up.
+  void drop() noexcept { kept_ = {}; }
 
  private:
   struct Leftover {
@@ -94,7 +100,7 @@ class Leftovers {
     NbbHndTbl table;
   };
 
-  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+  qurn::ForkMutex mutex_;
   std::array<Leftover, 8> kept_{};
   size_t next_ = 0;
 };
@@ -103,26 +109,97 @@ constinit Leftovers g_leftovers;
 
 // ---- forks: a thread that is in a table at that moment does not exist in the child
 
-constinit bool g_heldByForker = false;
+// The thread that has the tables' lock for a fork, else 0.
+constinit std::atomic<pthread_t> g_forker{0};
 
-// A process that never used the tables has no mutex that the platform could lock.
+// Whoever went in before the forks were announced is seen by now, on whatever processor it runs.
+void announceFork() noexcept {
+  ++g_tableUse.forks;
+  if (syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0) {
+    qurn::sleepAMillisecond();
+  }
+}
+
+bool waitUntilEmpty() noexcept {
+  for (int waited = 0; g_tableUse.thread.load(std::memory_order_acquire) != 0; ++waited) {
+    if (waited == qurn::kForkPatienceMs) {
+      return false;
+    }
+    qurn::sleepAMillisecond();
+  }
+  return true;
+}
+
+// A process that never used the tables has no mutex that the platform could lock. A thread that
+// cannot be waited for keeps the lock, as does the one that forks.
 void holdTables() noexcept {
-  pthread_mutex_lock(&g_moduleMutex);
-  g_heldByForker = g_pTblLock != 0 && KEM_MutexLock(&g_pTblLock) == QURN_OK;
-  g_leftovers.lock();
+  g_moduleMutex.beforeFork();
+  if (g_pTblLock != 0) {
+    announceFork();
+    if (g_tableUse.thread.load() != pthread_self() && waitUntilEmpty() &&
+        KEM_MutexLock(&g_pTblLock) == QURN_OK) {
+      g_forker = pthread_self();
+    }
+  }
+  g_leftovers.mutex().beforeFork();
+}
+
+bool letTablesGo() noexcept {
+  pthread_t self = pthread_self();
+  return g_forker.compare_exchange_strong(self, 0) && KEM_MutexUnlock(&g_pTblLock) == QURN_OK;
 }
 
 void releaseTables() noexcept {
-  g_leftovers.unlock();
-  if (g_heldByForker) {
-    KEM_MutexUnlock(&g_pTblLock);
+  g_leftovers.mutex().afterForkInParent();
+  if (g_pTblLock != 0) {
+    letTablesGo();
+    --g_tableUse.forks;
   }
-  pthread_mutex_unlock(&g_moduleMutex);
+  g_moduleMutex.afterForkInParent();
+}
+
+// A table that was being changed counts as not set up; what it held stays allocated.
+void forgetUser() noexcept {
+  if (NbbHndTbl* changing = g_tableUse.changing.exchange(nullptr); changing != nullptr) {
+    *changing = {};
+  }
+  g_tableUse.thread = 0;
+  g_forker = 0;
+  g_pTblLock = 0;
+  KEM_MutexInit(&g_pTblLock);
+}
+
+void renewTables() noexcept {
+  if (!g_leftovers.mutex().afterForkInChild()) {
+    g_leftovers.drop();
+  }
+  if (g_pTblLock != 0 && !letTablesGo()) {
+    forgetUser();
+  }
+  g_tableUse.forks = 0;
+  g_moduleMutex.afterForkInChild();
 }
 
 __attribute__((constructor)) void watchForks() noexcept {
-  static_cast<void>(pthread_atfork(holdTables, releaseTables, releaseTables));
+  static_cast<void>(pthread_atfork(holdTables, releaseTables, renewTables));
 }
+
+}  // namespace
+
+void qurn::hdl::makeWayForFork(NbbHndTbl* changing) noexcept {
+  const Uncancellable uncancellable;
+  do {
+    TableLock::leave();
+    KEM_MutexUnlock(&g_pTblLock);
+    while (g_tableUse.forks.load() != 0) {
+      sleepAMillisecond();
+    }
+    KEM_MutexLock(&g_pTblLock);
+    TableLock::enter(changing);
+  } while (g_tableUse.forks.load() != 0);
+}
+
+namespace {
 
 // ---- set-up
 
@@ -152,7 +229,7 @@ void chainVacantEntries(NbbHndTbl& table) noexcept {
 
 // Adds the first pages, under the lock. Returns whether they hold the reserve.
 bool addFirstPages(NbbHndTbl& table) noexcept {
-  const TableLock lock;
+  const TableLock lock(&table);
   if (lock.result() != QURN_OK) {
     HDL_LOG(TOV_LOG_ERROR, "Mutex lock unsuccessfully:%d", static_cast<int32_t>(lock.result()));
     return false;
@@ -194,6 +271,7 @@ uint32_t NbbSetupPageArray(NbbHndTbl* table) {
 
 uint32_t nbb_handle_table_initialize(NbbHndTbl* table, uint32_t spareBits, uint32_t generationBits,
                                      uint32_t slotBits, uint32_t pageBits) {
+  const qurn::Uncancellable uncancellable;
   HDL_ASSERT(uint64_t{spareBits} + generationBits + slotBits + pageBits == kHandleBits);
   HDL_ASSERT(generationBits <= kGenerationBitsMax);
   HDL_ASSERT(generationBits >= kGenerationBitsMin);
@@ -211,9 +289,10 @@ uint32_t nbb_handle_table_initialize(NbbHndTbl* table, uint32_t spareBits, uint3
 }
 
 void nbb_handle_table_terminate(NbbHndTbl* table) {
+  const qurn::Uncancellable uncancellable;
   bool inUse = false;
   {
-    const TableLock lock;
+    const TableLock lock(table);
     if (table->pageArray == nullptr) {
       return;
     }
@@ -225,8 +304,10 @@ void nbb_handle_table_terminate(NbbHndTbl* table) {
 }
 
 uint32_t nbb_handle_initialize(void) {
-  const qurn::MutexLock lock(g_moduleMutex);
+  const qurn::Uncancellable uncancellable;
+  const std::lock_guard lock(g_moduleMutex);
   if (g_pTblLock == 0) {
+    syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0);
     KEM_MutexInit(&g_pTblLock);
   } else if (isDefaultTableSetUp()) {
     return 1;
@@ -235,7 +316,8 @@ uint32_t nbb_handle_initialize(void) {
 }
 
 void NbbHandleTerminate(void) {
-  const qurn::MutexLock lock(g_moduleMutex);
+  const qurn::Uncancellable uncancellable;
+  const std::lock_guard lock(g_moduleMutex);
   nbb_handle_table_terminate(&g_stNbbHndTbl);
   if (g_pTblLock != 0) {
     KEM_MutexDestroy(&g_pTblLock);

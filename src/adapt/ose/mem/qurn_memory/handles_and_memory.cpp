@@ -21,8 +21,7 @@ namespace {
 constinit IssuedRecords g_issued;
 
 __attribute__((constructor)) void watchForks() noexcept {
-  const auto release = [] { g_issued.unlock(); };
-  static_cast<void>(pthread_atfork([] { g_issued.lock(); }, release, release));
+  qurn::holdAcrossFork<[]() -> qurn::ForkMutex& { return g_issued.mutex(); }>();
 }
 
 // A zero-filled record that counts as issued, or null.

@@ -1,8 +1,9 @@
 #include "issued_records.h"
 
+#include <mutex>
 #include <new>
 
-#include "internal/scoped_lock.h"
+#include "internal/uncancellable.h"
 #include "memory_unit.h"
 
 namespace qurn::mem {
@@ -56,7 +57,8 @@ bool IssuedRecords::contains(uintptr_t address) const noexcept {
 }
 
 bool IssuedRecords::add(uintptr_t address) noexcept {
-  const qurn::MutexLock lock(mutex_);
+  const qurn::Uncancellable uncancellable;
+  const std::lock_guard lock(mutex_);
   if (find(address) != nullptr) {
     return true;
   }
@@ -78,7 +80,7 @@ bool IssuedRecords::add(uintptr_t address) noexcept {
 }
 
 void IssuedRecords::remove(uintptr_t address) noexcept {
-  const qurn::MutexLock lock(mutex_);
+  const std::lock_guard lock(mutex_);
   if (auto* place = find(address); place != nullptr) {
     place->store(kEmpty, std::memory_order_release);
   }

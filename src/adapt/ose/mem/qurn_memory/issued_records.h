@@ -3,12 +3,12 @@
 // cache line; adding and removing, which happen when a module starts and ends, take one.
 #pragma once
 
-#include <pthread.h>
-
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+
+#include "internal/fork_mutex.h"
 
 namespace qurn::mem {
 
@@ -19,9 +19,9 @@ class IssuedRecords {
   bool add(uintptr_t address) noexcept;
   void remove(uintptr_t address) noexcept;
 
-  // Keep changes out while the process forks.
-  void lock() noexcept { pthread_mutex_lock(&mutex_); }
-  void unlock() noexcept { pthread_mutex_unlock(&mutex_); }
+  // Held while the process forks. What it guards is whole at any moment, for readers without a
+  // lock.
+  qurn::ForkMutex& mutex() noexcept { return mutex_; }
 
  private:
   // An address is in the bucket that it hashes to, in one of the segments. A segment is added when
@@ -45,7 +45,7 @@ class IssuedRecords {
 
   alignas(sizeof(Bucket)) std::array<Bucket, kFirstBuckets> firstBuckets_{};
   Segment first_{nullptr, kFirstBuckets, firstBuckets_.data()};
-  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;  // of those who change
+  qurn::ForkMutex mutex_;  // of those who change
 };
 
 }  // namespace qurn::mem

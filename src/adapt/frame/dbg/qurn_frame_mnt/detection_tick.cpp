@@ -1,0 +1,100 @@
+// The detection tick, on the detection thread.
+#include <dlfcn.h>
+#include <qurnadapt/keep_alive.h>
+#include <qurnadapt/maintenance.h>
+#include <qurnadapt/monitor.h>
+#include <qurnadapt/report.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+#include "frame_mnt.h"
+#include "internal/timespec_diff.h"
+
+namespace {
+
+constexpr uint32_t kPluginPeriodMs = 10000;
+
+// How much later than its period a tick may begin without anything having happened.
+constexpr int64_t kUsualLatenessMs = 20;
+constexpr int64_t kLongestWaitMs = 1000;
+
+// When the last tick ended; all zero before the first one.
+constinit timespec g_lastTickEnd{};
+
+// By how much this tick begins later than it should have, 0 while that is usual.
+int64_t latenessMs() noexcept {
+  timespec now{};
+  const bool isFirst = g_lastTickEnd.tv_sec == 0 && g_lastTickEnd.tv_nsec == 0;
+  if (isFirst || clock_gettime(CLOCK_MONOTONIC_COARSE, &now) != 0) {
+    return 0;
+  }
+  const int64_t periodMs = FrameChooseDeadloopDetectTime();
+  const int64_t lateMs = qurn::diffMs(g_lastTickEnd, now) - periodMs;
+  return lateMs > std::max(periodMs / 10, kUsualLatenessMs) ? lateMs : 0;
+}
+
+void sleepMs(int64_t milliseconds) noexcept {
+  timespec rest{milliseconds / 1000, milliseconds % 1000 * 1'000'000};
+  while (nanosleep(&rest, &rest) != 0 && errno == EINTR) {
+  }
+}
+
+// A process that was stopped, by a signal, a debugger or with its machine, goes on with every
+// thread silent for that long. They get as long as the tick is late to send their next heartbeat,
+// and the guard gets its own meanwhile.
+void giveThreadsTime() noexcept {
+  int64_t leftMs = std::min(latenessMs(), kLongestWaitMs);
+  while (leftMs > 0) {
+    const int64_t pieceMs = std::min<int64_t>(leftMs, qurn::mnt::msToNextKeepAlive());
+    sleepMs(pieceMs);
+    FRAME_KeepAliveReport();
+    leftMs -= pieceMs;
+  }
+}
+
+}  // namespace
+
+void qurn::mnt::dropTickAfterFork() noexcept { g_lastTickEnd = {}; }
+
+extern "C" {
+
+uint32_t FrameDeadloopDetectCallback(void* /*param*/) {
+  FRAME_KeepAliveReport();
+  giveThreadsTime();
+  FRAME_TaskDeadloopMonitorEntry();
+  FrameWriteDeadloopInfo();
+  FrameRuloPluginCheckAndRepairDeadloop();
+  FrameTriggerCheckExit();
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &g_lastTickEnd);
+  return QURN_OK;
+}
+
+void FrameRuloPluginCheckAndRepairDeadloop(void) {
+  using RepairFunction = void (*)();
+  static constinit bool resolved = false;
+  static constinit RepairFunction repair = nullptr;
+  static constinit uint32_t ticks = 0;
+
+  if (!resolved) {
+    repair =
+        reinterpret_cast<RepairFunction>(dlsym(RTLD_DEFAULT, "RuloPluginCheckAndRepairDeadloop"));
+    resolved = true;
+  }
+  if (repair == nullptr) {
+    return;
+  }
+  const uint32_t periodMs = FrameChooseDeadloopDetectTime();
+  if (periodMs <= kPluginPeriodMs) {
+    // A direct call before start-up finds no period yet; it counts as a tick like any other.
+    const uint32_t ticksPerRun = periodMs == 0 ? 1 : kPluginPeriodMs / periodMs;
+    if (++ticks < ticksPerRun) {
+      return;
+    }
+    ticks = 0;
+  }
+  repair();
+}
+
+}  // extern "C"
