@@ -161,6 +161,7 @@ uint32_t FrameDeadLoopSignalFuncReg(void) {
   sigaction(deadloopSignal(), nullptr, &action);
   action.sa_sigaction = FrameDeadLoopSignalHandle;
   action.sa_flags = SA_SIGINFO | SA_RESTART;
+  bindForSignals(action.sa_sigaction, 0, nullptr, nullptr);
   if (const int ret = sigaction(deadloopSignal(), &action, nullptr); ret != 0) {
     MNT_LOG(TOV_LOG_ERROR, "Deadloop dfx init fail, set sig action fail, ret = %d.", ret);
     return QURN_FAILED;
