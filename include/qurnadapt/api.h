@@ -17,7 +17,7 @@
 #define QURN_END_DECLS
 #endif
 
-/* The parameter list of a call that takes any arguments and reads none of them: C before 2023
+/* The parameter list of a call that takes any arguments: C before 2023
  * writes it as an empty list. */
 #if defined(__cplusplus) || (defined(__STDC_VERSION__) && __STDC_VERSION__ >= 202311L)
 #define QURN_ANY_ARGUMENTS ...

@@ -26,13 +26,14 @@ typedef struct FrameCallStackEntry {
 /* The captured state of one stuck thread.
  *
  * The register words are the first 288 bytes from the start of the machine context in the signal's
- * user context. AArch64: the fault address, x0 to x30, sp, pc, pstate, alignment. x86-64: words 0
- * to 22 are the general registers as REG_R8 to REG_CR2 of <sys/ucontext.h> number them; the others
- * are no registers: 23 is where the floating-point state was saved, 24 to 31 are reserved, 32 is
- * the signal mask, 33 to 35 are the start of the signal's information. */
+ * user context. AArch64: the fault address, x0 to x30, sp, pc, pstate, alignment. x86-64, numbered
+ * as REG_ in <sys/ucontext.h>: words 0 to 17 and 22 are registers; the others are none: 18 packs
+ * the segment selectors, 19 and 20 tell the exception, 21 and 32 are the signal mask, 23 is where
+ * the floating-point state was saved, 24 to 31 are reserved, 33 to 35 are the start of the signal's
+ * information. */
 typedef struct FrameDeadloopDumpInfo {
-  uint64_t registers[FRAME_REGISTER_WORDS];   /* The start of the machine context. */
-  uint64_t stackDumpStart;                    /* Lowest address copied; 0 when none was. */
+  uint64_t registers[FRAME_REGISTER_WORDS]; /* The start of the machine context. */
+  uint64_t stackDumpStart; /* Start of the copied range; 0 when the bounds are unknown. */
   uint8_t stackBytes[FRAME_STACK_DUMP_BYTES]; /* The copy, from stackDumpStart upwards. */
   FrameCallStackEntry callStack[FRAME_CALL_STACK_DEPTH]; /* Innermost first, without gaps. */
   char captureTime[FRAME_CAPTURE_TIME_LEN];              /* When the report was written. */
@@ -74,7 +75,8 @@ QURN_API uint32_t FrameDeadloopSignalSend(pthread_t thread);
 /* The signal handler. Async-signal-safe, preserves errno, allocates and logs nothing. */
 QURN_API void FrameDeadLoopSignalHandle(int sig, siginfo_t* info, void* context);
 /* Copies a bounded slice of the calling thread's stack, around the record's stack pointer. Stores
- * the byte count through length, which stays untouched when the bounds are unknown. */
+ * the byte count through length, which stays untouched when the bounds are unknown or the stack
+ * pointer is 0. */
 QURN_API void FrameStackMemoryGet(FrameDeadloopDumpInfo* dumpInfo, uint32_t* length);
 /* Copies the non-zero ones of depth addresses into the record, without gaps. */
 QURN_API void FrameStackContentGet(FrameDeadloopDumpInfo* dumpInfo, const uint64_t* addresses,

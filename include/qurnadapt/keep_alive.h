@@ -8,8 +8,9 @@
 QURN_BEGIN_DECLS
 
 /* Sends one heartbeat; param is what was registered with it. Returns 0 once delivered; any other
- * value is logged and the heartbeat is tried again at the next tick. Runs on the detection thread
- * with its locks held: it must be short and call nothing of this library. */
+ * value is logged and the heartbeat is tried again at the next report, of which a tick makes one
+ * for each thread that it measures. Runs on the detection thread with its locks held: it must be
+ * short and call nothing of this library. */
 typedef uint32_t (*FrameKeepAliveHook)(void* param);
 
 /* 1 once readiness has been announced to the guard, or no guard could be found; heartbeats through
@@ -17,9 +18,9 @@ typedef uint32_t (*FrameKeepAliveHook)(void* param);
 QURN_API extern uint32_t g_FrameReady;
 
 /* Registers the process's keep-alive hook, before FRAME_MntInit to take the place of the configured
- * one. period is the least time between two heartbeats in milliseconds, raised to the detection
- * period. hook is required; param stays the caller's. Returns 0, or 0xFFFFFFFF for a null hook or
- * when one is registered already: it cannot be replaced. Thread-safe. */
+ * one. period is the least time between two heartbeats in milliseconds, to within 10, raised to the
+ * detection period. hook is required; param stays the caller's. Returns 0, or 0xFFFFFFFF for a null
+ * hook or when one is registered already: it cannot be replaced. Thread-safe. */
 QURN_API uint32_t FRAME_KeepAliveProcSet(uint32_t period, FrameKeepAliveHook hook, void* param);
 
 /* Sends a heartbeat if one is due. Detection thread only. */

@@ -10,7 +10,8 @@
 QURN_BEGIN_DECLS
 
 /* Message buffers and sending: there are none. Null, and 0 for the others; the header length check
- * passes with 1. */
+ * passes with 1. ZOT_MsgFlowCtrlAlloc_F calls the process's ZOT_MsgAlloc, with its third argument
+ * in second place. */
 QURN_API void* ZOT_MsgAlloc(QURN_ANY_ARGUMENTS);
 QURN_API void* ZOT_MsgFlowCtrlAlloc_F(QURN_ANY_ARGUMENTS);
 QURN_API uint32_t ZOT_MsgFree(QURN_ANY_ARGUMENTS);
@@ -26,7 +27,8 @@ QURN_API uint32_t ZOT_DllInit(QURN_ANY_ARGUMENTS);
 QURN_API uint32_t ZOT_DllFini(QURN_ANY_ARGUMENTS);
 
 /* Tracing: 0, and 2 for the question whether a message is traced. Weak where the library defines
- * them, so that a definition elsewhere in the process takes their place. */
+ * them: a definition that the loader finds first, the program's or an earlier library's, takes
+ * their place. */
 QURN_API uint32_t TRC_RegisterFunction(QURN_ANY_ARGUMENTS);
 QURN_API uint32_t TRC_SetConfigPara(QURN_ANY_ARGUMENTS);
 QURN_API uint32_t TRC_InstanceEventPoint(QURN_ANY_ARGUMENTS);

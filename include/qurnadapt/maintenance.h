@@ -30,9 +30,9 @@ QURN_API uint32_t FrameSetDeadloopPeriodDelay(uint32_t value);
 
 /* ---- Internal steps, exported for the framework's diagnostics ---- */
 
-/* Stores the process id and, from the process's status file, up to 31 characters of its name.
- * A name that does not fit nameLen bytes with its terminator, or cannot be read, leaves name as it
- * was. With a null name or pid nothing is stored. Thread-safe. */
+/* Stores the process id and, from the process's status file, up to 31 characters of its name, to
+ * the first blank. A name that does not fit nameLen bytes with its terminator, or cannot be read,
+ * leaves name as it was. With a null name or pid nothing is stored. Thread-safe. */
 QURN_API void FrameGetProcInfo(uint32_t* pid, char* name, uint32_t nameLen);
 
 /* Creates and detaches the detection thread unless it runs already. Returns 0 or 0xFFFFFFFF. */

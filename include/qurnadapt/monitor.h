@@ -96,7 +96,8 @@ QURN_API void Frame_RegThreadDeadloopHook(FrameThreadDeadloopHook hook);
 QURN_API uint32_t Frame_SetHeartExceptionPolicy(uint64_t slot, uint32_t policy);
 
 /* Gives the thread of this name new thresholds, as of Frame_SetHeartbeatToMon, and starts its
- * silence and its thresholds anew; of several threads of that name the one in the lowest slot.
+ * silence and its thresholds anew; of several threads of that name the one in the lowest slot. (An
+ * empty name is that of a free slot, whose next thread sets thresholds of its own.)
  * Returns 0, 2 for a null name or bad thresholds, 0xFFFFFFFF when the monitor is not initialised,
  * no thread has the name or the clock cannot be read. Thread-safe; allowed in the warning hook. */
 QURN_API uint32_t FRAME_UpdateDeadloopThresholdByName(const char* name, uint32_t firstThreshold,
@@ -111,8 +112,10 @@ QURN_API uint32_t FrameSetDetectSwitch(uint64_t slot, uint8_t detectSwitch);
 
 /* ---- Internal steps, exported for the framework's diagnostics ---- */
 
-/* Initialises the monitor and fills the legacy heart function set. Runs when the library is loaded
- * and again at start-up, where it changes nothing. Returns 0 or 0xFFFFFFFF. */
+/* Initialises the monitor, once, and fills the legacy heart function set. Runs when the library is
+ * loaded and again at start-up, where it puts the monitor's operations back. Returns 0 or
+ * 0xFFFFFFFF.
+ */
 QURN_API uint32_t FRAME_TaskDeadloopInit(void);
 /* Initialises the locks and the table, once. Returns 0 or 0xFFFFFFFF. */
 QURN_API uint32_t FrameTaskDeadloopCtrlInit(void);
@@ -143,9 +146,9 @@ QURN_API uint32_t FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info);
 /* 1 if the process has a thread of this kernel thread id, else 0. */
 QURN_API uint32_t FrameIsMonitorTaskExist(int32_t tid);
 /* The threshold rules: 1 if one fires for a record, else 0, and what it does. The record's lock is
- * held; detection thread only. A record that is not one of the table's own is never looked for in
- * the process nor freed: the fatal action signals its POSIX thread id, which must be that of a
- * thread that has not been joined. */
+ * held; detection thread only. They never look for the thread of a record that is not one of the
+ * table's own, nor free it: the fatal action signals its POSIX thread id, which must be that of a
+ * thread that still runs, or passes may stay suspended. */
 QURN_API uint32_t FrameIsInfoThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
 QURN_API uint32_t FrameIsWarnThresholdTimeout(const FrameMonitorTaskInfo* info, uint32_t elapsedMs);
 QURN_API uint32_t FrameIsFatalThresholdTimeout(const FrameMonitorTaskInfo* info,

@@ -82,9 +82,9 @@ typedef void (*TovDeadloopLogHook)(uint32_t level, const char* text);
 
 /* The framework's hook of a thread, or null when it keeps none. */
 TovDeadloopHook TovDeadloopGetHookByThreadId(uint64_t threadId);
-/* Takes the operations of dead-loop sections, once at start-up; copies the record. */
+/* Takes the operations of dead-loop sections, at each start-up; copies the record. */
 uint32_t TOV_DeadLoopRegCapability(const FrameDeadloopCapability* capability);
-/* Sets where the dead-loop library's messages go, once at start-up. */
+/* Sets where the dead-loop library's messages go, at each start-up. */
 uint32_t TOV_DeadloopLogHookSet(TovDeadloopLogHook hook);
 
 /* ---- Legacy operating-system layer (KEM) ---- */

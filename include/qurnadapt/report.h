@@ -15,7 +15,7 @@ QURN_BEGIN_DECLS
  * any that dest has. name has at most 7 characters. Thread-safe. */
 QURN_API void FrameRegStrGet(char* dest, uint32_t capacity, const char* name, uint64_t value);
 
-/* Writes the names of depth code addresses to dest, one a line; names for which no 301 bytes are
+/* Writes the names of depth code addresses to dest, one a line; names for which no 302 bytes are
  * left are dropped. Returns 0, or 0xFFFFFFFF for a null or empty argument or without memory.
  * Thread-safe; allocates and takes the loader's lock. */
 QURN_API uint32_t FrameFuncNameGetByAddr(void* const* addresses, uint32_t depth, char* dest,

@@ -21,7 +21,7 @@ struct FrameProcInfo {
   char procName[FRAME_PROC_NAME_LEN];
 };
 
-// Filled once at the start of FRAME_MntInit, before the detection thread exists; read-only after.
+// Filled once a process at the start of its first start-up, before the detection thread exists.
 const FrameProcInfo& procInfo() noexcept;
 
 // Sets the detection period unless it is set already. Returns whether it did.
@@ -41,6 +41,14 @@ uint32_t captureThread(pthread_t thread, uint32_t tid) noexcept;
 // The signal that was sent to this thread, which has ended, will never be handled: captures may be
 // asked for again. A capture that has finished all the same is kept.
 void withdrawSignal(uint32_t tid) noexcept;
+
+// Calls a function of ours by its address before a signal handler does. That may be the address
+// which the program has for it, and bind at the first call only.
+template <typename Function, typename... Arguments>
+void bindForSignals(Function* function, Arguments... arguments) noexcept {
+  Function* volatile address = function;  // or the call would be made directly
+  address(arguments...);
+}
 
 // In the child of a fork, which has no detection thread: a capture under way concerns the parent's
 // thread, and the event loop's descriptor is the parent's too.

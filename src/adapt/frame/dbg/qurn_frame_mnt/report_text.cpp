@@ -58,10 +58,13 @@ extern "C" {
 void FrameRegStrGet(char* dest, uint32_t capacity, const char* name, uint64_t value) {
   char digits[17] = {};
   FrameUintToStr(value, 16, digits, sizeof(digits), '0');
-  // The bounds-checked functions would refuse a text that is longer than their own maximum.
-  const size_t used = strnlen(dest, capacity);
-  char* end = dest + used;
-  const size_t room = qurn::safeCapacity(capacity - used);
+  // The bounds-checked functions would refuse this much room; the text's end has enough.
+  char* end = dest;
+  size_t room = capacity;
+  if (dest != nullptr && capacity > RSIZE_MAX_STR) {
+    end += strnlen(dest, capacity);
+    room = qurn::safeCapacity(capacity - static_cast<size_t>(end - dest));
+  }
   strcat_s(end, room, "\nReg:  ");
   strcat_s(end, room, name);
   for (size_t width = strlen(name); width < kRegisterNameWidth; ++width) {

@@ -192,6 +192,7 @@ uint32_t FrameDeadLoopSignalFuncReg(void) {
   struct sigaction action {};
   sigaction(deadloopSignal(), nullptr, &action);
   g_handlerMask = action.sa_mask;
+  bindForSignals(FrameDeadLoopSignalHandle, 0, nullptr, nullptr);
   if (const int ret = installHandler(action); ret != 0) {
     MNT_LOG(TOV_LOG_ERROR, "Deadloop dfx init fail, set sig action fail, ret = %d.", ret);
     return QURN_FAILED;

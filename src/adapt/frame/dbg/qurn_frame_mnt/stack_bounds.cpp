@@ -105,6 +105,7 @@ void FrameTaskStackInfoGet(FrameTaskStackInfo* info) {
 
 uint32_t FrameProcMapsFileGet(char* path, uint32_t capacity) {
   char pid[kPidTextBytes] = {};
+  capacity = static_cast<uint32_t>(qurn::safeCapacity(capacity));
   KEM_Uint32ToStrEx(static_cast<uint32_t>(getpid()), pid, sizeof(pid), 10);
   return strcpy_s(path, capacity, "/proc/") == 0 && strcat_s(path, capacity, pid) == 0 &&
                  strcat_s(path, capacity, "/maps") == 0

@@ -1,71 +1,83 @@
 #include "start_turns.h"
 
-#include <pthread.h>
 #include <qurnadapt/api.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
-#include <utility>
-
-#include "internal/scoped_lock.h"
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <ctime>
 
 namespace qurn::mnt {
 namespace {
 
-// Stands on the stack of a thread that waits.
-struct Waiter {
-  uint32_t result;
-  bool isServed;
-  Waiter* next;
-};
+constinit std::atomic<uint32_t> g_turn{0};    // odd while a start-up runs
+constinit std::atomic<uint32_t> g_runner{0};  // its kernel thread id, else 0
+constinit std::atomic<uint32_t> g_forks{0};   // that led to this process
+// Of the latest turns, so that no waiter takes a later one's for that which it waited for.
+constinit std::array<std::atomic<uint32_t>, 16> g_results{};
 
-struct StartTurns {
-  pthread_mutex_t lock;
-  pthread_cond_t ended;
-  bool isTaken;
-  pthread_t runner;
-  Waiter* waiters;
-};
+std::atomic<uint32_t>& resultOf(uint32_t turn) noexcept {
+  return g_results[turn / 2 % g_results.size()];
+}
 
-constinit StartTurns g_turns{PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, false, 0,
-                             nullptr};
+uint32_t callersTid() noexcept { return static_cast<uint32_t>(syscall(SYS_gettid)); }
+
+// A step may end its thread.
+bool runnerHasEnded() noexcept {
+  const uint32_t runner = g_runner;
+  return runner != 0 && tgkill(getpid(), static_cast<pid_t>(runner), 0) != 0;
+}
+
+// Whether the turn has ended with a result. Otherwise the caller starts afresh: its runner is gone,
+// or the caller goes on in the child of a fork.
+bool waitForEndOf(uint32_t turn) noexcept {
+  const timespec millisecond{0, 1'000'000};
+  const uint32_t forks = g_forks;
+  while (g_turn == turn) {
+    nanosleep(&millisecond, nullptr);
+    if (runnerHasEnded()) {
+      endStartTurn(turn, QURN_FAILED);
+      return false;
+    }
+  }
+  return forks == g_forks;
+}
 
 }  // namespace
 
-bool takeStartTurn(uint32_t* result) noexcept {
-  const MutexLock lock(g_turns.lock);
-  if (!g_turns.isTaken) {
-    g_turns.isTaken = true;
-    g_turns.runner = pthread_self();
-    return true;
+uint32_t takeStartTurn(uint32_t* result) noexcept {
+  for (;;) {
+    uint32_t turn = g_turn;
+    if (turn % 2 == 0) {
+      if (g_turn.compare_exchange_strong(turn, turn + 1)) {
+        g_runner = callersTid();
+        return turn + 1;
+      }
+    } else if (g_runner == callersTid()) {
+      *result = QURN_FAILED;
+      return 0;
+    } else if (waitForEndOf(turn)) {
+      *result = resultOf(turn);
+      return 0;
+    }
   }
-  if (pthread_equal(g_turns.runner, pthread_self()) != 0) {
-    *result = QURN_FAILED;
-    return false;
-  }
-  Waiter self{QURN_FAILED, false, g_turns.waiters};
-  g_turns.waiters = &self;
-  while (!self.isServed) {
-    pthread_cond_wait(&g_turns.ended, &g_turns.lock);
-  }
-  *result = self.result;
-  return false;
 }
 
-void endStartTurn(uint32_t result) noexcept {
-  const MutexLock lock(g_turns.lock);
-  g_turns.isTaken = false;
-  for (Waiter* waiter = std::exchange(g_turns.waiters, nullptr); waiter != nullptr;
-       waiter = waiter->next) {
-    waiter->result = result;
-    waiter->isServed = true;
+// Unless it has been ended for its runner, or dropped.
+void endStartTurn(uint32_t turn, uint32_t result) noexcept {
+  if (g_turn == turn) {
+    resultOf(turn) = result;
+    g_runner = 0;
+    g_turn.compare_exchange_strong(turn, turn + 1);
   }
-  pthread_cond_broadcast(&g_turns.ended);
 }
 
 void dropStartTurnAfterFork() noexcept {
-  pthread_mutex_init(&g_turns.lock, nullptr);
-  pthread_cond_init(&g_turns.ended, nullptr);
-  g_turns.isTaken = false;
-  g_turns.waiters = nullptr;
+  ++g_forks;
+  g_runner = 0;
+  g_turn = (g_turn | 1U) + 1;
 }
 
 }  // namespace qurn::mnt

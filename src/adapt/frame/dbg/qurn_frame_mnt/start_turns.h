@@ -1,17 +1,19 @@
 // Start-ups take turns: who asks for one while one runs waits for that and shares its result.
+// Without a lock: a thread may fork, end or be interrupted by a signal handler in the middle of
+// either.
 #pragma once
 
 #include <cstdint>
 
 namespace qurn::mnt {
 
-// Whether the steps are the caller's to run, who then ends the turn with their result. Otherwise
-// `result` is that of the start-up which the caller has waited for, or a failure when it asked from
-// within one. The caller must not be cancelled meanwhile.
-bool takeStartTurn(uint32_t* result) noexcept;
-void endStartTurn(uint32_t result) noexcept;
+// The number of a turn that is the caller's, who then runs the steps and ends it with their result.
+// Otherwise 0, and `result` is that of the start-up which the caller has waited for, or a failure
+// when it asked from within one.
+uint32_t takeStartTurn(uint32_t* result) noexcept;
+void endStartTurn(uint32_t turn, uint32_t result) noexcept;
 
-// In the child of a fork, where the parent's start-up, if one runs, does not go on.
+// In the child of a fork, where nobody waits for the parent's start-up.
 void dropStartTurnAfterFork() noexcept;
 
 }  // namespace qurn::mnt

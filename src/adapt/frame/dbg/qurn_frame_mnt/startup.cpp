@@ -65,7 +65,9 @@ constexpr StartStep kStartSteps[] = {
 };
 
 uint32_t runStartSteps() noexcept {
-  FrameGetProcInfo(&g_procInfo.pid, g_procInfo.procName, sizeof(g_procInfo.procName));
+  if (g_procInfo.pid != static_cast<uint32_t>(getpid())) {  // else a report may be reading it
+    FrameGetProcInfo(&g_procInfo.pid, g_procInfo.procName, sizeof(g_procInfo.procName));
+  }
   for (const StartStep& step : kStartSteps) {
     if (const uint32_t ret = step.run(); ret != QURN_OK) {
       step.logFailure(ret);
@@ -86,7 +88,7 @@ void readProcessName(int statusFd, char* name, uint32_t nameLen) noexcept {
   text[length] = '\0';
   char scanned[FRAME_PROC_NAME_LEN] = {};
   if (sscanf_s(text, "Name:%31s", scanned) == 1 && strlen(scanned) < nameLen) {
-    strcpy_s(name, nameLen, scanned);
+    strcpy_s(name, qurn::safeCapacity(nameLen), scanned);
   }
 }
 
@@ -150,9 +152,9 @@ __attribute__((constructor)) static void watchForks(void) {
 uint32_t FRAME_MntInit(void) {
   const qurn::Uncancellable uncancellable;
   uint32_t ret = QURN_FAILED;
-  if (takeStartTurn(&ret)) {
+  if (const uint32_t turn = takeStartTurn(&ret); turn != 0) {
     ret = runStartSteps();
-    endStartTurn(ret);
+    endStartTurn(turn, ret);
   }
   return ret;
 }
