@@ -39,6 +39,7 @@ void heartbeat() { Frame_SendHeartbeatToMon(&t_self); }
 struct alignas(64) Line {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   timespec now{};
+  uint32_t isAlive = 0;
 };
 struct Primitives {
   alignas(64) pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
@@ -57,6 +58,15 @@ void heartbeatFloor() {
   pthread_mutex_lock(&t_line->mutex);
   clock_gettime(CLOCK_MONOTONIC_COARSE, &t_line->now);
   pthread_mutex_unlock(&t_line->mutex);
+}
+
+// What a user would write by hand, for a watcher who only reads.
+void heartbeatByHand() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  std::atomic_ref(t_line->now.tv_sec).store(now.tv_sec, std::memory_order_relaxed);
+  std::atomic_ref(t_line->now.tv_nsec).store(now.tv_nsec, std::memory_order_relaxed);
+  std::atomic_ref(t_line->isAlive).store(1, std::memory_order_release);
 }
 
 // ---- a guard notification a loop instead
@@ -248,6 +258,7 @@ void pushPopFloor() {
 constexpr Path kPaths[] = {
     {"heartbeat", heartbeat, &kMonitored},
     {"heartbeat_floor", heartbeatFloor, &kOwnLine},
+    {"heartbeat_by_hand", heartbeatByHand, &kOwnLine},
     {"notify", notifyGuard, &kGuarded},
     {"idle_pass", idlePass, &kFull},
     {"idle_pass_floor", idlePassFloor, &kPlain},
