@@ -19,6 +19,11 @@ struct NamedSlot {
   HDL_LOG(TOV_LOG_INFO, "%s: Invalid handle value, ignore.", "nbb_validate_handle_in_table");
 }
 
+[[gnu::cold, gnu::noinline]] void logNothingToDestroy() noexcept {
+  const qurn::Uncancellable uncancellable;
+  HDL_LOG(TOV_LOG_INFO, "ptrHandle is null.");
+}
+
 // Inlined where it is used: the call costs as much as the look-up.
 [[gnu::always_inline]] inline NamedSlot find(const NbbHndTbl& table, uint32_t handle) noexcept {
   const uint32_t generation = fieldOf(handle, table.generationShift, table.generationMask);
@@ -97,7 +102,8 @@ uint32_t nbb_create_handle_in_table(NbbHndTbl* table, void* pointer) {
     HDL_LOG(TOV_LOG_ERROR, "nbb_create_handle,ptr is null.");
     return 0;
   }
-  const TableLock lock(table);
+  const TableLock lock;
+  const TableChange change(*table);
   if (!isSetUp(*table) ||
       (table->freeSlotCount <= NBB_FREE_SLOTS_RESERVED && nbb_alloc_next_page(table) == 0)) {
     return 0;
@@ -143,7 +149,8 @@ uint32_t nbb_assign_handle_in_table(NbbHndTbl* table, uint32_t handle, void* poi
   if (NbbAssignHandleParaCheck(table, handle, pointer) == 0) {
     return 0;
   }
-  const TableLock lock(table);
+  const TableLock lock;
+  const TableChange change(*table);
   const uint32_t pageIndex = handle & table->pageMask;
   if (!isSetUp(*table) || !isInRange(*table, pageIndex) || !makeRoomFor(*table, pageIndex)) {
     return 0;
@@ -172,7 +179,8 @@ void* nbb_validate_handle_in_table(NbbHndTbl* table, uint32_t handle) {
 
 void nbb_modify_handle_in_table(NbbHndTbl* table, uint32_t handle, void* pointer) {
   const qurn::Uncancellable uncancellable;
-  const TableLock lock(table);
+  const TableLock lock;
+  const TableChange change(*table);
   const NamedSlot named = find(*table, handle);
   if (handle == 0) {
     HDL_LOG(TOV_LOG_ERROR, "nbb_modify_handle: handle is null.");
@@ -186,11 +194,11 @@ void nbb_modify_handle_in_table(NbbHndTbl* table, uint32_t handle, void* pointer
 }
 
 void nbb_destroy_handle_in_table(NbbHndTbl* table, uint32_t handle) {
-  const TableLock lock(table);
+  const TableLock lock;
+  const TableChange change(*table);
   const auto [page, slot] = find(*table, handle);
   if (slot == nullptr) {
-    const qurn::Uncancellable uncancellable;
-    HDL_LOG(TOV_LOG_INFO, "ptrHandle is null.");
+    logNothingToDestroy();
     return;
   }
   const uint32_t pageIndex = handle & table->pageMask;

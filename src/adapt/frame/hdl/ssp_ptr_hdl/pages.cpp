@@ -107,6 +107,18 @@ int32_t pageAfter(const NbbHndTbl& table, int32_t pageIndex) noexcept {
 
 // ---- one page
 
+// The platform's part is done without a cancellation in the middle, as the lock is held.
+[[gnu::noinline]] NbbHndPage* allocatePage() noexcept {
+  const qurn::Uncancellable uncancellable;
+  return static_cast<NbbHndPage*>(
+      ZOT_Malloc_F(0, g_aucZotMemPt[0], sizeof(NbbHndPage), kBaseName, __LINE__));
+}
+
+[[gnu::noinline]] void freePage(NbbHndPage* page) noexcept {
+  const qurn::Uncancellable uncancellable;
+  ZOT_Free_F(page, kBaseName, __LINE__);
+}
+
 void chainFreeSlots(NbbHndPage& page) noexcept {
   for (uint32_t i = 0; i + 1 < NBB_SLOTS_PER_PAGE; ++i) {
     page.slots[i] = linkTo(&page.slots[i + 1]);
@@ -147,10 +159,8 @@ uint32_t nbb_alloc_page(NbbHndTbl* table, uint32_t pageIndex) {
 }
 
 uint32_t NbbAllocMemoryForPageNum(NbbHndTbl* table, uint32_t pageIndex) {
-  const qurn::Uncancellable uncancellable;
   uint64_t* entry = table->pageArray + pageIndex;
-  auto* page = static_cast<NbbHndPage*>(
-      ZOT_Malloc_F(0, g_aucZotMemPt[0], sizeof(NbbHndPage), kBaseName, __LINE__));
+  NbbHndPage* page = allocatePage();
   if (page == nullptr) {
     pushVacantEntry(*table, entry);
     return 0;
@@ -172,9 +182,8 @@ void NbbFreeHandleInTable(uint32_t pageIndex, NbbHndTbl* table, NbbHndPage* page
       page->usedCount != 0 || table->freeSlotCount <= NBB_FREE_SLOTS_KEPT) {
     return;
   }
-  const qurn::Uncancellable uncancellable;
   unlinkFromRing(*table, *page);
-  ZOT_Free_F(page, kBaseName, __LINE__);
+  freePage(page);
   appendVacantEntry(*table, table->pageArray + pageIndex);
   table->freeSlotCount -= kSlots;
   if (isBelowCurrent(*table, pageIndex)) {

@@ -21,14 +21,18 @@ inline constexpr char kUnit[] = "build/src/adapt/frame/hdl/CMakeFiles/adapthdl.d
 inline constexpr const char* kBaseName = baseName(kUnit);
 #define HDL_LOG(level, ...) QURN_LOG_AS(LOG_InnerPrint, ::qurn::hdl::kUnit, level, __VA_ARGS__)
 
-// An internal inconsistency is reported, and the code goes on: what follows must stay safe. The
-// thread must not be cancelled in the report, under the lock.
-#define HDL_ASSERT(condition)                          \
-  do {                                                 \
-    if (!(condition)) [[unlikely]] {                   \
-      const ::qurn::Uncancellable whileItIsReported;   \
-      ZOT_Assert(::qurn::hdl::kBaseName, __LINE__, 0); \
-    }                                                  \
+// Out of the way of those who check. The thread must not be cancelled in it, under the lock.
+[[gnu::cold, gnu::noinline]] inline void reportInconsistency(uint32_t line) noexcept {
+  const Uncancellable uncancellable;
+  ZOT_Assert(kBaseName, line, 0);
+}
+
+// An internal inconsistency is reported, and the code goes on: what follows must stay safe.
+#define HDL_ASSERT(condition)                     \
+  do {                                            \
+    if (!(condition)) [[unlikely]] {              \
+      ::qurn::hdl::reportInconsistency(__LINE__); \
+    }                                             \
   } while (false)
 
 // Who is in the tables, and what is being changed, for the child of a fork: a mutex of the KEM
@@ -41,37 +45,31 @@ struct TableUse {
 extern constinit TableUse g_tableUse;
 
 // Leaves the tables until no fork is under way any more.
-[[gnu::cold]] void makeWayForFork(NbbHndTbl* changing) noexcept;
+[[gnu::cold]] void makeWayForFork() noexcept;
 
-// Holds the tables' lock for a scope, to change the given table or only to read. Work goes on
-// without a lock that cannot be taken, as there is none before the module is initialised.
+// Holds the tables' lock for a scope. Work goes on without a lock that cannot be taken, as there is
+// none before the module is initialised.
 class TableLock {
  public:
-  explicit TableLock(NbbHndTbl* changing = nullptr) noexcept : result_(KEM_MutexLock(&g_pTblLock)) {
-    if (result_ == QURN_OK) {
-      enter(changing);
+  TableLock() noexcept : result_(KEM_MutexLock(&g_pTblLock)) {
+    if (result_ == QURN_OK) [[likely]] {
+      enter();
       if (g_tableUse.forks.load(std::memory_order_relaxed) != 0) [[unlikely]] {
-        makeWayForFork(changing);
+        makeWayForFork();
       }
     }
   }
   ~TableLock() {
-    if (result_ == QURN_OK) {
+    if (result_ == QURN_OK) [[likely]] {
       leave();
       KEM_MutexUnlock(&g_pTblLock);
     }
   }
-  static void enter(NbbHndTbl* changing) noexcept {
-    if (changing != nullptr) {
-      g_tableUse.changing.store(changing, std::memory_order_relaxed);
-    }
+  static void enter() noexcept {
     g_tableUse.thread.store(pthread_self(), std::memory_order_relaxed);
     std::atomic_signal_fence(std::memory_order_seq_cst);
   }
-  static void leave() noexcept {
-    g_tableUse.changing.store(nullptr, std::memory_order_relaxed);
-    g_tableUse.thread.store(0, std::memory_order_release);
-  }
+  static void leave() noexcept { g_tableUse.thread.store(0, std::memory_order_release); }
   TableLock(const TableLock&) = delete;
   TableLock& operator=(const TableLock&) = delete;
 
@@ -79,6 +77,17 @@ class TableLock {
 
  private:
   uint32_t result_;
+};
+
+// Marks a table as being changed, under the lock.
+class TableChange {
+ public:
+  explicit TableChange(NbbHndTbl& table) noexcept {
+    g_tableUse.changing.store(&table, std::memory_order_relaxed);
+  }
+  ~TableChange() { g_tableUse.changing.store(nullptr, std::memory_order_relaxed); }
+  TableChange(const TableChange&) = delete;
+  TableChange& operator=(const TableChange&) = delete;
 };
 
 // A table that is set up has a page array and, between two operations, a free queue that is never

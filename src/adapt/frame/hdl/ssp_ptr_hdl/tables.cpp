@@ -186,7 +186,7 @@ __attribute__((constructor)) void watchForks() noexcept {
 
 }  // namespace
 
-void qurn::hdl::makeWayForFork(NbbHndTbl* changing) noexcept {
+void qurn::hdl::makeWayForFork() noexcept {
   const Uncancellable uncancellable;
   do {
     TableLock::leave();
@@ -195,7 +195,7 @@ void qurn::hdl::makeWayForFork(NbbHndTbl* changing) noexcept {
       sleepAMillisecond();
     }
     KEM_MutexLock(&g_pTblLock);
-    TableLock::enter(changing);
+    TableLock::enter();
   } while (g_tableUse.forks.load() != 0);
 }
 
@@ -229,7 +229,8 @@ void chainVacantEntries(NbbHndTbl& table) noexcept {
 
 // Adds the first pages, under the lock. Returns whether they hold the reserve.
 bool addFirstPages(NbbHndTbl& table) noexcept {
-  const TableLock lock(&table);
+  const TableLock lock;
+  const TableChange change(table);
   if (lock.result() != QURN_OK) {
     HDL_LOG(TOV_LOG_ERROR, "Mutex lock unsuccessfully:%d", static_cast<int32_t>(lock.result()));
     return false;
@@ -292,7 +293,8 @@ void nbb_handle_table_terminate(NbbHndTbl* table) {
   const qurn::Uncancellable uncancellable;
   bool inUse = false;
   {
-    const TableLock lock(table);
+    const TableLock lock;
+    const TableChange change(*table);
     if (table->pageArray == nullptr) {
       return;
     }
