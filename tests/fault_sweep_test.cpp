@@ -72,15 +72,12 @@ uint32_t useTheMonitor() {
   FrameDeadloopHandle self = 0;
   const auto hook = [](FrameDeadloopHandle*, uint64_t, uint32_t) -> uint32_t { return 0; };
   pthread_setname_np(pthread_self(), "swept");
-  uint32_t failed = Frame_SetHeartbeatToMon(&self, 1, 2, 3);
-  failed |= Frame_SetHeartbeatToMon(&self, 4, 5, 6);
-  failed |= Frame_SendHeartbeatToMon(&self);
-  failed |= Frame_RegDeadloopInfoHook(&self, hook);
-  failed |= Frame_SetHeartExceptionPolicy(self, 1);
-  failed |= FRAME_UpdateDeadloopThresholdByName("swept", 1, 1, 1);
-  failed |= FrameSetDetectSwitch(self, 0);
   Frame_RegThreadDeadloopHook(nullptr);
-  return failed | Frame_StopHeartbeatToMon(&self);
+  return std::max({Frame_SetHeartbeatToMon(&self, 1, 2, 3), Frame_SetHeartbeatToMon(&self, 4, 5, 6),
+                   Frame_SendHeartbeatToMon(&self), Frame_RegDeadloopInfoHook(&self, hook),
+                   Frame_SetHeartExceptionPolicy(self, 1),
+                   FRAME_UpdateDeadloopThresholdByName("swept", 1, 1, 1),
+                   FrameSetDetectSwitch(self, 0), Frame_StopHeartbeatToMon(&self)});
 }
 
 std::unique_ptr<SilentThread> g_stuck;
@@ -90,15 +87,15 @@ bool g_hooked = false;
 void prepareTick() {
   frozen_clock::start();
   FrameDeadloopInit();
-  auto ended = std::make_unique<SilentThread>("ended", 1);
+  auto ended = std::make_unique<SilentThread>(1);
   g_stuck.reset();  // the last run's
-  g_stuck = std::make_unique<SilentThread>("stuck", 1);
+  g_stuck = std::make_unique<SilentThread>(1);
   g_hooked = false;
-  Frame_RegDeadloopInfoHook(g_stuck->slot(),
-                            [](FrameDeadloopHandle*, uint64_t, uint32_t) -> uint32_t {
-                              g_hooked = true;
-                              return 0;
-                            });
+  const auto hook = [](FrameDeadloopHandle*, uint64_t, uint32_t) -> uint32_t {
+    g_hooked = true;
+    return 0;
+  };
+  Frame_RegDeadloopInfoHook(g_stuck->slot(), hook);
   ended.reset();
   frozen_clock::advance(1000);
   fault::arm("KEM_TaskStackInfoGet", EIO, 0, kAlways);  // so that the memory map is scanned
@@ -173,12 +170,12 @@ std::string errors() {
 }
 
 bool isForeseen(const Scenario& scenario, std::string_view call, uint32_t code) {
+  const auto isSaid = [](const char* text) {
+    return text == nullptr || errors().find(text) != std::string::npos;
+  };
   return (code == QURN_OK && scenario.harmless.contains(call)) ||
-         std::any_of(scenario.outcomes.begin(), scenario.outcomes.end(), [&](const Outcome& one) {
-           return one.call == call && one.code == code &&
-                  std::all_of(std::begin(one.says), std::end(one.says), [](const char* text) {
-                    return text == nullptr || errors().find(text) != std::string::npos;
-                  });
+         std::ranges::any_of(scenario.outcomes, [&](const Outcome& one) {
+           return one.call == call && one.code == code && std::ranges::all_of(one.says, isSaid);
          });
 }
 

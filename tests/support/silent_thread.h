@@ -15,7 +15,10 @@
 
 class SilentThread {
  public:
-  SilentThread(const char* name, uint32_t thresholds) : name_(name), thresholds_(thresholds) {
+  static constexpr char kName[] = "silent";
+
+  // The seconds are all its thresholds.
+  explicit SilentThread(uint32_t seconds) : seconds_(seconds) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstack(&attributes, stack_, kStackBytes);
@@ -38,18 +41,18 @@ class SilentThread {
  private:
   static constexpr size_t kStackBytes = 1 << 20;
   static void* main(void* self) {
-    auto& thread = *static_cast<SilentThread*>(self);
-    pthread_setname_np(pthread_self(), thread.name_);
-    thread.tid_ = gettid();
-    const uint32_t seconds = thread.thresholds_;
-    EXPECT_EQ(Frame_SetHeartbeatToMon(&thread.slot_, seconds, seconds, seconds), QURN_OK);
-    thread.registered_.release();
-    thread.end_.acquire();
+    static_cast<SilentThread*>(self)->beSilent();
     return nullptr;
   }
+  void beSilent() {
+    pthread_setname_np(pthread_self(), kName);
+    tid_ = gettid();
+    EXPECT_EQ(Frame_SetHeartbeatToMon(&slot_, seconds_, seconds_, seconds_), QURN_OK);
+    registered_.release();
+    end_.acquire();
+  }
 
-  const char* name_;
-  uint32_t thresholds_;  // all three, in seconds
+  uint32_t seconds_;
   void* stack_ =
       mmap(nullptr, kStackBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   FrameDeadloopHandle slot_ = 0;
