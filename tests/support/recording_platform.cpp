@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -30,14 +31,16 @@ struct State {
   std::function<void(const std::string&)> watcher;
 };
 
-State& state() {
+// Locked as long as the answer lives.
+std::unique_ptr<State, void (*)(State*)> state() {
   static auto* const instance = new State;
-  return *instance;
+  instance->mutex.lock();
+  return {instance, [](State* locked) { locked->mutex.unlock(); }};
 }
 
 void tellWatcher(const std::string& what) {
-  if (state().watcher) {
-    state().watcher(what);
+  if (const auto watcher = state()->watcher; watcher != nullptr) {
+    watcher(what);
   }
 }
 
@@ -58,32 +61,15 @@ void record(const void* caller, bool unsuppressed, uint32_t moduleId, const char
     fprintf(stderr, "That line is not passed as it has to be.\n");
     abort();
   }
-  {
-    const std::lock_guard lock(state().mutex);
-    state().lines.push_back({level, text, unit, line, unsuppressed});
-  }
+  state()->lines.push_back({level, text, unit, line, unsuppressed});
   tellWatcher(text);
-}
-
-// The source lines that lines with this text came from.
-std::multiset<uint32_t> linesWith(const std::string& part) {
-  std::multiset<uint32_t> found;
-  for (const recorded::Line& line : recorded::lines()) {
-    if (line.text.find(part) != std::string::npos) {
-      found.insert(line.sourceLine);
-    }
-  }
-  return found;
 }
 
 }  // namespace
 
 namespace recorded {
 
-std::vector<Line> lines() {
-  const std::lock_guard lock(state().mutex);
-  return state().lines;
-}
+std::vector<Line> lines() { return state()->lines; }
 
 std::vector<std::string> texts(uint32_t level) {
   std::vector<std::string> found;
@@ -96,41 +82,38 @@ std::vector<std::string> texts(uint32_t level) {
 }
 
 bool has(uint32_t level, const std::string& text) {
-  const std::vector<std::string> said = texts(level);
-  return std::find(said.begin(), said.end(), text) != said.end();
+  return std::ranges::count(texts(level), text) != 0;
 }
 
-size_t count(const std::string& part) { return linesWith(part).size(); }
+size_t count(const std::string& part) {
+  return std::ranges::count_if(
+      texts(), [&](const std::string& text) { return text.find(part) != std::string::npos; });
+}
 
 size_t sourceLines(const std::string& part) {
-  const std::multiset<uint32_t> all = linesWith(part);
-  return std::set<uint32_t>(all.begin(), all.end()).size();
+  std::set<uint32_t> found;
+  for (const Line& line : lines()) {
+    if (line.text.find(part) != std::string::npos) {
+      found.insert(line.sourceLine);
+    }
+  }
+  return found.size();
 }
 
 void forget() {
-  const std::lock_guard lock(state().mutex);
-  state().lines.clear();
-  state().events.clear();
+  state()->lines.clear();
+  state()->events.clear();
 }
 
 void watch(std::function<void(const std::string& what)> watcher) {
-  state().watcher = std::move(watcher);
+  state()->watcher = std::move(watcher);
 }
 
-void note(const std::string& event) {
-  const std::lock_guard lock(state().mutex);
-  state().events.push_back(event);
-}
+void note(const std::string& event) { state()->events.push_back(event); }
 
-std::vector<std::string> events() {
-  const std::lock_guard lock(state().mutex);
-  return state().events;
-}
+std::vector<std::string> events() { return state()->events; }
 
-size_t blocksHeld() {
-  const std::lock_guard lock(state().mutex);
-  return state().blocksHeld;
-}
+size_t blocksHeld() { return state()->blocksHeld; }
 
 }  // namespace recorded
 
@@ -157,7 +140,8 @@ void LOG_InnerVprint(uint32_t moduleId, uint32_t kind, const char* file, uint32_
 }
 
 const char* FrameParamGet(uint32_t id) {
-  return id == 12 && !state().configPath.empty() ? state().configPath.c_str() : nullptr;
+  const std::string& path = state()->configPath;
+  return id == 12 && !path.empty() ? path.c_str() : nullptr;
 }
 
 uint32_t FrameTriggerCheckExit(void) {
@@ -169,28 +153,22 @@ void* TOV_MemAllocF(size_t size, const char* file, uint32_t line, uint32_t reser
   if (fault::strikes("TOV_MemAllocF") || file == nullptr || line == 0 || reserved != 0) {
     return nullptr;
   }
-  const std::lock_guard lock(state().mutex);
-  ++state().blocksHeld;
-  void* block = malloc(size);
-  memset(block, 0xA5, size);  // the library is to clear what it gets
-  return block;
+  ++state()->blocksHeld;
+  return memset(malloc(size), 0xA5, size);  // the library is to clear what it gets
 }
 
 void TOV_MemFreeF(void* block, const char* /*file*/, uint32_t /*line*/, uint32_t reserved) {
   tellWatcher("free");
-  const std::lock_guard lock(state().mutex);
-  state().blocksHeld -= block != nullptr && reserved == 0 ? 1 : 0;
+  state()->blocksHeld -= block != nullptr && reserved == 0 ? 1 : 0;
   free(block);
 }
 
 }  // extern "C"
 
 void configure(const std::string& yaml) {
-  state().configPath.clear();
-  if (!yaml.empty()) {
-    state().configPath = testing::TempDir() + "/qurn-" + std::to_string(getpid()) + ".yaml";
-    std::ofstream(state().configPath) << yaml;
-  }
+  const std::string path = testing::TempDir() + "/qurn-" + std::to_string(getpid()) + ".yaml";
+  std::ofstream(path) << yaml;
+  state()->configPath = yaml.empty() ? "" : path;
 }
 
 bool eventually(const std::function<bool()>& condition) {
@@ -205,10 +183,7 @@ bool eventually(const std::function<bool()>& condition) {
 void startDetection(uint32_t periodMs) {
   ASSERT_EQ(FrameSetDeadloopPeriodDelay(periodMs), QURN_OK);
   ASSERT_EQ(FRAME_MntInit(), QURN_OK);
-  ASSERT_TRUE(eventually([] {
-    const std::vector<std::string> events = recorded::events();
-    return std::find(events.begin(), events.end(), "exit check") != events.end();
-  }));
+  ASSERT_TRUE(eventually([] { return std::ranges::count(recorded::events(), "exit check") != 0; }));
 }
 
 void onThread(const std::string& name, const std::function<void()>& body) {

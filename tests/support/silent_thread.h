@@ -22,6 +22,7 @@ class SilentThread {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstack(&attributes, stack_, kStackBytes);
+    const auto main = [](void* self) { return static_cast<SilentThread*>(self)->beSilent(); };
     EXPECT_EQ(pthread_create(&thread_, &attributes, main, this), 0);
     registered_.acquire();
   }
@@ -40,16 +41,13 @@ class SilentThread {
 
  private:
   static constexpr size_t kStackBytes = 1 << 20;
-  static void* main(void* self) {
-    static_cast<SilentThread*>(self)->beSilent();
-    return nullptr;
-  }
-  void beSilent() {
+  void* beSilent() {
     pthread_setname_np(pthread_self(), kName);
     tid_ = gettid();
     EXPECT_EQ(Frame_SetHeartbeatToMon(&slot_, seconds_, seconds_, seconds_), QURN_OK);
     registered_.release();
     end_.acquire();
+    return nullptr;
   }
 
   uint32_t seconds_;
