@@ -99,19 +99,23 @@ void reportHandler() {
 }
 void doNotPaint() { g_painting = false; }
 
-#define FORBID(NAME) INTERPOSE(NAME, forbid(#NAME); return next();)
+using PhdrCallback = int (*)(dl_phdr_info*, size_t, void*);
 
-FORBID(dl_iterate_phdr)
-FORBID(dladdr)
-FORBID(fflush)
-FORBID(fopen)
-FORBID(fputs)
-FORBID(fwrite)
-FORBID(pthread_cond_wait)
-FORBID(pthread_mutex_lock)
-FORBID(pthread_rwlock_rdlock)
-FORBID(pthread_rwlock_wrlock)
-FORBID(vsnprintf)
+INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), forbid(__func__))
+INTERPOSE(int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock), forbid(__func__))
+INTERPOSE(int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock), forbid(__func__))
+INTERPOSE(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
+          (condition, mutex), forbid(__func__))
+INTERPOSE(int, dl_iterate_phdr, (PhdrCallback callback, void* data), (callback, data),
+          forbid(__func__))
+INTERPOSE(int, dladdr, (const void* address, Dl_info* info), (address, info), forbid(__func__))
+INTERPOSE(int, fflush, (FILE * stream), (stream), forbid(__func__))
+INTERPOSE(int, fputs, (const char* text, FILE* stream), (text, stream), forbid(__func__))
+INTERPOSE(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* stream),
+          (data, size, count, stream), forbid(__func__))
+INTERPOSE(int, vsnprintf, (char* text, size_t size, const char* format, va_list args),
+          (text, size, format, args), forbid(__func__))
+INTERPOSE(FILE*, fopen, (const char* path, const char* mode), (path, mode), forbid(__func__))
 
 extern "C" {
 

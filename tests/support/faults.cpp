@@ -124,13 +124,23 @@ void redirectFile(const char* ending, const char* path) {
 }
 void symbolsReadAs(const char* line) { g_symbolLine = line; }
 
-// NAME fails with FAILURE when its fault strikes.
-#define MAY_FAIL(NAME, FAILURE) \
-  INTERPOSE(                    \
-      NAME, if (fault::strikes(#NAME)) { return FAILURE; } return next();)
-// The same, when it has done its work, so that nothing stays open or locked.
-#define MAY_FAIL_WHEN_DONE(NAME, FAILURE) \
-  INTERPOSE(NAME, const Result result = next(); return fault::strikes(#NAME) ? FAILURE : result;)
+// Defines NAME, as it is declared, to have the result FAILURE when its fault strikes. `next()` is
+// what would have been called. The definition is inline, so there when its address is asked for.
+#pragma GCC diagnostic ignored "-Wattributes"
+#pragma GCC diagnostic ignored "-Wignored-attributes"
+#define MAY_FAIL(NAME, FAILURE)                                              \
+  template <typename>                                                        \
+  struct Definition_##NAME;                                                  \
+  template <typename Result, typename... Arguments, bool quiet>              \
+  struct Definition_##NAME<Result(Arguments...) noexcept(quiet)> {           \
+    friend Result NAME(Arguments... arguments) noexcept(quiet) {             \
+      static constinit std::atomic<Result (*)(Arguments...)> found{nullptr}; \
+      const auto next = [&] { return real(found, #NAME)(arguments...); };    \
+      return fault::strikes(#NAME) ? (FAILURE) : next();                     \
+    }                                                                        \
+  };                                                                         \
+  template struct Definition_##NAME<decltype(::NAME)>;                       \
+  [[gnu::used]] constexpr auto kAddressOf_##NAME = &::NAME;
 
 // Not variadic here: an argument that a caller leaves out is one that nobody reads.
 extern "C" int prctl(int option, void* argument) noexcept;
@@ -168,9 +178,10 @@ MAY_FAIL(sigaction, -1)
 MAY_FAIL(strdup, nullptr)
 MAY_FAIL(timerfd_create, -1)
 MAY_FAIL(timerfd_settime, -1)
-MAY_FAIL_WHEN_DONE(close, -1)
-MAY_FAIL_WHEN_DONE(closedir, -1)
-MAY_FAIL_WHEN_DONE(pthread_mutex_unlock, errno)
+// These do their work all the same, so that nothing stays open or locked.
+MAY_FAIL(close, (next(), -1))
+MAY_FAIL(closedir, (next(), -1))
+MAY_FAIL(pthread_mutex_unlock, (next(), errno))
 
 extern "C" {
 
