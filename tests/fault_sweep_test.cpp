@@ -42,8 +42,6 @@ size_t entriesOf(const char* path) {
   return std::distance(std::filesystem::directory_iterator(path), {});
 }
 
-bool g_detectionRuns = false;
-
 // ---- scenarios
 
 void prepareStartup() {
@@ -54,15 +52,15 @@ void prepareStartup() {
 // Until the detection thread waits for its first tick, or, the first time, has given up.
 uint32_t startUp() {
   static int starts = 0;
+  static bool runs = false;
   const bool mayGiveUp = starts++ == 0;
   const int waits = fault::calls("epoll_wait");
-  const bool runs = g_detectionRuns;
   const size_t threads = entriesOf("/proc/self/task");
   const uint32_t ret = FRAME_MntInit();
   if (ret == QURN_OK && !runs) {
     EXPECT_TRUE(eventually([=] {
-      g_detectionRuns = fault::calls("epoll_wait") > waits;
-      return g_detectionRuns || (mayGiveUp && entriesOf("/proc/self/task") == threads);
+      runs = fault::calls("epoll_wait") > waits;
+      return runs || (mayGiveUp && entriesOf("/proc/self/task") == threads);
     }));
   }
   return ret;
@@ -104,8 +102,7 @@ void prepareTick() {
 uint32_t tick() {
   for (int i = 0; i < 3 && !g_hooked; ++i) {
     FrameDeadloopDetectCallback(nullptr);
-    for (int wait = 0; wait < 200 && FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_SIGNALED;
-         ++wait) {
+    for (int ms = 0; ms < 200 && FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_SIGNALED; ++ms) {
       usleep(1000);
     }
   }
@@ -301,7 +298,8 @@ TEST(FaultSweep, Tick) {
         {"pthread_mutex_unlock", QURN_OK, "Frame task deadloop unlock mistake errno(5)."},
         // The node that they concern waits for the next tick.
         {"clock_gettime", QURN_OK, "Frame report keep alive, get clock time unsuccessfully."},
-        {"clock_gettime", QURN_OK, "Frame get task elapsed time, current time get unsuccessfully."},
+        {"clock_gettime", QURN_OK, "Frame get task elapsed time, current time get unsuccessfully.",
+         "Task deadloop entry, task elapsed time error. (-1)"},
         // A thread that cannot be looked for counts as ended.
         {"snprintf_s", QURN_FAILED},
         {"opendir", QURN_OK, "Check thread exist, tid"},
