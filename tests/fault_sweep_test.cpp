@@ -85,9 +85,9 @@ bool g_hooked = false;
 void prepareTick() {
   frozen_clock::start();
   FrameDeadloopInit();
-  auto ended = std::make_unique<SilentThread>(1);
+  auto ended = std::make_unique<SilentThread>();
   g_stuck.reset();  // the last run's
-  g_stuck = std::make_unique<SilentThread>(1);
+  g_stuck = std::make_unique<SilentThread>();
   g_hooked = false;
   const auto hook = [](FrameDeadloopHandle*, uint64_t, uint32_t) -> uint32_t {
     g_hooked = true;

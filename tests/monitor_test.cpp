@@ -145,7 +145,7 @@ uint32_t useTheMonitorInAHook(FrameDeadloopHandle* handle, uint64_t /*threadId*/
                               uint32_t elapsedMs) {
   recorded::note("thread " + std::to_string(elapsedMs));
   FrameDeadloopHandle own = 0;
-  EXPECT_EQ(useTheMonitor(&own, SilentThread::kName), Codes(5, QURN_OK));
+  EXPECT_EQ(useTheMonitor(&own, "silent"), Codes(5, QURN_OK));
   EXPECT_EQ(FrameSetDetectSwitch(*handle, 0), QURN_OK);
   EXPECT_EQ(Frame_SetHeartExceptionPolicy(*handle, 1), QURN_OK);
   EXPECT_EQ(Frame_UnRegDeadloopInfoHook(handle), QURN_OK);
@@ -155,7 +155,7 @@ uint32_t useTheMonitorInAHook(FrameDeadloopHandle* handle, uint64_t /*threadId*/
 }
 
 TEST_F(DetectionPass, HooksRunBetweenHeartbeatsAndTheThreadsMayUseTheWholeMonitor) {
-  SilentThread stuck(2);
+  SilentThread stuck;
   Frame_RegDeadloopInfoHook(stuck.slot(), useTheMonitorInAHook);
   const auto noteBeat = [](void*) -> uint32_t {
     recorded::note("beat");
@@ -185,7 +185,7 @@ TEST_F(DetectionPass, ARecordOfTheCallersOwnIsSignalledByItsPosixIdAloneAndNever
 }
 
 TEST_F(DetectionPass, AnEndedThreadIsReleasedAndItsIdentifierNeverUsed) {
-  SilentThread leaving(1);
+  SilentThread leaving;
   const auto endOnceReported = [](void* thread) -> uint32_t {
     if (recorded::count("trigger third") != 0) {
       static_cast<SilentThread*>(thread)->end();

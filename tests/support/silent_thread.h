@@ -1,5 +1,6 @@
-// A registered thread that sends no heartbeat. Its stack is its own and goes with it, the thread's
-// control block included: what its POSIX identifier names is then unmapped.
+// A registered thread, "silent", that sends no heartbeat; its thresholds are one second. Its stack
+// is its own and goes with it, the thread's control block included: what its POSIX identifier names
+// is then unmapped.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,10 +16,7 @@
 
 class SilentThread {
  public:
-  static constexpr char kName[] = "silent";
-
-  // The seconds are all its thresholds.
-  explicit SilentThread(uint32_t seconds) : seconds_(seconds) {
+  SilentThread() {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstack(&attributes, stack_, kStackBytes);
@@ -42,15 +40,14 @@ class SilentThread {
  private:
   static constexpr size_t kStackBytes = 1 << 20;
   void* beSilent() {
-    pthread_setname_np(pthread_self(), kName);
+    pthread_setname_np(pthread_self(), "silent");
     tid_ = gettid();
-    EXPECT_EQ(Frame_SetHeartbeatToMon(&slot_, seconds_, seconds_, seconds_), QURN_OK);
+    EXPECT_EQ(Frame_SetHeartbeatToMon(&slot_, 1, 1, 1), QURN_OK);
     registered_.release();
     end_.acquire();
     return nullptr;
   }
 
-  uint32_t seconds_;
   void* stack_ =
       mmap(nullptr, kStackBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   FrameDeadloopHandle slot_ = 0;
