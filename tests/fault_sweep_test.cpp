@@ -131,7 +131,7 @@ uint32_t useHandleTable() {
 
 uint32_t useLegacyCalls() {
   ZotHandleRecord* module = nullptr;
-  if (const uint32_t ret = ZOT_HandleInitializeByName("sweep", &module); ret != QURN_OK) {
+  if (const uint32_t ret = ZOT_HandleInitialize(nullptr, 1, &module); ret != QURN_OK) {
     return ret;
   }
   const auto handle = reinterpret_cast<uintptr_t>(module);
@@ -325,7 +325,8 @@ TEST(FaultSweep, LegacyCalls) {
          useLegacyCalls,
          {"pthread_mutex_lock", "pthread_mutex_unlock", "pthread_rwlock_rdlock", "memset_s",
           "localtime_r", "mktime"},
-         {{"KEM_HandleInitialize", QURN_FAILED, "kelva handle init unsuccessfully. (ret = 0x7)"},
+         {{"snprintf_s", QURN_FAILED, "copy mod id unsuccessfully"},
+          {"KEM_HandleInitialize", QURN_FAILED, "kelva handle init unsuccessfully. (ret = 0x7)"},
           {"KEM_MemAlloc_F", QURN_FAILED},  // no module
           {"KEM_MemAlloc_F", 1},            // no block
           {"memset_s", QURN_FAILED},
