@@ -2,20 +2,15 @@
 #include <qurnadapt/platform.h>
 
 #include "../support/handle_table_model.h"
+#include "../support/interpose.h"
 #include "fuzz_target.h"
 
 static bool g_allocationsFail = false;
 
-extern "C" void* KEM_MemAlloc_F(uint32_t /*handleId*/, uint8_t /*partition*/, uintptr_t size,
-                                const char* /*file*/, uint32_t /*line*/) {
-  return g_allocationsFail ? nullptr : std::malloc(size);
-}
-
-extern "C" uint32_t KEM_MemFree_F(uint32_t /*handleId*/, void* block, const char* /*file*/,
-                                  uint32_t /*line*/) {
-  std::free(block);
-  return QURN_OK;
-}
+INTERPOSE(
+    void*, KEM_MemAlloc_F,
+    (uint32_t handleId, uint8_t partition, uintptr_t size, const char* file, uint32_t line),
+    (handleId, partition, size, file, line), if (g_allocationsFail) { return nullptr; })
 
 // An operation is a byte and the choice of a handle; repeats make pages fill up and run empty.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
