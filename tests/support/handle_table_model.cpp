@@ -10,21 +10,19 @@ TableBesideModel::TableBesideModel(uint32_t generationBits, uint32_t pageBits,
   vacant_.resize(std::min(1U << pageBits, NBB_PAGES_MAX));
   std::iota(vacant_.begin(), vacant_.end(), 0);
   while (freeSlots_ < 1024) {
-    addPage(vacant_.front());
+    makeRoomFor(vacant_.front());
   }
   queue_.swap(pages_[0].freeList);
 }
 
-uint32_t TableBesideModel::handleOf(const Named& named) const {
-  return named.page | named.slot << pageBits_ | named.generation << (pageBits_ + 8);
-}
-
-TableBesideModel::Named TableBesideModel::namedBy(uint32_t handle) const {
-  return {handle & ((1U << pageBits_) - 1), (handle >> pageBits_) & 0xFF,
-          (handle >> (pageBits_ + 8)) & generationMask_};
-}
-
-bool TableBesideModel::addPage(uint32_t index) {
+// Adds the page if there is none yet, else keeps the reserve of free slots.
+bool TableBesideModel::makeRoomFor(uint32_t index) {
+  if (pages_.contains(index)) {
+    if (freeSlots_ > 1024 || vacant_.empty()) {
+      return freeSlots_ > 1024;
+    }
+    index = vacant_.front();
+  }
   std::erase(vacant_, index);
   if (pagesFail_) {
     vacant_.push_front(index);
@@ -38,61 +36,55 @@ bool TableBesideModel::addPage(uint32_t index) {
   return true;
 }
 
-bool TableBesideModel::keepReserve() {
-  return freeSlots_ > 1024 || (!vacant_.empty() && addPage(vacant_.front()));
-}
-
-// When the free queue is used up, the next page with a free slot becomes the current one.
-void TableBesideModel::occupy(const Named& free, void* pointer) {
-  Page& page = pages_[free.page];
-  if (free.page == current_) {
-    std::erase(queue_, free.slot);
+// When that uses the free queue up, the next page with a free slot becomes the current one.
+void TableBesideModel::occupy(uint32_t handle, void* pointer) {
+  const uint32_t slot = slotOf(handle);
+  Page& page = pages_[pageOf(handle)];
+  std::erase(page.freeList, slot);
+  if (pageOf(handle) == current_) {
+    std::erase(queue_, slot);
   }
-  std::erase(page.freeList, free.slot);
-  page.pointers[free.slot] = pointer;
-  page.generations[free.slot] = static_cast<uint8_t>(free.generation);
-  ++page.used;
+  page.pointers[slot] = pointer;
+  page.generations[slot] = generationOf(handle);
   --freeSlots_;
-  if (!queue_.empty()) {
-    return;
-  }
-  if (freedBehind_ > 1024) {
+  if (queue_.empty() && freedBehind_ > 1024) {
     freedBehind_ = 0;
     current_ = 0;
   }
-  do {
+  while (queue_.empty()) {
     const auto next = pages_.upper_bound(current_);
     current_ = next == pages_.end() ? 0 : next->first;
     freedBehind_ = current_ == 0 ? 0 : freedBehind_;
-  } while (pages_[current_].used == NBB_SLOTS_PER_PAGE);
-  queue_.swap(pages_[current_].freeList);
+    queue_.swap(pages_[current_].freeList);
+  }
 }
 
 uint32_t TableBesideModel::create(void* pointer) {
-  if (!keepReserve()) {
+  if (!makeRoomFor(current_)) {
     return 0;
   }
   const uint32_t slot = queue_.front();
-  const Named free{current_, slot, std::max<uint32_t>(pages_[current_].generations[slot], 1)};
-  occupy(free, pointer);
-  return handleOf(free);
+  const uint32_t generation = std::max(pages_[current_].generations[slot], 1U);
+  const uint32_t handle = current_ | slot << pageBits_ | generation << (pageBits_ + 8);
+  occupy(handle, pointer);
+  return handle;
 }
 
 uint32_t TableBesideModel::assign(uint32_t handle, void* pointer) {
-  const Named free = namedBy(handle);
-  if (handle == 0 || free.page >= NBB_PAGES_MAX ||
-      !(pages_.contains(free.page) ? keepReserve() : addPage(free.page)) ||
-      pages_[free.page].pointers[free.slot] != nullptr) {
+  const uint32_t index = pageOf(handle);
+  if (handle == 0 || index >= NBB_PAGES_MAX || !makeRoomFor(index) ||
+      pages_[index].pointers[slotOf(handle)] != nullptr) {
     return 0;
   }
-  freedBehind_ -= free.page <= current_ ? 1 : 0;
-  occupy(free, pointer);
+  freedBehind_ -= index <= current_ ? 1 : 0;
+  occupy(handle, pointer);
   return handle;
 }
 
 void** TableBesideModel::find(uint32_t handle) {
-  const auto [index, slot, generation] = namedBy(handle);
-  const auto found = pages_.find(index);
+  const uint32_t slot = slotOf(handle);
+  const uint32_t generation = generationOf(handle);
+  const auto found = pages_.find(pageOf(handle));
   if (found == pages_.end() || generation == 0 || found->second.generations[slot] != generation) {
     return nullptr;
   }
@@ -106,14 +98,13 @@ void TableBesideModel::destroy(uint32_t handle) {
     return;
   }
   *pointer = nullptr;
-  const auto [index, slot, generation] = namedBy(handle);
+  const uint32_t index = pageOf(handle);
   Page& page = pages_[index];
-  page.generations[slot] = static_cast<uint8_t>(generation % generationMask_ + 1);
-  page.freeList.push_front(slot);
-  --page.used;
+  page.generations[slotOf(handle)] = generationOf(handle) % generationMask_ + 1;
+  page.freeList.push_front(slotOf(handle));
   ++freeSlots_;
   freedBehind_ += index <= current_ ? 1 : 0;
-  if (index != 0 && index != current_ && page.used == 0 && freeSlots_ > 2048) {
+  if (index != 0 && index != current_ && page.freeList.size() == 256 && freeSlots_ > 2048) {
     pages_.erase(index);
     vacant_.push_back(index);
     freeSlots_ -= 256;
@@ -121,41 +112,38 @@ void TableBesideModel::destroy(uint32_t handle) {
   }
 }
 
-bool TableBesideModel::operate(Operation operation, uint32_t choice, bool pagesFail) {
-  void* const pointer = reinterpret_cast<void*>((++pointers_ << 4U) + 0x1000);
+bool TableBesideModel::operate(uint32_t operation, uint32_t choice, bool pagesFail) {
   const bool known = !handles_.empty() && choice % 10 != 0;
   choice /= 10;
   const size_t place = known ? choice % handles_.size() : 0;
-  // Mostly of a low page.
-  const uint32_t pages = std::min(1U << pageBits_, choice % 6 == 0 ? 5000U : 20U);
+  const uint32_t lowPages = std::min(1U << pageBits_, choice % 6 == 0 ? 5000U : 20U);
   const uint32_t handle =
-      known ? handles_[place]
-            : handleOf({(choice >> 16U) % pages, (choice >> 8U) % 256, choice & generationMask_});
+      known ? handles_[place] : (choice >> 16U) % lowPages | choice << pageBits_;
+  void* const pointer = reinterpret_cast<void*>((++pointers_ << 4U) + 0x1000);
   uint32_t answer = handle;
   uint32_t expected = handle;
   pagesFail_ = pagesFail;
   failPages_(pagesFail);
-  if (operation == Operation::kCreate) {
+  if (operation == kCreate) {
     answer = nbb_create_handle_in_table(&table, pointer);
     expected = create(pointer);
-  } else if (operation == Operation::kAssign) {
+  } else if (operation == kAssign) {
     answer = nbb_assign_handle_in_table(&table, handle, pointer);
     expected = assign(handle, pointer);
-  } else if (operation == Operation::kModify) {
+  } else if (operation == kModify) {
     nbb_modify_handle_in_table(&table, handle, pointer);
     if (void** held = find(handle); held != nullptr) {
       *held = pointer;
     }
-  } else if (operation == Operation::kDestroy) {
+  } else if (operation == kDestroy) {
     nbb_destroy_handle_in_table(&table, handle);
     destroy(handle);
   }
   failPages_(false);
-  if (operation <= Operation::kAssign && answer != 0) {
+  if (operation <= kAssign && answer != 0) {
     handles_.push_back(answer);
-  } else if (operation == Operation::kDestroy && known && choice % 4 != 0) {
-    std::swap(handles_[place], handles_.back());
-    handles_.pop_back();
+  } else if (operation == kDestroy && known && choice % 4 != 0) {
+    handles_.erase(handles_.begin() + static_cast<long>(place));
   }
   void** held = find(answer);
   return answer == expected &&

@@ -1,5 +1,5 @@
-// The handle table once more, as plain containers: what every call must answer, and what the
-// table's record must then hold.
+// The handle table once more, as plain containers: what every call must answer, and how the table
+// must then count.
 #pragma once
 
 #include <qurnadapt/handle_table.h>
@@ -12,14 +12,14 @@
 // Does to a table what it does to the model, and compares every answer.
 class TableBesideModel {
  public:
-  enum class Operation { kCreate, kAssign, kModify, kDestroy, kValidate };
+  enum Operation : uint32_t { kCreate, kAssign, kModify, kDestroy, kValidate };
 
   // Sets the table up with these widths. Its allocations fail as failPages says.
   TableBesideModel(uint32_t generationBits, uint32_t pageBits, void (*failPages)(bool fail));
 
   // The choice picks a handle: nine times of ten one that was given out, else one made up of it.
   // It is validated afterwards. Returns whether both answered and count the same.
-  bool operate(Operation operation, uint32_t choice, bool pagesFail);
+  bool operate(uint32_t operation, uint32_t choice, bool pagesFail);
 
   NbbHndTbl table{};
 
@@ -27,20 +27,16 @@ class TableBesideModel {
   struct Page {
     std::deque<uint32_t> freeList;
     std::array<void*, NBB_SLOTS_PER_PAGE> pointers{};
-    std::array<uint8_t, NBB_SLOTS_PER_PAGE> generations{};
-    uint32_t used = 0;
-  };
-  struct Named {
-    uint32_t page;
-    uint32_t slot;
-    uint32_t generation;
+    std::array<uint32_t, NBB_SLOTS_PER_PAGE> generations{};
   };
 
-  [[nodiscard]] uint32_t handleOf(const Named& named) const;
-  [[nodiscard]] Named namedBy(uint32_t handle) const;
-  bool addPage(uint32_t index);
-  bool keepReserve();
-  void occupy(const Named& free, void* pointer);
+  [[nodiscard]] uint32_t pageOf(uint32_t handle) const { return handle % (1U << pageBits_); }
+  [[nodiscard]] uint32_t slotOf(uint32_t handle) const { return (handle >> pageBits_) % 256; }
+  [[nodiscard]] uint32_t generationOf(uint32_t handle) const {
+    return (handle >> (pageBits_ + 8)) & generationMask_;
+  }
+  bool makeRoomFor(uint32_t index);
+  void occupy(uint32_t handle, void* pointer);
   uint32_t create(void* pointer);
   uint32_t assign(uint32_t handle, void* pointer);
   void** find(uint32_t handle);  // null for one that is not valid
