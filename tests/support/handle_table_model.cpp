@@ -146,8 +146,13 @@ bool TableBesideModel::operate(uint32_t operation, uint32_t choice, bool pagesFa
     handles_.erase(handles_.begin() + static_cast<long>(place));
   }
   void** held = find(answer);
+  const auto page = pages_.find(pageOf(answer));
+  const uint32_t slot = slotOf(answer);
+  const auto* record = reinterpret_cast<const NbbHndPage*>(table.pageArray[pageOf(answer) % 4096]);
   return answer == expected &&
          nbb_validate_handle_in_table(&table, answer) == (held == nullptr ? nullptr : *held) &&
+         (page == pages_.end() || record->generations[slot] == page->second.generations[slot]) &&
+         table.vacantTail == (vacant_.empty() ? nullptr : table.pageArray + vacant_.back()) &&
          table.freeSlotCount == freeSlots_ && table.freedBehindCount == freedBehind_ &&
          table.currentPage == static_cast<int32_t>(current_);
 }
