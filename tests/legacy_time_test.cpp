@@ -121,9 +121,6 @@ TEST(LegacyTime, ConversionsThatFailSayWhyAndTouchNothing) {
             (Texts{invalid, invalid, invalid, "Year should be within [1970, 2038].(year=1969)",
                    "Gmt to local time unsuccessfully, gmt time invalid.",
                    "Gmt to local time unsuccessfully!"}));
-  const ZotSystime evening{2020, 1, 1, 20, 0, 0, 0, 7};  // the week is not looked at
-  EXPECT_EQ(ZOT_Gmt2Lmt(&evening, &out), 0U);
-  EXPECT_EQ(out, (ZotSystime{2020, 1, 2, 4, 0, 0, 4, 7}));
 }
 
 // The hours that a zone skips or repeats are those where the given fields, read in the zone, do not
@@ -142,7 +139,8 @@ TEST(LegacyTime, EveryHalfHourOfNineYearsConvertsAsTheCLibraryDoesInAnyZone) {
     size_t daylight = 0;
     for (time_t moment = kFrom; moment < kTo; moment += 1800) {
       const uint32_t millSec = static_cast<uint32_t>(moment / 1800 % 1000);
-      const ZotSystime given = gmt(moment, millSec);
+      ZotSystime given = gmt(moment, millSec);
+      given.week = 3;  // is not looked at
       tm parts{};
       const ZotSystime expected = record(*localtime_r(&moment, &parts), millSec);
       const auto expectedDst = static_cast<uint32_t>(parts.tm_isdst);
