@@ -23,6 +23,7 @@ namespace {
 
 std::deque<timeval> g_readings;  // of the clock; a negative second is a failure
 long g_uptime = -1;              // of the system, if not negative
+bool g_tickStands = false;       // at 5 ms and 4096 times 2 to the 32nd nanoseconds
 
 }  // namespace
 
@@ -31,6 +32,13 @@ INTERPOSE(
       *now = g_readings.front();
       g_readings.pop_front();
       return now->tv_sec < 0 ? -1 : 0;
+    })
+
+INTERPOSE(
+    uint32_t, KEM_GetCpuTick, (uint32_t * low, uint32_t* high), (low, high), if (g_tickStands) {
+      *low = 5'000'000;
+      *high = 0x1000;
+      return QURN_OK;
     })
 
 extern "C" int sysinfo(struct sysinfo* info) noexcept {
@@ -212,46 +220,38 @@ TEST(LegacyTime, SecondsAndTheSystemsStartAreBrokenDown) {
 }
 
 TEST(LegacyTime, UptimeCountsFromItsRecord) {
-  ZotUptimeRecord* base = ZOT_StartuptimeInit();
-  ASSERT_NE(base, nullptr);
-  const auto expectFrom = [base](uint64_t least) {
-    ZotUptimeMs uptime{};
-    EXPECT_EQ(ZOT_CalUptime(base, &uptime), 0U);
-    const uint64_t ms = uint64_t{uptime.msHigh} << 32U | uptime.msLow;
-    EXPECT_TRUE(ms >= least && ms < least + 60'000) << ms << " from " << least;
-  };
+  ZotUptimeRecord* zero = ZOT_StartuptimeInit();
+  ASSERT_NE(zero, nullptr);
+  ZotUptimeMs uptime{};
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const auto age = static_cast<uint64_t>(now.tv_sec) * 1000;
-  expectFrom(age);
-  base->baseMsHigh = 1;
-  base->baseMsLow = 1000;
-  expectFrom(age + (1ULL << 32U) + 1000);
-  KEM_GetCpuTick(&base->startTickLow, &base->startTickHigh);
-  expectFrom((1ULL << 32U) + 1000);
+  EXPECT_EQ(ZOT_CalUptime(zero, &uptime), 0U);
+  const auto late = (int64_t{uptime.msHigh} << 32U | uptime.msLow) - now.tv_sec * 1000;
+  EXPECT_TRUE(late >= 0 && late < 60'000) << late;
 
-  ZotUptimeMs untouched{7, 7};
-  const auto expectWarning = [&](const ZotUptimeRecord* from, ZotUptimeMs* to, const char* start) {
-    recorded::forget();
-    EXPECT_EQ(ZOT_CalUptime(from, to), QURN_FAILED);
-    const Texts said = recorded::texts(80);
-    EXPECT_TRUE(said.size() == 1 && said[0].find(start) == 0) << testing::PrintToString(said);
-    EXPECT_TRUE(untouched.msHigh == 7 && untouched.msLow == 7);
-  };
+  g_tickStands = true;
+  const ZotUptimeRecord later{1'000'000, 0x1000, 1, 1000};
+  const ZotUptimeRecord ahead{5'000'001, 0x1000, 0, 0};
+  const ZotUptimeRecord tooMuch{0, 0, 0xFFFFFFFF, 0xFFFFFFFF};
+  EXPECT_EQ(ZOT_CalUptime(&later, &uptime), 0U);
   fault::arm("KEM_CpuTick2Ms", 0);
-  expectWarning(base, &untouched,
-                "CPU TICK counts convert to millisecond unsuccessfully ret = 7, tick h:");
-  base->startTickHigh = 0xFFFFFFFF;  // ahead
-  expectWarning(base, &untouched,
-                "Calculate cputick error, mistake code is 4294967295, subHigh = 4294967295, "
-                "subLow =");
-  *base = {0, 0, 0xFFFFFFFF, 0xFFFFFFFF};
-  expectWarning(base, &untouched,
-                "Add startuptime error, mistake code is 4294967295. subHigh = 4294967295, "
-                "subLow =4294967295, High=0, Low =");
-  expectWarning(nullptr, &untouched, "Calculate the startup time, invalid param");
-  expectWarning(base, nullptr, "Calculate the startup time, invalid param");
-  EXPECT_EQ(ZOT_Free_F(base, "test", 1), 0U);
+  EXPECT_EQ(ZOT_CalUptime(zero, &uptime), QURN_FAILED);
+  EXPECT_EQ(ZOT_CalUptime(&ahead, &uptime), QURN_FAILED);
+  EXPECT_EQ(ZOT_CalUptime(&tooMuch, &uptime), QURN_FAILED);
+  EXPECT_EQ(ZOT_CalUptime(nullptr, &uptime), QURN_FAILED);
+  EXPECT_EQ(ZOT_CalUptime(zero, nullptr), QURN_FAILED);
+  EXPECT_TRUE(uptime.msHigh == 1 && uptime.msLow == 1004);
+  EXPECT_EQ(
+      recorded::texts(80),
+      (Texts{
+          "CPU TICK counts convert to millisecond unsuccessfully ret = 7, tick h:0x1000 l:0x4c4b40",
+          "Calculate cputick error, mistake code is 4294967295, subHigh = 4096, subLow =5000001, "
+          "High=4294967295, Low =4294967295.",
+          "Add startuptime error, mistake code is 4294967295. subHigh = 4294967295, subLow "
+          "=4294967295, High=0, Low =17592190.",
+          "Calculate the startup time, invalid param",
+          "Calculate the startup time, invalid param"}));
+  EXPECT_EQ(ZOT_Free_F(zero, "test", 1), 0U);
 }
 
 }  // namespace

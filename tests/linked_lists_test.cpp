@@ -118,9 +118,14 @@ TEST(LinkedLists, TolerateNullWhereTheySaySo) {
   DLL_Insert(&list, nullptr, nullptr);
   DLL_Insert_In_Middle(&list, &list.head, nullptr, &list.head);
   DLL_FreeAll(nullptr, wreck);
-  DllNode stray{&node, &node};  // its neighbours do not know it
-  DLL_Delete(&list, &stray);
-  EXPECT_TRUE(list.count == 0 && list.head.next == &list.head && node.next == nullptr);
+  EXPECT_EQ(node.next, nullptr);
+  DllNode stray{&node, &node};  // its neighbours do not know it, or only one of them does
+  for (const DllNode& neighbour : {DllNode{}, DllNode{&stray, nullptr}, DllNode{nullptr, &stray}}) {
+    node = neighbour;
+    DLL_Delete(&list, &stray);
+    EXPECT_TRUE(stray.next == &node && stray.prev == &node);
+  }
+  EXPECT_TRUE(list.count == 0 && list.head.next == &list.head);
 }
 
 }  // namespace
