@@ -1,7 +1,6 @@
 // The example host as a user runs it, alone and under its guard: real threads, real signals, real
 // timers, in a process of its own. Stories that take their time are told at once.
 #include <csignal>
-#include <regex>
 
 #include "support/run_program.h"
 

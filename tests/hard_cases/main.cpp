@@ -33,15 +33,11 @@ Place placeCalled(const std::string& name) {
   return reinterpret_cast<Place>(dlsym(RTLD_DEFAULT, ("at_" + name).c_str()));
 }
 
-void waitUntil(bool (*holds)()) {
-  while (!holds()) {
+template <typename Count>
+void waitFor(const Count& count) {
+  while (count == 0) {
     usleep(1000);
   }
-}
-
-uint32_t beat(void* /*unused*/) {
-  ++g_beats;
-  return 0;
 }
 
 uint32_t rescue(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
@@ -51,7 +47,7 @@ uint32_t rescue(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t
 
 // Without a hook the library ends the process.
 void getStuck(Place place) {
-  waitUntil([] { return g_go.load(); });
+  waitFor(g_go);
   FrameDeadloopHandle self = 0;
   Frame_SetHeartbeatToMon(&self, 1, 1, 1);
   if (g_end == "rescued") {
@@ -63,22 +59,19 @@ void getStuck(Place place) {
 
 // Heartbeats have come, and are to come no more.
 void waitForSilence() {
-  int last = 0;
-  do {
+  for (int last = 0; last != g_beats; sleep(3)) {
     last = g_beats;
-    sleep(3);
-  } while (last != g_beats);
+  }
   say("the heartbeats stopped\n");
   _exit(0);
 }
 
 // Captures the thread again and again, with no detection thread to interfere.
 void sample(Place place) {
-  constexpr int kSamples = 300;
   FrameDeadloopInit();
   std::thread thread(place);
   usleep(100'000);
-  for (int i = 0; i < kSamples; ++i) {
+  for (int i = 0; i < 300; ++i) {
     usleep(static_cast<useconds_t>(rand() % 500));
     FrameThreadDeadloopPrint(thread.native_handle());
     while (FrameGetDeadloopStatus() != FRAME_DEADLOOP_STATUS_CAPTURED) {
@@ -92,11 +85,10 @@ void sample(Place place) {
 
 void watch(Place place, int count, Place bystander) {
   FrameSetDeadloopPeriodDelay(kPeriodMs);
-  FRAME_KeepAliveProcSet(kPeriodMs, beat, nullptr);
-  if (FRAME_MntInit() != QURN_OK) {
-    _exit(1);
-  }
-  waitUntil([] { return g_beats > 0; });
+  FRAME_KeepAliveProcSet(
+      kPeriodMs, [](void*) -> uint32_t { return ++g_beats, 0; }, nullptr);
+  FRAME_MntInit();
+  waitFor(g_beats);
   // Before the allocator may be locked for good.
   std::vector<std::thread> threads;
   g_toRescue = count;
@@ -105,7 +97,7 @@ void watch(Place place, int count, Place bystander) {
   }
   if (bystander != nullptr) {
     std::thread(bystander).detach();
-    waitUntil([] { return g_inside != 0; });
+    waitFor(g_inside);
   }
   g_go = true;
   if (count == 0) {

@@ -21,7 +21,6 @@
 #include <ctime>
 #include <thread>
 
-#include "handler_stack.h"
 #include "hard_case.h"
 
 #define PLACE extern "C" __attribute__((noinline, noclone))

@@ -27,23 +27,19 @@ constexpr size_t kPaintedBytes = size_t{24} * 1024;
 constexpr unsigned char kPaint = 0xA5;
 constexpr int kErrno = 4711;
 
-constinit Handler g_handler = nullptr;
+constinit std::atomic<Handler> g_handler{nullptr};
 constinit std::atomic<size_t> g_stackUsed{0};
 constinit std::atomic<int> g_runs{0};
 constinit std::atomic<bool> g_painting{true};
 constinit thread_local bool t_handling = false;
 
-[[noreturn]] void stop(const char* what) {
-  t_handling = false;
-  say("forbidden: ");
-  say(what);
-  say("\n");
-  _exit(3);
-}
-
 void forbid(const char* what) {
   if (t_handling) {
-    stop(what);
+    t_handling = false;
+    say("forbidden: ");
+    say(what);
+    say("\n");
+    _exit(3);
   }
 }
 
@@ -54,7 +50,7 @@ __attribute__((noinline)) void runPainted(int sig, siginfo_t* info, void* contex
   for (volatile unsigned char* byte = bottom; byte < top; ++byte) {
     *byte = kPaint;
   }
-  g_handler(sig, info, context);
+  g_handler.load()(sig, info, context);
   const volatile unsigned char* lowest = bottom;
   while (*lowest == kPaint && lowest < top) {
     ++lowest;
@@ -68,15 +64,11 @@ void watchedHandler(int sig, siginfo_t* info, void* context) {
   const int kept = errno;
   errno = kErrno;
   t_handling = true;
-  if (g_painting) {
-    runPainted(sig, info, context);
-  } else {
-    g_handler(sig, info, context);
+  (g_painting ? runPainted : g_handler.load())(sig, info, context);
+  if (errno != kErrno) {
+    forbid("a change of errno");
   }
   t_handling = false;
-  if (errno != kErrno) {
-    stop("a change of errno");
-  }
   errno = kept;
   ++g_runs;
 }
