@@ -46,7 +46,7 @@ std::string report(const std::string& frames) {
 class Host : public testing::TestWithParam<int> {};
 
 TEST_P(Host, TellsItsStoryInOrderAndEndsAsItShould) {
-  const std::vector<Program> stories{
+  std::vector<Program> stories{
       story("loop", 88, report("spin_until_rescued+ ... enter_a_loop+ ... worker_main")),
       story("sleep", 88, report("sleep_in_the_kernel+ ... block_in_the_kernel+ ... worker_main")),
       story("sdk --seconds 9", 88,
@@ -69,9 +69,8 @@ TEST_P(Host, TellsItsStoryInOrderAndEndsAsItShould) {
             "trigger third"),
       lives("exit", "Task deadloop entry, task[worker-2:", "trigger third"),
       lives("healthy --thresholds 20,30,40", "", " error  ... threshold timeout")};
-  std::vector<Program> alike = stories;
-  std::erase_if(alike, [](const Program& one) { return one.status != GetParam(); });
-  expectAll(alike);
+  std::erase_if(stories, [](const Program& one) { return one.status != GetParam(); });
+  expectAll(stories);
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenarios, Host, testing::Values(0, 88),

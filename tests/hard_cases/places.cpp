@@ -73,8 +73,7 @@ PLACE void at_read() {
   }
 }
 PLACE void at_sleep() {
-  timespec rest{3600, 0};
-  while (nanosleep(&rest, &rest) != 0) {
+  for (timespec rest{3600, 0}; nanosleep(&rest, &rest) != 0;) {
   }
 }
 PLACE void at_epoll() {
@@ -103,10 +102,8 @@ PLACE void at_allocator() {
   const cookie_io_functions_t functions{nullptr, at_allocator_lock, nullptr, nullptr};
   FILE* trap = fopencookie(nullptr, "w", functions);
   setvbuf(trap, nullptr, _IONBF, 0);
-  FILE* kept = stderr;
   stderr = trap;
   malloc_stats();
-  stderr = kept;
 }
 PLACE void at_churn() {
   while (!g_rescued.load(std::memory_order_relaxed)) {
@@ -130,7 +127,6 @@ PLACE void at_stream() {
   flockfile(stderr);
   g_inside = 1;
   at_spin();
-  funlockfile(stderr);
 }
 PLACE int at_phdr_callback(dl_phdr_info* /*info*/, size_t /*size*/, void* /*data*/) {
   g_inside = 1;
