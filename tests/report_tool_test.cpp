@@ -40,7 +40,8 @@ TEST(Report, TellsWhatTheLogTells) {
                                          s/#3 .*/#3 \x1b[2Jevil./
                                          s/#4 .*/#4 0x12z./
                                          s/#5 .*/#5 \xff./" loop.log)");
-  expectGolden("other_prefixes", R"(sed "s/ /T/; s/\./,/; s/tovDeadloopTask://" loop.log
+  expectGolden("other_prefixes",
+               R"(sed "s/ /T/; s/\./,/; s/tovDeadloopTask://; s/^/abcd-ef-gh ij:kl:mn /" loop.log
                                     sed "s/^.*:[0-9]* \([FTSZC]\|#\)/ \1/" hook.log)");
 }
 

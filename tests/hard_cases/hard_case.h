@@ -20,8 +20,7 @@ extern "C" volatile int g_inside;
 // Writes a line past the streams, which may be locked for good.
 void say(const char* line);
 
-// Walks the stack before every instruction of a function. Returns 0 when all walks were right, 77
-// where the machine cannot be stepped.
+// Walks the stack before every instruction of a function. Returns 0 when all walks were right.
 int stepThroughFunction();
 
 // ---- the watched handler
