@@ -75,7 +75,7 @@ inline void expectOne(const Program& program, const ProgramRun& run) {
 inline void expectAll(const std::vector<Program>& programs) {
   std::vector<std::future<ProgramRun>> runs;
   for (const Program& program : programs) {
-    runs.push_back(std::async(std::launch::async, runProgram, program.command, 60));
+    runs.push_back(std::async(std::launch::async, runProgram, program.command, 100));
   }
   for (size_t i = 0; i < runs.size(); ++i) {
     expectOne(programs[i], runs[i].get());
