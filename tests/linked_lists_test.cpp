@@ -18,13 +18,8 @@ struct Item {
 std::vector<int> g_seen;
 
 template <typename Node>
-int numberOf(const Node* node) {
-  return reinterpret_cast<const Item<Node>*>(node)->number;
-}
-
-template <typename Node>
 uint32_t see(Node* node) {
-  g_seen.push_back(numberOf(node));
+  g_seen.push_back(reinterpret_cast<Item<Node>*>(node)->number);
   return 99;
 }
 
@@ -37,147 +32,100 @@ uint32_t wreck(Node* node) {
 }
 
 template <typename Node>
-uint32_t compare(const void* key, const Node* node) {
-  return *static_cast<const int*>(key) == numberOf(node) / 10 ? 0 : 1;
+uint32_t compareTens(const void* key, const Node* node) {
+  const int number = reinterpret_cast<const Item<Node>*>(node)->number;
+  return *static_cast<const int*>(key) == number / 10 ? 0 : 1;
 }
 
-struct Doubly {
-  using Node = DllNode;
-  using List = DllList;
-  static void clear(List& list) { list = {{&list.head, &list.head}, 0x5A5A, 0}; }
-  static Node* last(const List& list) { return list.head.prev; }
-  static constexpr auto insert = DLL_Insert;
-  static constexpr auto erase = DLL_Delete;
-  static constexpr auto get = DLL_Get;
-  static constexpr auto find = DLL_Find;
-  static constexpr auto walk = DLL_Walk;
-  static constexpr auto freeAll = DLL_FreeAll;
-};
+// What SLL_Previous is for the other kind.
+DllNode* previous(const DllList* list, const DllNode* node) {
+  DllNode* before = node == nullptr ? list->head.prev : node->prev;
+  return before == &list->head ? nullptr : before;
+}
 
-struct Singly {
-  using Node = SllNode;
-  using List = SllList;
-  static void clear(List& list) { list = {{&list.head}, 0x5A5A, &list.head, 0}; }
-  static Node* last(const List& list) { return list.tail; }
-  static constexpr auto insert = SLL_Insert;
-  static constexpr auto erase = SLL_Delete;
-  static constexpr auto get = SLL_Get;
-  static constexpr auto find = SLL_Find;
-  static constexpr auto walk = SLL_Walk;
-  static constexpr auto freeAll = SLL_FreeAll;
-};
-
-template <typename Kind>
-class Lists : public testing::Test {
- protected:
-  using Node = typename Kind::Node;
-
-  Lists() {
-    Kind::clear(list_);
-    for (size_t i = 0; i < items_.size(); ++i) {
-      items_[i] = {Node{}, static_cast<int>(i)};
-    }
-  }
-
-  // The list holds just these, in this order, and every link and count agrees.
-  void expectHolds(const std::vector<int>& numbers) {
-    g_seen.clear();
-    ASSERT_EQ(Kind::walk(&list_, see<Node>), numbers.size());
-    ASSERT_EQ(g_seen, numbers);
-    ASSERT_EQ(list_.count, numbers.size());
-    ASSERT_EQ(list_.reserved, 0x5A5AU);
-    Node* expectedLast = numbers.empty() ? &list_.head : node(numbers.back());
-    ASSERT_EQ(Kind::last(list_), expectedLast);
-    ASSERT_EQ(expectedLast->next, numbers.empty() ? list_.head.next : &list_.head);
-    if constexpr (std::is_same_v<Kind, Doubly>) {
-      std::vector<int> backwards;
-      for (Node* n = list_.head.prev; n != &list_.head; n = n->prev) {
-        backwards.insert(backwards.begin(), numberOf(n));
-      }
-      ASSERT_EQ(backwards, numbers);
-    }
-  }
-
-  Node* node(int number) { return &items_[static_cast<size_t>(number)].node; }
-
-  typename Kind::List list_;
-  std::array<Item<Node>, 40> items_;
-};
-
-using Kinds = testing::Types<Doubly, Singly>;
-TYPED_TEST_SUITE(Lists, Kinds);
-
-TYPED_TEST(Lists, HoldWhatASequenceWould) {
-  std::mt19937 random(7);
+template <typename List, typename Node, typename Find, typename Walk, typename FreeAll>
+void expectASequence(List& list, Node*& last, void (*insert)(List*, Node*, Node*),
+                     void (*erase)(List*, Node*), Node* (*get)(List*), Find find, Walk walk,
+                     FreeAll freeAll, Node* (*before)(const List*, const Node*)) {
+  std::array<Item<Node>, 40> items{};
   std::vector<int> expected;
+  std::mt19937 random(7);
+  const auto node = [&items](int number) { return &items[static_cast<size_t>(number)].node; };
   for (int step = 0; step < 20'000; ++step) {
-    const int number = static_cast<int>(random() % this->items_.size());
+    SCOPED_TRACE(step);
+    const int number = static_cast<int>(random() % items.size());
+    items[static_cast<size_t>(number)].number = number;
     const auto at = std::find(expected.begin(), expected.end(), number);
-    if (at != expected.end() && random() % 2 == 0) {
-      TypeParam::erase(&this->list_, this->node(number));
-      expected.erase(at);
-      ASSERT_EQ(this->node(number)->next, nullptr);
-    } else if (at == expected.end() && random() % 8 == 0) {
-      TypeParam::erase(&this->list_, this->node(number));  // not linked: nothing happens
-    } else if (at == expected.end()) {
+    const bool linked = at != expected.end();
+    const auto operation = random() % 64;
+    g_seen.clear();
+    if (operation == 0) {
+      freeAll(&list, wreck<Node>);
+      ASSERT_EQ(g_seen, expected);
+      expected.clear();
+    } else if (operation < 8) {
+      ASSERT_EQ(get(&list), expected.empty() ? nullptr : node(expected.front()));
+      expected.erase(expected.begin(), expected.begin() + (expected.empty() ? 0 : 1));
+    } else if (operation < 24) {
+      erase(&list, node(number));
+      expected.erase(at, at + (linked ? 1 : 0));
+    } else if (!linked) {
       const size_t place = random() % (expected.size() + 1);
-      TypeParam::insert(&this->list_, place == 0 ? nullptr : this->node(expected[place - 1]),
-                        this->node(number));
+      Node* const front = operation < 40 ? nullptr : &list.head;
+      insert(&list, place == 0 ? front : node(expected[place - 1]), node(number));
       expected.insert(expected.begin() + static_cast<long>(place), number);
-    } else if (random() % 4 == 0) {
-      ASSERT_EQ(TypeParam::get(&this->list_), this->node(expected.front()));
-      ASSERT_EQ(this->node(expected.front())->next, nullptr);
-      expected.erase(expected.begin());
     }
-    this->expectHolds(expected);
-    ASSERT_FALSE(this->HasFatalFailure()) << "step " << step;
+    g_seen.clear();
+    ASSERT_EQ(walk(&list, see<Node>), expected.size());
+    ASSERT_EQ(g_seen, expected);
+    ASSERT_TRUE(list.count == expected.size() && list.reserved == 0x5A5A);
+    ASSERT_EQ(last, expected.empty() ? &list.head : node(expected.back()));
+    ASSERT_EQ(last->next, &list.head);
+    const int tens = number / 10;
+    const auto match = std::find_if(expected.begin(), expected.end(),
+                                    [=](int candidate) { return candidate / 10 == tens; });
+    ASSERT_EQ(find(&list, &tens, compareTens<Node>),
+              match == expected.end() ? nullptr : node(*match));
+    const Node* behind = nullptr;
+    for (auto back = expected.rbegin(); back != expected.rend(); ++back) {
+      ASSERT_EQ(before(&list, behind), node(*back));
+      behind = node(*back);
+    }
+    ASSERT_EQ(before(&list, behind), nullptr);
+    for (const auto& item : items) {
+      const bool held = std::count(expected.begin(), expected.end(), item.number) != 0;
+      ASSERT_TRUE(held || (item.node.next == nullptr && before(&list, &item.node) == nullptr));
+    }
   }
 }
 
-TYPED_TEST(Lists, FindTheFirstMatchAndReleaseEveryNodeOnce) {
-  const int two = 2;
-  EXPECT_EQ(TypeParam::find(&this->list_, &two, compare), nullptr);
-  EXPECT_EQ(TypeParam::get(&this->list_), nullptr);
-  const std::vector<int> numbers{11, 25, 21, 39};
-  for (const int number : numbers) {
-    TypeParam::insert(&this->list_, TypeParam::last(this->list_), this->node(number));
-  }
-  EXPECT_EQ(TypeParam::find(&this->list_, &two, compare), this->node(25));
-  const int four = 4;
-  EXPECT_EQ(TypeParam::find(&this->list_, &four, compare), nullptr);
-  g_seen.clear();
-  TypeParam::freeAll(&this->list_, wreck);
-  EXPECT_EQ(g_seen, numbers);
-  this->expectHolds({});
+TEST(LinkedLists, DoublyLinkedHoldWhatASequenceWould) {
+  DllList list{{&list.head, &list.head}, 0x5A5A, 0};
+  expectASequence(list, list.head.prev, DLL_Insert, DLL_Delete, DLL_Get, DLL_Find, DLL_Walk,
+                  DLL_FreeAll, previous);
+}
+
+TEST(LinkedLists, SinglyLinkedHoldWhatASequenceWould) {
+  SllList list{{&list.head}, 0x5A5A, &list.head, 0};
+  expectASequence(list, list.tail, SLL_Insert, SLL_Delete, SLL_Get, SLL_Find, SLL_Walk, SLL_FreeAll,
+                  SLL_Previous);
 }
 
 TEST(LinkedLists, TolerateNullWhereTheySaySo) {
-  DllList list{};
-  Doubly::clear(list);
+  DllList list{{&list.head, &list.head}, 0, 0};
   DllNode node{};
   DLL_Insert(nullptr, nullptr, &node);
   DLL_Insert(&list, nullptr, nullptr);
   DLL_Insert_In_Middle(&list, &list.head, nullptr, &list.head);
   DLL_FreeAll(nullptr, wreck);
-  EXPECT_TRUE(list.count == 0 && list.head.next == &list.head && node.next == nullptr);
-  DllNode stray{&node, &node};  // its neighbours do not know it
-  DLL_Delete(&list, &stray);
-  EXPECT_EQ(list.count, 0U);
-}
-
-TEST(LinkedLists, PreviousIsTheNodeBeforeOrTheLastForNull) {
-  SllList list{};
-  Singly::clear(list);
-  EXPECT_EQ(SLL_Previous(&list, nullptr), nullptr);
-  std::array<SllNode, 4> nodes{};
-  EXPECT_EQ(SLL_Previous(&list, nodes.data()), nullptr);
-  for (int i = 0; i < 3; ++i) {
-    SLL_Insert(&list, list.tail, &nodes[i]);
+  EXPECT_EQ(node.next, nullptr);
+  DllNode stray{&node, &node};  // its neighbours do not know it, or only one of them does
+  for (const DllNode& neighbour : {DllNode{}, DllNode{&stray, nullptr}, DllNode{nullptr, &stray}}) {
+    node = neighbour;
+    DLL_Delete(&list, &stray);
+    EXPECT_TRUE(stray.next == &node && stray.prev == &node);
   }
-  EXPECT_EQ(SLL_Previous(&list, nullptr), &nodes[2]);
-  EXPECT_EQ(SLL_Previous(&list, &nodes[0]), nullptr);
-  EXPECT_EQ(SLL_Previous(&list, &nodes[2]), &nodes[1]);
-  EXPECT_EQ(SLL_Previous(&list, &nodes[3]), nullptr);
+  EXPECT_TRUE(list.count == 0 && list.head.next == &list.head);
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 /* A library that never finishes loading. */
 #include <unistd.h>
 
-extern volatile int g_insideConstructor;
+extern volatile int g_inside;
 
 __attribute__((constructor)) static void never(void) {
-  g_insideConstructor = 1;
+  g_inside = 1;
   for (;;) {
     pause();
   }

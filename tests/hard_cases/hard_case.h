@@ -2,30 +2,25 @@
 #pragma once
 
 #include <atomic>
-#include <span>
+#include <cstddef>
 
-struct HardCase {
-  enum class End {
-    kReported,  // the process ends with status 88
-    kRescued,   // the thread's hook ends the trouble, and the process goes on
-    kSilenced,  // no report is possible: heartbeats stop, so that the guard acts
-    kSampled,   // captured and reported many times, at moments that nobody chose
-  };
-
-  const char* name;
-  End end;
-  int threads;        // stuck at once; 0 for the main thread
-  void (*prepare)();  // on the main thread, before; may be null
-  void (*stick)();    // on each stuck thread
-};
-
-std::span<const HardCase> hardCases();
+// What the signal handler needs of a thread's stack, the kernel's signal frame included. That frame
+// and the compiler's unwinder, which keeps an entry for every register, make the difference.
+#if defined(__aarch64__)
+inline constexpr std::size_t kMostHandlerStack = 12288;
+#else
+inline constexpr std::size_t kMostHandlerStack = 8192;
+#endif
 
 // Set by the dead-loop hook of the last stuck thread.
 extern std::atomic<bool> g_rescued;
+// A thread is where another one is to be stuck beside it.
+extern "C" volatile int g_inside;
 
-// Walks the stack before every instruction of a function. Returns 0 when all walks were right, 77
-// where the machine cannot be stepped.
+// Writes a line past the streams, which may be locked for good.
+void say(const char* line);
+
+// Walks the stack before every instruction of a function. Returns 0 when all walks were right.
 int stepThroughFunction();
 
 // ---- the watched handler

@@ -1,133 +1,132 @@
-// hard_case NAME: runs one case, with detection passes ten times a second; or "stepped".
-#include <pthread.h>
+// hard_case END PLACE [THREADS [BYSTANDER]]: so many threads, or for 0 the main one, get stuck in
+// the function at_PLACE while another, which is not monitored, is inside at_BYSTANDER. Detection
+// passes come ten times a second. END:
+//   reported  the process ends with status 88
+//   rescued   the threads' hooks end the trouble, and the process goes on
+//   silenced  no report is possible: heartbeats stop, so that the guard acts
+//   sampled   captured and reported many times, at moments that nobody chose
+// hard_case stepped: the walk before every instruction.
+#include <dlfcn.h>
 #include <qurnadapt/qurnadapt.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "hard_case.h"
 
 namespace {
 
-constexpr uint32_t kPeriodMs = 100;
-constexpr unsigned kSilenceSeconds = 3;
+using Place = void (*)();
 
-const HardCase* g_case = nullptr;
+constexpr uint32_t kPeriodMs = 100;
+
+std::string g_end;
 std::atomic<int> g_beats{0};
-std::atomic<int> g_hooksRun{0};
+std::atomic<int> g_toRescue{0};
 std::atomic<bool> g_go{false};  // the stage is set
 
-uint32_t beat(void* /*unused*/) {
-  ++g_beats;
-  return 0;
+Place placeCalled(const std::string& name) {
+  return reinterpret_cast<Place>(dlsym(RTLD_DEFAULT, ("at_" + name).c_str()));
+}
+
+template <typename Count>
+void waitFor(const Count& count) {
+  while (count == 0) {
+    usleep(1000);
+  }
 }
 
 uint32_t rescue(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
-  if (++g_hooksRun == g_case->threads) {
-    g_rescued = true;
-  }
+  g_rescued = --g_toRescue == 0;
   return 0;
 }
 
 // Without a hook the library ends the process.
-void* getStuck(void* /*unused*/) {
-  while (!g_go) {
-    usleep(1000);
-  }
+void getStuck(Place place) {
+  waitFor(g_go);
   FrameDeadloopHandle self = 0;
   Frame_SetHeartbeatToMon(&self, 1, 1, 1);
-  if (g_case->end == HardCase::End::kRescued) {
+  if (g_end == "rescued") {
     Frame_RegDeadloopInfoHook(&self, rescue);
   }
-  g_case->stick();
+  place();
   Frame_StopHeartbeatToMon(&self);
-  return nullptr;
 }
 
-// Heartbeats must have come, and then come no more.
-int waitForSilence() {
-  int last = 0;
-  do {
+// Heartbeats have come, and are to come no more.
+void waitForSilence() {
+  for (int last = 0; last != g_beats; sleep(3)) {
     last = g_beats;
-    sleep(kSilenceSeconds);
-  } while (last != g_beats);
-  static constexpr char kLine[] = "the heartbeats stopped\n";
-  static_cast<void>(!write(STDERR_FILENO, kLine, sizeof(kLine) - 1));
-  _exit(last > 0 ? 0 : 1);
+  }
+  say("the heartbeats stopped\n");
+  _exit(0);
 }
 
 // Captures the thread again and again, with no detection thread to interfere.
-int sample() {
-  constexpr int kSamples = 300;
-  pthread_t thread{};
+void sample(Place place) {
   FrameDeadloopInit();
-  pthread_create(
-      &thread, nullptr,
-      [](void*) -> void* {
-        g_case->stick();
-        return nullptr;
-      },
-      nullptr);
+  std::thread thread(place);
   usleep(100'000);
-  for (int i = 0; i < kSamples; ++i) {
+  for (int i = 0; i < 300; ++i) {
     usleep(static_cast<useconds_t>(rand() % 500));
-    FrameThreadDeadloopPrint(thread);
+    FrameThreadDeadloopPrint(thread.native_handle());
     while (FrameGetDeadloopStatus() != FRAME_DEADLOOP_STATUS_CAPTURED) {
       sched_yield();
     }
     FrameWriteDeadloopInfo();
   }
   g_rescued = true;
-  pthread_join(thread, nullptr);
-  reportHandler();
-  return 0;
+  thread.join();
+}
+
+void watch(Place place, int count, Place bystander) {
+  FrameSetDeadloopPeriodDelay(kPeriodMs);
+  FRAME_KeepAliveProcSet(
+      kPeriodMs, [](void*) -> uint32_t { return ++g_beats, 0; }, nullptr);
+  FRAME_MntInit();
+  waitFor(g_beats);
+  // Before the allocator may be locked for good.
+  std::vector<std::thread> threads;
+  g_toRescue = count;
+  for (int i = 0; i < count; ++i) {
+    threads.emplace_back(getStuck, place);
+  }
+  if (bystander != nullptr) {
+    std::thread(bystander).detach();
+    waitFor(g_inside);
+  }
+  g_go = true;
+  if (count == 0) {
+    getStuck(place);
+  }
+  if (g_end == "silenced") {
+    waitForSilence();
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  sleep(1);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && strcmp(argv[1], "stepped") == 0) {
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  g_end = arguments.at(0);
+  if (g_end == "stepped") {
     return stepThroughFunction();
   }
-  for (const HardCase& one : hardCases()) {
-    if (argc == 2 && strcmp(argv[1], one.name) == 0) {
-      g_case = &one;
-    }
+  const Place place = placeCalled(arguments.at(1));
+  if (g_end == "sampled") {
+    sample(place);
+  } else {
+    watch(place, argc > 3 ? std::stoi(arguments[2]) : 1,
+          argc > 4 ? placeCalled(arguments[3]) : nullptr);
   }
-  if (g_case == nullptr) {
-    return 2;
-  }
-  if (g_case->end == HardCase::End::kSampled) {
-    return sample();
-  }
-  FrameSetDeadloopPeriodDelay(kPeriodMs);
-  FRAME_KeepAliveProcSet(kPeriodMs, beat, nullptr);
-  if (FRAME_MntInit() != QURN_OK) {
-    return 1;
-  }
-  sleep(1);
-  // Before the allocator may be locked for good.
-  std::vector<pthread_t> threads(static_cast<size_t>(g_case->threads));
-  for (pthread_t& thread : threads) {
-    pthread_create(&thread, nullptr, getStuck, nullptr);
-  }
-  if (g_case->prepare != nullptr) {
-    g_case->prepare();
-  }
-  g_go = true;
-  if (g_case->threads == 0) {
-    getStuck(nullptr);
-  }
-  if (g_case->end == HardCase::End::kSilenced) {
-    return waitForSilence();
-  }
-  for (const pthread_t thread : threads) {
-    pthread_join(thread, nullptr);
-  }
-  sleep(1);
   reportHandler();
   return 0;
 }

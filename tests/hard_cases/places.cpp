@@ -7,7 +7,6 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <sys/epoll.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
@@ -19,19 +18,17 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
+#include <thread>
 
-#include "handler_stack.h"
 #include "hard_case.h"
 
 #define PLACE extern "C" __attribute__((noinline, noclone))
 
 std::atomic<bool> g_rescued{false};
 extern "C" {
-volatile int g_insideConstructor = 0;
-volatile int g_libraryRescued = 0;
-void at_library_entry(volatile int* rescued);
+volatile int g_inside = 0;
+void at_library_entry();
 }
 
 PLACE void at_spin() {
@@ -41,41 +38,33 @@ PLACE void at_spin() {
 
 // ---- depth
 
-PLACE void at_level_1() { at_spin(); }
-#define LEVEL(N, BELOW) \
-  PLACE void at_level_##N() { at_level_##BELOW(); }
-LEVEL(2, 1)
-LEVEL(3, 2)
-LEVEL(4, 3)
-LEVEL(5, 4)
-LEVEL(6, 5)
-LEVEL(7, 6)
-LEVEL(8, 7)
-LEVEL(9, 8)
-LEVEL(10, 9)
-LEVEL(11, 10)
-LEVEL(12, 11)
+PLACE void at_leaf() { at_spin(); }
 
-PLACE int at_recursion(int depth) {
-  if (depth == 0) {
-    at_spin();
-    return 0;
+template <int N>
+__attribute__((noinline, noclone)) void at_level() {
+  if constexpr (N == 1) {
+    at_leaf();
+  } else {
+    at_level<N - 1>();
   }
-  return at_recursion(depth - 1) + 1;
 }
-PLACE void at_deep_recursion() { at_recursion(5000); }
+PLACE void at_twelve() { at_level<12>(); }
+
+PLACE void at_recurring(int depth) { depth == 0 ? at_spin() : at_recurring(depth - 1); }
+PLACE void at_recursion() { at_recurring(5000); }
 
 // ---- in the kernel
 
-static pthread_mutex_t g_heldMutex = PTHREAD_MUTEX_INITIALIZER;
-static pthread_cond_t g_condition = PTHREAD_COND_INITIALIZER;
-static void holdMutex() { pthread_mutex_lock(&g_heldMutex); }
-
-PLACE void at_mutex() { pthread_mutex_lock(&g_heldMutex); }
-PLACE void at_condition() {
+PLACE void at_mutex() {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   pthread_mutex_lock(&mutex);
-  pthread_cond_wait(&g_condition, &mutex);
+  pthread_mutex_lock(&mutex);
+}
+PLACE void at_condition() {
+  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_mutex_lock(&mutex);
+  pthread_cond_wait(&condition, &mutex);
 }
 PLACE void at_read() {
   std::array<int, 2> ends{};
@@ -84,8 +73,7 @@ PLACE void at_read() {
   }
 }
 PLACE void at_sleep() {
-  timespec rest{3600, 0};
-  while (nanosleep(&rest, &rest) != 0) {
+  for (timespec rest{3600, 0}; nanosleep(&rest, &rest) != 0;) {
   }
 }
 PLACE void at_epoll() {
@@ -94,17 +82,7 @@ PLACE void at_epoll() {
   while (epoll_wait(epoll, &event, 1, -1) < 1) {
   }
 }
-PLACE void at_join() {
-  pthread_t other{};
-  pthread_create(
-      &other, nullptr,
-      [](void*) -> void* {
-        pause();
-        return nullptr;
-      },
-      nullptr);
-  pthread_join(other, nullptr);
-}
+PLACE void at_join() { std::thread(pause).join(); }
 PLACE void at_clock() {
   timespec now{};
   while (!g_rescued.load(std::memory_order_relaxed)) {
@@ -114,11 +92,9 @@ PLACE void at_clock() {
 
 // ---- with a lock of the process held
 
-static std::atomic<bool> g_inside{false};
-
 // Runs while the allocator prints its statistics, that is with the lock of its main heap held.
 PLACE ssize_t at_allocator_lock(void* /*cookie*/, const char* /*text*/, size_t size) {
-  g_inside = true;
+  g_inside = 1;
   at_spin();
   return static_cast<ssize_t>(size);
 }
@@ -126,10 +102,8 @@ PLACE void at_allocator() {
   const cookie_io_functions_t functions{nullptr, at_allocator_lock, nullptr, nullptr};
   FILE* trap = fopencookie(nullptr, "w", functions);
   setvbuf(trap, nullptr, _IONBF, 0);
-  FILE* kept = stderr;
   stderr = trap;
   malloc_stats();
-  stderr = kept;
 }
 PLACE void at_churn() {
   while (!g_rescued.load(std::memory_order_relaxed)) {
@@ -151,39 +125,22 @@ PLACE void at_walking() {
 }
 PLACE void at_stream() {
   flockfile(stderr);
-  g_inside = true;
+  g_inside = 1;
   at_spin();
-  funlockfile(stderr);
 }
 PLACE int at_phdr_callback(dl_phdr_info* /*info*/, size_t /*size*/, void* /*data*/) {
-  g_inside = true;
+  g_inside = 1;
   at_spin();
   return 1;
 }
 PLACE void at_phdr() { dl_iterate_phdr(at_phdr_callback, nullptr); }
 PLACE void at_loading() { dlopen(ENDLESS_CONSTRUCTOR, RTLD_NOW); }
 
-// Another thread is inside; it is not monitored.
-template <void (*place)()>
-void bystanderIn() {
-  pthread_t other{};
-  pthread_create(
-      &other, nullptr,
-      [](void*) -> void* {
-        place();
-        return nullptr;
-      },
-      nullptr);
-  while (!g_inside && g_insideConstructor == 0) {
-    usleep(1000);
-  }
-}
-
 // ---- in handlers, on other stacks
 
-PLACE void at_handler(int /*sig*/) { at_spin(); }
-PLACE void at_raise() {
-  signal(SIGUSR1, at_handler);
+PLACE void at_handling(int /*sig*/) { at_spin(); }
+PLACE void at_handler() {
+  signal(SIGUSR1, at_handling);
   raise(SIGUSR1);
 }
 
@@ -192,14 +149,14 @@ static void useAlternateStack() {
   const stack_t stack{malloc(kBytes), 0, kBytes};
   sigaltstack(&stack, nullptr);
 }
-PLACE void at_spin_with_alternate_stack() {
+PLACE void at_alternate_stack() {
   useAlternateStack();
   at_spin();
 }
-PLACE void at_raise_to_alternate_stack() {
+PLACE void at_on_alternate_stack() {
   useAlternateStack();
   struct sigaction action {};
-  action.sa_handler = at_handler;
+  action.sa_handler = at_handling;
   action.sa_flags = SA_ONSTACK;
   sigaction(SIGUSR1, &action, nullptr);
   raise(SIGUSR1);
@@ -217,10 +174,11 @@ PLACE void at_end_of_stack() {
   const uint64_t used = here - reinterpret_cast<uint64_t>(start) - kMostHandlerStack;
   auto* volatile filler = static_cast<char*>(alloca(used));
   filler[0] = 1;
+  doNotPaint();
   at_spin();
 }
 
-PLACE void at_stripped_library() { at_library_entry(&g_libraryRescued); }
+PLACE void at_stripped() { at_library_entry(); }
 
 // ---- registers
 
@@ -271,10 +229,7 @@ static void stopForAWhile(pid_t tid) {
                        ptrace(PTRACE_INTERRUPT, tid, nullptr, nullptr) == 0 &&
                        waitpid(tid, nullptr, __WALL) == tid;
   sleep(stopped ? 4 : 0);
-  static constexpr char kLetGo[] = "the debugger lets go\n";
-  static constexpr char kCannot[] = "no debugging here\n";
-  static_cast<void>(stopped ? !write(STDERR_FILENO, kLetGo, sizeof(kLetGo) - 1)
-                            : !write(STDERR_FILENO, kCannot, sizeof(kCannot) - 1));
+  say(stopped ? "the debugger lets go\n" : "no debugging here\n");
   ptrace(PTRACE_DETACH, tid, nullptr, nullptr);
   syscall(SYS_exit_group, 0);
 }
@@ -291,45 +246,3 @@ PLACE void at_debugged() {
   static_cast<void>(!write(forked[1], "", 1));
   at_spin();
 }
-
-namespace {
-
-using End = HardCase::End;
-
-constexpr HardCase kCases[] = {
-    {"leaf", End::kReported, 1, nullptr, at_level_1},
-    {"twelve", End::kReported, 1, nullptr, at_level_12},
-    {"recursion", End::kReported, 1, nullptr, at_deep_recursion},
-    {"mutex", End::kReported, 1, holdMutex, at_mutex},
-    {"condition", End::kReported, 1, nullptr, at_condition},
-    {"read", End::kReported, 1, nullptr, at_read},
-    {"sleep", End::kReported, 1, nullptr, at_sleep},
-    {"epoll", End::kReported, 1, nullptr, at_epoll},
-    {"join", End::kReported, 1, nullptr, at_join},
-    {"allocator", End::kReported, 1, nullptr, at_allocator},
-    {"stream", End::kReported, 1, nullptr, at_stream},
-    {"phdr", End::kReported, 1, nullptr, at_phdr},
-    {"loading", End::kSilenced, 1, nullptr, at_loading},
-    {"beside_allocator", End::kReported, 1, bystanderIn<at_allocator>, at_level_1},
-    {"beside_stream", End::kReported, 1, bystanderIn<at_stream>, at_level_1},
-    {"beside_phdr", End::kReported, 1, bystanderIn<at_phdr>, at_level_1},
-    {"beside_loading", End::kSilenced, 1, bystanderIn<at_loading>, at_level_1},
-    {"handler", End::kReported, 1, nullptr, at_raise},
-    {"alternate_stack", End::kReported, 1, nullptr, at_spin_with_alternate_stack},
-    {"on_alternate_stack", End::kReported, 1, nullptr, at_raise_to_alternate_stack},
-    {"end_of_stack", End::kReported, 1, doNotPaint, at_end_of_stack},
-    {"stripped", End::kReported, 1, nullptr, at_stripped_library},
-    {"debugged", End::kReported, 1, nullptr, at_debugged},
-    {"main_thread", End::kReported, 0, nullptr, at_level_1},
-    {"clock", End::kSampled, 1, nullptr, at_clock},
-    {"churn", End::kSampled, 1, nullptr, at_churn},
-    {"printing", End::kSampled, 1, nullptr, at_printing},
-    {"walking", End::kSampled, 1, nullptr, at_walking},
-    {"registers", End::kRescued, 1, nullptr, at_registers},
-    {"two", End::kRescued, 2, nullptr, at_level_1},
-    {"five", End::kRescued, 5, nullptr, at_level_1},
-};
-
-}  // namespace
-
-std::span<const HardCase> hardCases() { return kCases; }

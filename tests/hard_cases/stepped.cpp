@@ -1,13 +1,12 @@
 // Single-steps through a function and its callee, and walks the stack before each instruction: the
 // first and the last ones included, where frames are half built.
 #include <dlfcn.h>
-#include <link.h>
 #include <qurnadapt/platform.h>
 
 #include <array>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
 
 #include "hard_case.h"
 #include "internal/machine_context.h"
@@ -16,33 +15,23 @@
 
 namespace {
 
-struct Range {
-  uint64_t start;
-  uint64_t end;
-  [[nodiscard]] bool holds(uint64_t address) const { return address >= start && address < end; }
-};
-
-// Innermost first; looked up before stepping starts.
-constinit std::array<Range, 3> g_chain{};
+constexpr std::array<const char*, 3> kChain{"at_stepped_callee", "at_stepped_function",
+                                            "at_stepping"};
 constinit std::array<int, 2> g_steps{};  // in the callee, in the function
 constinit int g_wrong = 0;
 
-Range rangeOf(void* function) {
+bool isIn(uint64_t address, const char* function) {
   Dl_info info{};
-  void* symbol = nullptr;
-  if (dladdr1(function, &info, &symbol, RTLD_DL_SYMENT) == 0 || symbol == nullptr) {
-    abort();
-  }
-  const auto start = reinterpret_cast<uint64_t>(info.dli_saddr);
-  return {start, start + static_cast<ElfW(Sym)*>(symbol)->st_size};
+  return dladdr(reinterpret_cast<void*>(address), &info) != 0 && info.dli_sname != nullptr &&
+         strcmp(info.dli_sname, function) == 0;
 }
 
 // The frames must be those of the chain from where the program counter is; a return address lies
 // behind its call.
 void onStep(int /*sig*/, siginfo_t* /*info*/, void* context) {
   const uint64_t pc = qurn::machineWords(context)[qurn::kProgramCounterWord];
-  for (size_t at = 0; at + 1 < g_chain.size(); ++at) {
-    if (!g_chain[at].holds(pc)) {
+  for (size_t at = 0; at < g_steps.size(); ++at) {
+    if (!isIn(pc, kChain[at])) {
       continue;
     }
     ++g_steps[at];
@@ -50,8 +39,8 @@ void onStep(int /*sig*/, siginfo_t* /*info*/, void* context) {
     uint32_t depth = 0;
     KEM_ExceptCallStackGetEx(context, 20, 0, addresses.data(), &depth);
     bool right = addresses[0] == pc;
-    for (size_t above = at + 1; above < g_chain.size(); ++above) {
-      right = right && g_chain[above].holds(addresses[above - at] - 1);
+    for (size_t above = at + 1; above < kChain.size(); ++above) {
+      right = right && isIn(addresses[above - at] - 1, kChain[above]);
     }
     g_wrong += right ? 0 : 1;
   }
@@ -79,23 +68,20 @@ __attribute__((noinline, noclone)) int at_stepped_function(int one, int two) {
 }
 
 // The red zone is stepped over, as the flags go through the stack.
+#define CHANGE_TRAP_FLAG(OPERATION)                         \
+  asm volatile("lea -128(%%rsp), %%rsp\npushfq\n" OPERATION \
+               ", (%%rsp)\npopfq\nlea 128(%%rsp), %%rsp" :: \
+                   : "memory", "cc")
 __attribute__((noinline, noclone)) int at_stepping(int one) {
-  asm volatile(
-      "lea -128(%%rsp), %%rsp\npushfq\norl $0x100, (%%rsp)\npopfq\nlea 128(%%rsp), %%rsp" ::
-          : "memory", "cc");
+  CHANGE_TRAP_FLAG("orl $0x100");
   const int result = at_stepped_function(one, 3);
-  asm volatile(
-      "lea -128(%%rsp), %%rsp\npushfq\nandl $~0x100, (%%rsp)\npopfq\nlea 128(%%rsp), %%rsp" ::
-          : "memory", "cc");
+  CHANGE_TRAP_FLAG("andl $~0x100");
   return result;
 }
 
 }  // extern "C"
 
 int stepThroughFunction() {
-  g_chain = {rangeOf(reinterpret_cast<void*>(at_stepped_callee)),
-             rangeOf(reinterpret_cast<void*>(at_stepped_function)),
-             rangeOf(reinterpret_cast<void*>(at_stepping))};
   struct sigaction action {};
   action.sa_sigaction = onStep;
   action.sa_flags = SA_SIGINFO;
@@ -110,7 +96,7 @@ int stepThroughFunction() {
 
 int stepThroughFunction() {
   printf("not on this machine\n");
-  return 77;
+  return 1;
 }
 
 #endif

@@ -1,10 +1,12 @@
 /* A library whose symbols are stripped: only its entry has a name. */
-static __attribute__((noinline)) void unnamed(volatile int* rescued) {
-  while (*rescued == 0) {
+static volatile int g_stuck = 1;
+
+static __attribute__((noinline)) void unnamed(void) {
+  while (g_stuck) {
   }
 }
 
-void at_library_entry(volatile int* rescued) {
-  unnamed(rescued);
+void at_library_entry(void) {
+  unnamed();
   __asm__ volatile("");
 }

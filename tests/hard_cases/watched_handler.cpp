@@ -19,13 +19,6 @@
 #include "internal/machine_context.h"
 #include "support/interpose.h"
 
-extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* block, size_t size);
-void __libc_free(void* block);
-}
-
 namespace {
 
 using Handler = void (*)(int, siginfo_t*, void*);
@@ -34,23 +27,19 @@ constexpr size_t kPaintedBytes = size_t{24} * 1024;
 constexpr unsigned char kPaint = 0xA5;
 constexpr int kErrno = 4711;
 
-constinit Handler g_handler = nullptr;
+constinit std::atomic<Handler> g_handler{nullptr};
 constinit std::atomic<size_t> g_stackUsed{0};
 constinit std::atomic<int> g_runs{0};
 constinit std::atomic<bool> g_painting{true};
 constinit thread_local bool t_handling = false;
 
-[[noreturn]] void stop(const char* what) {
-  t_handling = false;
-  static_cast<void>(!write(STDERR_FILENO, "forbidden: ", 11));
-  static_cast<void>(!write(STDERR_FILENO, what, strlen(what)));
-  static_cast<void>(!write(STDERR_FILENO, "\n", 1));
-  _exit(3);
-}
-
 void forbid(const char* what) {
   if (t_handling) {
-    stop(what);
+    t_handling = false;
+    say("forbidden: ");
+    say(what);
+    say("\n");
+    _exit(3);
   }
 }
 
@@ -61,7 +50,7 @@ __attribute__((noinline)) void runPainted(int sig, siginfo_t* info, void* contex
   for (volatile unsigned char* byte = bottom; byte < top; ++byte) {
     *byte = kPaint;
   }
-  g_handler(sig, info, context);
+  g_handler.load()(sig, info, context);
   const volatile unsigned char* lowest = bottom;
   while (*lowest == kPaint && lowest < top) {
     ++lowest;
@@ -75,69 +64,59 @@ void watchedHandler(int sig, siginfo_t* info, void* context) {
   const int kept = errno;
   errno = kErrno;
   t_handling = true;
-  if (g_painting) {
-    runPainted(sig, info, context);
-  } else {
-    g_handler(sig, info, context);
+  (g_painting ? runPainted : g_handler.load())(sig, info, context);
+  if (errno != kErrno) {
+    forbid("a change of errno");
   }
   t_handling = false;
-  if (errno != kErrno) {
-    stop("a change of errno");
-  }
   errno = kept;
   ++g_runs;
 }
 
 }  // namespace
 
-// The streams may be locked for good.
+void say(const char* line) { static_cast<void>(!write(STDERR_FILENO, line, strlen(line))); }
 void reportHandler() {
   std::array<char, 80> line{};
-  const int length = snprintf(line.data(), line.size(), "%d captures, at most %zu bytes of stack\n",
-                              g_runs.load(), g_stackUsed.load());
-  static_cast<void>(!write(STDERR_FILENO, line.data(), static_cast<size_t>(length)));
+  snprintf(line.data(), line.size(), "%d captures, at most %zu bytes of stack\n", g_runs.load(),
+           g_stackUsed.load());
+  say(line.data());
 }
 void doNotPaint() { g_painting = false; }
 
+#define FORBIDDEN(RETURNS, NAME, PARAMETERS, ARGUMENTS) \
+  INTERPOSE(RETURNS, NAME, PARAMETERS, ARGUMENTS, forbid(__func__))
+
 using PhdrCallback = int (*)(dl_phdr_info*, size_t, void*);
 
-INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), forbid(__func__))
-INTERPOSE(int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock), forbid(__func__))
-INTERPOSE(int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock), forbid(__func__))
-INTERPOSE(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
-          (condition, mutex), forbid(__func__))
-INTERPOSE(int, dl_iterate_phdr, (PhdrCallback callback, void* data), (callback, data),
-          forbid(__func__))
-INTERPOSE(int, dladdr, (const void* address, Dl_info* info), (address, info), forbid(__func__))
-INTERPOSE(int, fflush, (FILE * stream), (stream), forbid(__func__))
-INTERPOSE(int, fputs, (const char* text, FILE* stream), (text, stream), forbid(__func__))
-INTERPOSE(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* stream),
-          (data, size, count, stream), forbid(__func__))
-INTERPOSE(int, vsnprintf, (char* text, size_t size, const char* format, va_list args),
-          (text, size, format, args), forbid(__func__))
-INTERPOSE(FILE*, fopen, (const char* path, const char* mode), (path, mode), forbid(__func__))
+FORBIDDEN(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+FORBIDDEN(int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock))
+FORBIDDEN(int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock))
+FORBIDDEN(int, pthread_cond_wait, (pthread_cond_t * one, pthread_mutex_t* mutex), (one, mutex))
+FORBIDDEN(int, dl_iterate_phdr, (PhdrCallback callback, void* data), (callback, data))
+FORBIDDEN(int, dladdr, (const void* address, Dl_info* info), (address, info))
+FORBIDDEN(int, fflush, (FILE * stream), (stream))
+FORBIDDEN(int, fputs, (const char* text, FILE* stream), (text, stream))
+FORBIDDEN(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* stream),
+          (data, size, count, stream))
+FORBIDDEN(int, vsnprintf, (char* text, size_t size, const char* format, va_list args),
+          (text, size, format, args))
+FORBIDDEN(FILE*, fopen, (const char* path, const char* mode), (path, mode))
+
+// Looking for the next definition would allocate.
+#define FORBIDDEN_ALLOCATOR(RETURNS, NAME, PARAMETERS, ARGUMENTS) \
+  RETURNS __libc_##NAME PARAMETERS;                               \
+  RETURNS NAME PARAMETERS noexcept {                              \
+    forbid(#NAME);                                                \
+    return __libc_##NAME ARGUMENTS;                               \
+  }
 
 extern "C" {
 
-void* malloc(size_t size) noexcept {
-  forbid("malloc");
-  return __libc_malloc(size);
-}
-
-void* calloc(size_t count, size_t size) noexcept {
-  forbid("calloc");
-  return __libc_calloc(count, size);
-}
-
-void* realloc(void* block, size_t size) noexcept {
-  forbid("realloc");
-  return __libc_realloc(block, size);
-}
-
-void free(void* block) noexcept {
-  forbid("free");
-  __libc_free(block);
-}
+FORBIDDEN_ALLOCATOR(void*, malloc, (size_t size), (size))
+FORBIDDEN_ALLOCATOR(void*, calloc, (size_t count, size_t size), (count, size))
+FORBIDDEN_ALLOCATOR(void*, realloc, (void* block, size_t size), (block, size))
+FORBIDDEN_ALLOCATOR(void, free, (void* block), (block))
 
 // However the process ends, it says what the handler needed.
 void _exit(int status) {

@@ -1,7 +1,8 @@
+#undef _FORTIFY_SOURCE  // it has an inline read() of its own
+
 #include "faults.h"
 
 #include <dirent.h>
-#include <link.h>
 #include <pthread.h>
 #include <qurnadapt/platform.h>
 #include <sys/epoll.h>
@@ -65,31 +66,9 @@ void armFromEnvironment() {
 
 }  // namespace
 
-// Where that is is found at the first question.
 bool isLibraryCode(const void* address) {
-  struct Range {
-    uintptr_t start = 0;
-    uintptr_t end = 0;
-  };
-  static const Range library = [] {
-    Range range;
-    dl_iterate_phdr(
-        [](dl_phdr_info* info, size_t /*size*/, void* out) {
-          for (int i = 0; i < info->dlpi_phnum; ++i) {
-            const ElfW(Phdr)& part = info->dlpi_phdr[i];
-            if (strstr(info->dlpi_name, "libqurnadapt") != nullptr && part.p_type == PT_LOAD &&
-                (part.p_flags & PF_X) != 0) {
-              const uintptr_t start = info->dlpi_addr + part.p_vaddr;
-              *static_cast<Range*>(out) = {start, start + part.p_memsz};
-            }
-          }
-          return 0;
-        },
-        &range);
-    return range;
-  }();
-  const auto place = reinterpret_cast<uintptr_t>(address);
-  return place >= library.start && place < library.end;
+  Dl_info info{};
+  return dladdr(address, &info) != 0 && strstr(info.dli_fname, "libqurnadapt") != nullptr;
 }
 
 void fault::arm(const char* call, int error, int after, int times) {
@@ -123,7 +102,6 @@ int fault::calls(const char* call) { return faultOf(call).calls; }
 
 void fault::sweep(uint32_t number) {
   g_swept = nullptr;
-  isLibraryCode(nullptr);
   g_sweepNumber = static_cast<int>(number);
 }
 
@@ -148,88 +126,68 @@ void redirectFile(const char* ending, const char* path) {
 }
 void symbolsReadAs(const char* line) { g_symbolLine = line; }
 
-// Defines NAME to fail with FAILURE when its fault strikes. clock_gettime is that of
-// CLOCK_MONOTONIC_COARSE alone.
-#define MAY_FAIL(RETURNS, NAME, PARAMETERS, ARGUMENTS, FAILURE) \
-  INTERPOSE(                                                    \
-      RETURNS, NAME, PARAMETERS, ARGUMENTS, if (fault::strikes(#NAME)) { return FAILURE; })
+// Defines NAME, as it is declared, to have the result FAILURE when its fault strikes. `next()` is
+// what would have been called. The definition is inline, so there when its address is asked for.
+#pragma GCC diagnostic ignored "-Wattributes"
+#pragma GCC diagnostic ignored "-Wignored-attributes"
+#define MAY_FAIL(NAME, FAILURE)                                              \
+  template <typename>                                                        \
+  struct Definition_##NAME;                                                  \
+  template <typename Result, typename... Arguments, bool quiet>              \
+  struct Definition_##NAME<Result(Arguments...) noexcept(quiet)> {           \
+    friend Result NAME(Arguments... arguments) noexcept(quiet) {             \
+      static constinit std::atomic<Result (*)(Arguments...)> found{nullptr}; \
+      const auto next = [&] { return real(found, #NAME)(arguments...); };    \
+      return fault::strikes(#NAME) ? (FAILURE) : next();                     \
+    }                                                                        \
+  };                                                                         \
+  template struct Definition_##NAME<decltype(::NAME)>;                       \
+  [[gnu::used]] constexpr auto kAddressOf_##NAME = &::NAME;
 
-MAY_FAIL(tm*, gmtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
-MAY_FAIL(tm*, localtime_r, (const time_t* time, tm* fields), (time, fields), nullptr)
-MAY_FAIL(time_t, mktime, (tm * fields), (fields), -1)
-MAY_FAIL(char*, strdup, (const char* text), (text), nullptr)
-MAY_FAIL(uint32_t, TovStrToMilliSeconds, (const char* text, uint32_t* milliseconds),
-         (text, milliseconds), 7)
-MAY_FAIL(void*, TovYamlLoadFile, (const char* path), (path), nullptr)
-MAY_FAIL(uint32_t, KEM_MutexInit, (uint64_t * mutex), (mutex), 7)
-MAY_FAIL(ssize_t, read, (int fd, void* to, size_t count), (fd, to, count), -1)
-MAY_FAIL(int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock), errno)
-MAY_FAIL(int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock), errno)
-MAY_FAIL(uint32_t, TOV_DeadLoopRegCapability, (const FrameDeadloopCapability* capability),
-         (capability), 0x77)
-MAY_FAIL(uint32_t, KEM_SigcapHandleReg, (uint32_t sigId, KemSigcapHandler handler),
-         (sigId, handler), 5)
-MAY_FAIL(void*, KEM_MemAlloc_F,
-         (uint32_t handleId, uint8_t partition, uintptr_t size, const char* file, uint32_t line),
-         (handleId, partition, size, file, line), nullptr)
-MAY_FAIL(uint32_t, KEM_HandleFinalize, (uint32_t handleId), (handleId), 7)
-MAY_FAIL(uint32_t, KEM_HandleInitialize, (const char* name, uint32_t* handleId), (name, handleId),
-         7)
-MAY_FAIL(uint32_t, KEM_TaskStackInfoGet, (uint32_t selector, FrameTaskStackInfo* info),
-         (selector, info), QURN_FAILED)
-MAY_FAIL(uint32_t, KEM_MutexLock, (uint64_t * mutex), (mutex), 7)
-MAY_FAIL(uint32_t, KEM_CpuTick2Ms, (const uint32_t tick[2], uint32_t* msHigh, uint32_t* msLow),
-         (tick, msHigh, msLow), 7)
-MAY_FAIL(int, epoll_create, (int size), (size), -1)
-MAY_FAIL(int, epoll_ctl, (int epfd, int op, int fd, epoll_event* event), (epfd, op, fd, event), -1)
-MAY_FAIL(int, epoll_wait, (int epfd, epoll_event* events, int most, int timeout),
-         (epfd, events, most, timeout), -1)
-MAY_FAIL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
-MAY_FAIL(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes),
-         (mutex, attributes), errno)
-MAY_FAIL(int, pthread_mutex_destroy, (pthread_mutex_t * mutex), (mutex), errno)
-MAY_FAIL(DIR*, opendir, (const char* name), (name), nullptr)
-MAY_FAIL(int, pthread_create,
-         (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*),
-          void* argument),
-         (thread, attributes, entry, argument), errno)
-MAY_FAIL(int, pthread_kill, (pthread_t thread, int sig), (thread, sig), errno)
-MAY_FAIL(int, pthread_rwlock_init,
-         (pthread_rwlock_t * lock, const pthread_rwlockattr_t* attributes), (lock, attributes),
-         errno)
-MAY_FAIL(int, sigaction, (int sig, const struct sigaction* action, struct sigaction* old),
-         (sig, action, old), -1)
-MAY_FAIL(int, timerfd_create, (int clock, int flags), (clock, flags), -1)
-MAY_FAIL(int, timerfd_settime, (int fd, int flags, const itimerspec* value, itimerspec* old),
-         (fd, flags, value, old), -1)
+// Not variadic here: an argument that a caller leaves out is one that nobody reads.
+extern "C" int prctl(int option, void* argument) noexcept;
+
+MAY_FAIL(KEM_CpuTick2Ms, 7)
+MAY_FAIL(KEM_HandleFinalize, 7)
+MAY_FAIL(KEM_HandleInitialize, 7)
+MAY_FAIL(KEM_MemAlloc_F, nullptr)
+MAY_FAIL(KEM_MutexInit, 7)
+MAY_FAIL(KEM_MutexLock, 7)
+MAY_FAIL(KEM_SigcapHandleReg, 5)
+MAY_FAIL(KEM_TaskStackInfoGet, QURN_FAILED)
+MAY_FAIL(TOV_DeadLoopRegCapability, 0x77)
+MAY_FAIL(TovStrToMilliSeconds, 7)
+MAY_FAIL(TovYamlLoadFile, nullptr)
+MAY_FAIL(epoll_create, -1)
+MAY_FAIL(epoll_ctl, -1)
+MAY_FAIL(epoll_wait, -1)
+MAY_FAIL(gmtime_r, nullptr)
+MAY_FAIL(localtime_r, nullptr)
+MAY_FAIL(lseek, -1)
+MAY_FAIL(mktime, -1)
+MAY_FAIL(opendir, nullptr)
+MAY_FAIL(prctl, -1)
+MAY_FAIL(pthread_create, errno)
+MAY_FAIL(pthread_kill, errno)
+MAY_FAIL(pthread_mutex_destroy, errno)
+MAY_FAIL(pthread_mutex_init, errno)
+MAY_FAIL(pthread_mutex_lock, errno)
+MAY_FAIL(pthread_rwlock_init, errno)
+MAY_FAIL(pthread_rwlock_rdlock, errno)
+MAY_FAIL(pthread_rwlock_wrlock, errno)
+MAY_FAIL(read, -1)
+MAY_FAIL(sigaction, -1)
+MAY_FAIL(strdup, nullptr)
+MAY_FAIL(timerfd_create, -1)
+MAY_FAIL(timerfd_settime, -1)
+// These do their work all the same, so that nothing stays open or locked.
+MAY_FAIL(close, (next(), -1))
+MAY_FAIL(closedir, (next(), -1))
+MAY_FAIL(pthread_mutex_unlock, (next(), errno))
 
 extern "C" {
 
-// These three do their work and fail all the same, so that nothing stays open or locked.
-
-int close(int fd) {
-  static auto* const next = real<int(int)>("close");
-  const int result = next(fd);
-  return fault::strikes("close") ? -1 : result;
-}
-
-int closedir(DIR* directory) noexcept {
-  static auto* const next = real<int(DIR*)>("closedir");
-  const int result = next(directory);
-  return fault::strikes("closedir") ? -1 : result;
-}
-
-int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-  static auto* const next = real<int(pthread_mutex_t*)>("pthread_mutex_lock");
-  return fault::strikes("pthread_mutex_lock") ? errno : next(mutex);
-}
-
-int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
-  static auto* const next = real<int(pthread_mutex_t*)>("pthread_mutex_unlock");
-  const int result = next(mutex);
-  return fault::strikes("pthread_mutex_unlock") ? errno : result;
-}
-
+// CLOCK_MONOTONIC_COARSE alone fails or stands still.
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
   if (clock == CLOCK_MONOTONIC_COARSE) {
     if (fault::strikes("clock_gettime")) {
@@ -251,30 +209,11 @@ unsigned sleep(unsigned /*seconds*/) {
   return 0;
 }
 
-int prctl(int option, ...) noexcept {
-  if (fault::strikes("prctl")) {
-    return -1;
-  }
-  va_list args;
-  va_start(args, option);
-  void* argument = va_arg(args, void*);
-  va_end(args);
-  static auto* const next = real<int(int, ...)>("prctl");
-  return next(option, argument, 0, 0, 0);
-}
-
-int open(const char* path, int flags, ...) {
-  va_list args;
-  va_start(args, flags);
-  const mode_t mode = va_arg(args, mode_t);
-  va_end(args);
-  if (fault::strikes("open")) {
-    return -1;
-  }
-  static auto* const next = real<int(const char*, int, ...)>("open");
+int open(const char* path, int flags, mode_t mode) {
+  static auto* const next = real<int(const char*, int, mode_t)>("open");
   const char* to = g_redirectedTo;
-  return next(to != nullptr && std::string_view(path).ends_with(g_redirected.load()) ? to : path,
-              flags, mode);
+  const bool redirected = to != nullptr && std::string_view(path).ends_with(g_redirected.load());
+  return fault::strikes("open") ? -1 : next(redirected ? to : path, flags, mode);
 }
 
 char** backtrace_symbols(void* const* addresses, int count) noexcept {

@@ -1,5 +1,5 @@
-// The handle table once more, as plain containers: what every call must answer, and what the
-// table's record must then hold.
+// The handle table once more, as plain containers: what every call must answer, and how the table
+// must then count.
 #pragma once
 
 #include <qurnadapt/handle_table.h>
@@ -7,80 +7,51 @@
 #include <array>
 #include <deque>
 #include <map>
-#include <string>
 #include <vector>
 
-class HandleTableModel {
+// Does to a table what it does to the model, and compares every answer.
+class TableBesideModel {
  public:
-  HandleTableModel(uint32_t generationBits, uint32_t pageBits);
+  enum Operation : uint32_t { kCreate, kAssign, kModify, kDestroy, kValidate };
 
-  // The allocation of the next page fails.
-  void failNextPage() { pageFails_ = true; }
-  void pagesSucceed() { pageFails_ = false; }
+  // Sets the table up with these widths. Its allocations fail as failPages says.
+  TableBesideModel(uint32_t generationBits, uint32_t pageBits, void (*failPages)(bool fail));
 
-  uint32_t create(void* pointer);
-  uint32_t assign(uint32_t handle, void* pointer);
-  void* validate(uint32_t handle);
-  void modify(uint32_t handle, void* pointer);
-  void destroy(uint32_t handle);
+  // The choice picks a handle: nine times of ten one that was given out, else one made up of it.
+  // It is validated afterwards. Returns whether both answered and count the same.
+  bool operate(uint32_t operation, uint32_t choice, bool pagesFail);
 
-  // A handle of some page, mostly a low one, slot and generation.
-  [[nodiscard]] uint32_t anyHandle(uint32_t choice) const;
-
-  // "" when the table holds the same as the model. The thorough comparison looks at every slot.
-  [[nodiscard]] std::string differenceFrom(const NbbHndTbl& table, bool thorough) const;
+  NbbHndTbl table{};
 
  private:
   struct Page {
     std::deque<uint32_t> freeList;
-    std::array<void*, 256> pointers{};
-    std::array<uint8_t, 256> generations{};
-    uint32_t used = 0;
+    std::array<void*, NBB_SLOTS_PER_PAGE> pointers{};
+    std::array<uint32_t, NBB_SLOTS_PER_PAGE> generations{};
   };
 
-  [[nodiscard]] uint32_t compose(uint32_t page, uint32_t slot, uint32_t generation) const;
-  bool addPage(uint32_t index);
-  bool keepReserve();
-  void grabFreeSlots();
-  Page* pageOf(uint32_t handle, uint32_t* slot);
+  [[nodiscard]] uint32_t pageOf(uint32_t handle) const { return handle % (1U << pageBits_); }
+  [[nodiscard]] uint32_t slotOf(uint32_t handle) const { return (handle >> pageBits_) % 256; }
+  [[nodiscard]] uint32_t generationOf(uint32_t handle) const {
+    return (handle >> (pageBits_ + 8)) & generationMask_;
+  }
+  bool makeRoomFor(uint32_t index);
+  void occupy(uint32_t handle, void* pointer);
+  uint32_t create(void* pointer);
+  uint32_t assign(uint32_t handle, void* pointer);
+  void** find(uint32_t handle);  // null for one that is not valid
+  void destroy(uint32_t handle);
 
   uint32_t generationMask_;
   uint32_t pageBits_;
-  bool pageFails_ = false;
+  void (*failPages_)(bool fail);
+  bool pagesFail_ = false;
   std::deque<uint32_t> vacant_;
   std::map<uint32_t, Page> pages_;
   std::deque<uint32_t> queue_;
   uint32_t current_ = 0;
   int32_t freeSlots_ = 0;
   int32_t freedBehind_ = 0;
-};
-
-// Does to a table what it does to the model, and compares every answer.
-class TableBesideModel {
- public:
-  enum class Operation { kCreate, kAssign, kModify, kDestroy, kValidate };
-
-  // The table is set up with these widths. Page allocations fail as failPages says.
-  TableBesideModel(NbbHndTbl& table, uint32_t generationBits, uint32_t pageBits,
-                   void (*failPages)(bool fail));
-
-  // The choice picks a handle: nine times of ten one that was given out, else one made up of it.
-  // Returns whether both answered the same.
-  bool operate(Operation operation, uint32_t choice, bool pagesFail);
-  [[nodiscard]] std::string difference(bool thorough) const {
-    return model_.differenceFrom(table_, thorough);
-  }
-
- private:
-  bool give(uint32_t handle, uint32_t expected);
-  bool apply(Operation operation, uint32_t choice, void* pointer);
-
-  NbbHndTbl& table_;
-  HandleTableModel model_;
-  void (*failPages_)(bool fail);
   std::vector<uint32_t> handles_;  // given out, some of them destroyed since
   uint64_t pointers_ = 0;
 };
-
-// "" when the record of a set-up table agrees with itself: ring, lists and counts.
-std::string inconsistencyOf(const NbbHndTbl& table);

@@ -11,15 +11,20 @@ Function* real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// Defines NAME to do FIRST, which may return, and then to be what it would have been. No guard is
-// taken on the way: a signal handler may be the caller.
+// The same, looked for once. No guard is taken on the way: a signal handler may be the caller.
+template <typename Function>
+Function* real(std::atomic<Function*>& found, const char* name) {
+  Function* next = found.load(std::memory_order_relaxed);
+  if (next == nullptr) {
+    found = next = real<Function>(name);
+  }
+  return next;
+}
+
+// Defines NAME to do FIRST, which may return, and then to be what it would have been.
 #define INTERPOSE(RETURNS, NAME, PARAMETERS, ARGUMENTS, FIRST)              \
   extern "C" RETURNS NAME PARAMETERS noexcept(noexcept(::NAME ARGUMENTS)) { \
     FIRST;                                                                  \
     static constinit std::atomic<RETURNS(*) PARAMETERS> found{nullptr};     \
-    auto* next = found.load(std::memory_order_relaxed);                     \
-    if (next == nullptr) {                                                  \
-      found = next = real<RETURNS PARAMETERS>(#NAME);                       \
-    }                                                                       \
-    return next ARGUMENTS;                                                  \
+    return real(found, #NAME) ARGUMENTS;                                    \
   }

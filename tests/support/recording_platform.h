@@ -1,7 +1,7 @@
 // The tests' own platform: it stands in front of the stand-in's log, memory, boxes and parameters,
 // remembers what the library asked of them, and refuses on request. A line of the library's that is
 // not passed as it has to be (module 0, a unit's path and its length, "<unknown>", 9, a source
-// line, the message's own text as the format) fails the test that it comes in.
+// line, the message's own text as the format) ends the test that it comes in.
 #pragma once
 
 #include <qurnadapt/platform.h>

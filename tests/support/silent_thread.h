@@ -1,44 +1,58 @@
-// A registered thread that sends no heartbeat.
+// A registered thread, "silent", that sends no heartbeat; its thresholds are one second. Its stack
+// is its own and goes with it, the thread's control block included: what its POSIX identifier names
+// is then unmapped.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <qurnadapt/monitor.h>
-#include <sys/syscall.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <csignal>
 #include <semaphore>
-#include <string>
-#include <thread>
+
+#include "recording_platform.h"
 
 class SilentThread {
  public:
-  SilentThread(const std::string& name, uint32_t first, uint32_t second, uint32_t third)
-      : thread_([=, this] {
-          pthread_setname_np(pthread_self(), name.c_str());
-          tid_ = static_cast<int>(syscall(SYS_gettid));
-          EXPECT_EQ(Frame_SetHeartbeatToMon(&slot_, first, second, third), QURN_OK);
-          registered_.release();
-          end_.acquire();
-        }) {
+  SilentThread() {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, stack_, kStackBytes);
+    const auto main = [](void* self) { return static_cast<SilentThread*>(self)->beSilent(); };
+    EXPECT_EQ(pthread_create(&thread_, &attributes, main, this), 0);
     registered_.acquire();
   }
   ~SilentThread() { end(); }
-  // Lets it end without stopping its heartbeat.
+  // Lets it end without stopping its heartbeat. The kernel knows a joined thread for a moment more.
   void end() {
-    if (thread_.joinable()) {
+    if (tid_ != 0) {
       end_.release();
-      thread_.join();
+      pthread_join(thread_, nullptr);
+      EXPECT_TRUE(eventually([this] { return tgkill(getpid(), tid_, 0) != 0; }));
+      munmap(stack_, kStackBytes);
+      tid_ = 0;
     }
   }
-  [[nodiscard]] int tid() const { return tid_; }
   [[nodiscard]] FrameDeadloopHandle* slot() { return &slot_; }
 
  private:
+  static constexpr size_t kStackBytes = 1 << 20;
+  void* beSilent() {
+    pthread_setname_np(pthread_self(), "silent");
+    tid_ = gettid();
+    EXPECT_EQ(Frame_SetHeartbeatToMon(&slot_, 1, 1, 1), QURN_OK);
+    registered_.release();
+    end_.acquire();
+    return nullptr;
+  }
+
+  void* stack_ =
+      mmap(nullptr, kStackBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   FrameDeadloopHandle slot_ = 0;
-  std::atomic<int> tid_{0};
+  pid_t tid_ = 0;
+  pthread_t thread_{};
   std::binary_semaphore registered_{0};
   std::binary_semaphore end_{0};
-  std::thread thread_;
 };
