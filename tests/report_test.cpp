@@ -47,8 +47,7 @@ TEST(Time, IsEightHoursEastOfUtcWithAPeriod) {
   FrameExcepTimeStrGet(text, sizeof(text));
   tm parts{};
   ASSERT_NE(strptime(text, "%Y-%m-%d %H:%M:%S.", &parts), nullptr) << text;
-  EXPECT_LE(timegm(&parts) - east, 5);
-  EXPECT_GE(timegm(&parts), east);
+  EXPECT_NEAR(difftime(timegm(&parts), east), 2.5, 2.5);
 }
 
 TEST(Register, IsAppendedInColumns) {
@@ -90,18 +89,15 @@ TEST(SignalName, IsKnownFor1To31AndLeadsBackToTheNumber) {
 }
 
 TEST(SymbolLine, GivesTheFunctionElseTheAddressElseNothing) {
-  const std::string longName(400, 'f');
+  const std::string longName(400, 'Z');
   const std::pair<std::string, std::string> lines[] = {
-      {"module(function+0x1c) [0x7f]", "function+0x1c"},
+      {"module(a+0x1c) [0x7f]", "a+0x1c"},
       {"module(_ZN1aE+0) [0x7f]", "_ZN1aE+0"},
       {"module(+0x1c) [0x7f]", "0x7f"},
       {"module() [0x7f]", "0x7f"},
       {"module [0x7f", "0x7f"},
-      {"module(open", "open"},
-      {"m(a) [0x7f]", "a"},
-      {"m(z) [0x7f]", "z"},
-      {"m(A) [0x7f]", "A"},
-      {"m(Z) [0x7f]", "Z"},
+      {"module(zOpen", "zOpen"},
+      {"m(A)", "A"},
       {"nothing", ""},
       {"", ""},
       {"m(" + longName + ")", longName.substr(0, 299)},

@@ -182,7 +182,6 @@ TEST(IgnoredSignals, AreAcceptedInOrderUpToTheFirstBadEntry) {
       {"", 0, {}},
       {"other: 1", 0, {}},
       {"exception:", 0, {}},
-      {"exception: {signalIgnore: []}", 0, {}},
       {"exception: {signalIgnore: SIGINT}", 0, {}},
       {"exception: {signalIgnore: [SIGHUP, SIGTTIN, SIGSYS, SIGTTOU, SIGPIPE, SIGPIPE]}", 0, {}},
       {"exception: {signalIgnore: [SIGINT]}", QURN_FAILED, {bad + "SIGINT)"}},
@@ -203,12 +202,7 @@ TEST(IgnoredSignals, NoLongerDisturbTheProcess) {
   EXPECT_EQ(FRAME_MntInit(), QURN_FAILED) << "SIGTERM must not be ignored";
   EXPECT_EQ(FrameIsDeadloopInited(), 0U) << "start-up has stopped";
   EXPECT_EQ(signal(SIGTERM, SIG_DFL), SIG_DFL);
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  close(ends[0]);
-  EXPECT_EQ(write(ends[1], "x", 1), -1);
-  EXPECT_EQ(errno, EPIPE);
-  EXPECT_EQ(raise(SIGHUP), 0);
+  EXPECT_EQ(raise(SIGHUP) + raise(SIGPIPE), 0);
   EXPECT_EQ(FrameSignalIgnoreFunc(1, nullptr, nullptr), 1U);
 }
 
