@@ -14,6 +14,7 @@
 #include <fstream>
 #include <numeric>
 #include <optional>
+#include <semaphore>
 #include <thread>
 
 #include "adapt/frame/dbg/qurn_frame_mnt/capture_record.h"
@@ -29,17 +30,13 @@ using Texts = std::vector<std::string>;
 const int kSignal = SIGRTMIN + 2;
 const std::string kSignalText = "Signal " + std::to_string(kSignal);
 
-// A walk can be held up, while a second handler asks for the record, and can be pretended.
-std::atomic<bool> g_holdWalk{false};
-std::atomic<bool> g_walking{false};
+// The walk, which can be pretended, hands over the record too, which lies in one block with its
+// result.
 constexpr uint64_t kPretendedAddress = 42;
 std::optional<uint32_t> g_pretendedDepth;
-FrameDeadloopDumpInfo* g_record = nullptr;  // in one block with the walk's result
+FrameDeadloopDumpInfo* g_record = nullptr;
 
 bool pretendsWalk(uint64_t* addresses, uint32_t* depth) {
-  while (g_holdWalk) {
-    g_walking = true;
-  }
   g_record = &reinterpret_cast<qurn::mnt::CaptureMemory*>(addresses)->dumpInfo;
   addresses[0] = kPretendedAddress;
   *depth = g_pretendedDepth.value_or(0);
@@ -83,13 +80,19 @@ TEST_F(SignalCapture, AThreadInASystemCallGoesOnWaiting) {
 }
 
 TEST_F(SignalCapture, AHandlerWaitsItsTurnForFiveSecondsAtMost) {
-  g_holdWalk = true;
+  static std::binary_semaphore holdsRecord{0};
+  static std::binary_semaphore mayGoOn{0};
+  fault::arm("KEM_TaskStackInfoGet", EIO);
+  fault::onStrike([] {
+    holdsRecord.release();
+    mayGoOn.acquire();
+  });
   std::thread first(raiseCaptures);
-  ASSERT_TRUE(eventually([] { return g_walking.load(); }));
+  holdsRecord.acquire();
   EXPECT_FALSE(raiseCaptures()) << "it gave up";
   EXPECT_EQ(sleeps(), 5);
   onSleep(7, [] {
-    g_holdWalk = false;
+    mayGoOn.release();
     EXPECT_TRUE(eventually(isCaptured));
   });
   raiseCaptures();

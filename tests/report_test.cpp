@@ -11,8 +11,8 @@
 
 namespace {
 
-// One above what the bounds-checked library takes is as good as any that is large enough.
-constexpr uint32_t kCapacities[] = {64, 1 << 20};
+// Above what the bounds-checked library takes, which is as good as any that is large enough.
+constexpr uint32_t kLarge = 1 << 20;
 
 TEST(Number, IsRightAlignedAndPaddedOrNotWrittenAtAll) {
   const std::tuple<uint64_t, uint32_t, uint32_t, char, std::string> cases[] = {
@@ -32,15 +32,13 @@ TEST(Number, IsRightAlignedAndPaddedOrNotWrittenAtAll) {
 }
 
 TEST(Time, IsEightHoursEastOfUtcWithAPeriod) {
-  const std::pair<ZotSystime, const char*> cases[] = {
-      {{2026, 1, 2, 3, 4, 5, 0, 0}, "2026-01-02 03:04:05."},
-      {{70, 12, 31, 23, 59, 59, 0, 0}, "  70-12-31 23:59:59."}};
-  for (const uint32_t capacity : kCapacities) {
+  const std::tuple<ZotSystime, uint32_t, const char*> cases[] = {
+      {{2026, 1, 2, 3, 4, 5, 0, 0}, kLarge, "2026-01-02 03:04:05."},
+      {{70, 12, 31, 23, 59, 59, 0, 0}, 21, "  70-12-31 23:59:59."}};
+  for (const auto& [time, capacity, expected] : cases) {
     std::string text(capacity, '\0');
-    for (const auto& [time, expected] : cases) {
-      FrameTimeToStr(&time, text.data(), capacity);
-      EXPECT_STREQ(text.c_str(), expected);
-    }
+    FrameTimeToStr(&time, text.data(), capacity);
+    EXPECT_STREQ(text.c_str(), expected);
   }
   char text[32];
   const time_t east = time_t{28800} + ::time(nullptr);
@@ -54,36 +52,28 @@ TEST(Register, IsAppendedInColumns) {
   char text[64] = "";
   FrameRegStrGet(text, sizeof(text), "pstateX", 0xABCDEF);
   EXPECT_STREQ(text, "\nReg:  pstateX0x0000000000abcdef");
-  for (const size_t before : {6, 500'000, (1 << 20) - 35}) {
+  for (const size_t before : {6, 500'000, static_cast<int>(kLarge) - 35}) {
     std::string longText(before, 'x');
-    longText.resize(1 << 20);
-    FrameRegStrGet(longText.data(), 1 << 20, "pc", 0x10);
+    longText.resize(kLarge);
+    FrameRegStrGet(longText.data(), kLarge, "pc", 0x10);
     EXPECT_EQ(longText.c_str(), std::string(before, 'x') + "\nReg:  pc     0x0000000000000010");
   }
 }
 
 TEST(SignalName, IsKnownFor1To31AndLeadsBackToTheNumber) {
-  for (const uint32_t capacity : kCapacities) {
-    std::string text(capacity, '\0');
-    for (int sig = 1; sig <= 31; ++sig) {
-      EXPECT_EQ(FrameGetSigName(sig, text.data(), capacity), 0);
-      const std::string expected = sig == SIGIO ? "IO" : sigabbrev_np(sig);
-      EXPECT_EQ(text.c_str(), "SIG" + expected);
-      uint32_t sigId = 99;
-      EXPECT_EQ(FrameGetSigId(text.c_str(), &sigId), QURN_OK);
-      EXPECT_EQ(sigId, sig);
-    }
-    for (const int sig : {0, 32, -1}) {
-      EXPECT_EQ(FrameGetSigName(sig, text.data(), capacity), 0);
-      EXPECT_STREQ(text.c_str(), "UNKNOWN");
-    }
+  std::string text(kLarge, '\0');
+  for (int sig = -1; sig <= 32; ++sig) {
+    const bool known = sig >= 1 && sig <= 31;
+    const char* abbreviation = sig == SIGIO ? "IO" : sigabbrev_np(sig);
+    EXPECT_EQ(FrameGetSigName(sig, text.data(), sig % 2 == 0 ? 10 : kLarge), 0);
+    EXPECT_EQ(text.c_str(), known ? "SIG" + std::string(abbreviation) : "UNKNOWN");
+    uint32_t sigId = 99;
+    EXPECT_EQ(FrameGetSigId(text.c_str(), &sigId), known ? QURN_OK : QURN_FAILED);
+    EXPECT_EQ(sigId, known ? sig : 99);
   }
-  char text[16];
-  EXPECT_NE(FrameGetSigName(1, text, 6), 0) << "no room for the terminator";
+  EXPECT_NE(FrameGetSigName(1, text.data(), 6), 0) << "no room for the terminator";
   uint32_t sigId = 99;
-  EXPECT_EQ(FrameGetSigId("SIGRTMIN", &sigId), QURN_FAILED);
   EXPECT_EQ(FrameGetSigId("sighup", &sigId), QURN_FAILED);
-  EXPECT_EQ(sigId, 99U);
   EXPECT_EQ(FrameGetSigId("SIG0", &sigId), QURN_OK);
   EXPECT_EQ(sigId, 0U);
 }
@@ -118,7 +108,7 @@ TEST(FunctionNames, AreListedOneALineForAsLongAsAWholeOneFits) {
   const std::string first = "FRAME_MntInit+0";
   const std::string both = first + "\nFrameUintToStr+0";
   const std::pair<uint32_t, std::string> cases[] = {
-      {301, ""}, {302, first + "\n"}, {15 + 1 + 302, both}, {1000, both}, {1 << 20, both}};
+      {301, ""}, {302, first + "\n"}, {15 + 1 + 302, both}, {1000, both}, {kLarge, both}};
   for (const auto& [capacity, expected] : cases) {
     std::string text(capacity + 1, '#');
     EXPECT_EQ(FrameFuncNameGetByAddr(addresses, 2, text.data(), capacity), QURN_OK);
