@@ -138,7 +138,7 @@ TEST_F(SignalCapture, IsReportedInTwoLinesAndOneForEachFrameThatTheRecordHolds) 
   }
 }
 
-TEST_F(SignalCapture, RecordsTheMachineContextWordForWordOfTheWholeSignalOnly) {
+TEST_F(SignalCapture, RecordsTheMachineContextWordForWord) {
   std::array<uint64_t, sizeof(ucontext_t) / 8> words{};
   std::iota(words.begin(), words.end(), 100);
   ucontext_t context;
@@ -153,7 +153,7 @@ TEST_F(SignalCapture, RecordsTheMachineContextWordForWordOfTheWholeSignalOnly) {
   FrameDeadLoopSignalHandle(kSignal, nullptr, &context);
   FrameDeadLoopSignalHandle(kSignal, &info, nullptr);
   FrameDeadLoopSignalHandle(kSignal + 1, &info, &context);
-  EXPECT_FALSE(isCaptured());
+  EXPECT_FALSE(isCaptured()) << "only the whole signal captures";
   FrameDeadLoopSignalHandle(kSignal, &info, &context);
   EXPECT_TRUE(isCaptured());
   // Beyond the context too, whatever stands there.

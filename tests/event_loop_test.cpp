@@ -137,7 +137,10 @@ TEST_F(EventSets, RecordsAreReleasedOnceTheKernelHasLetGoOfThem) {
 // The sanitizers see a record that is released under the dispatcher's hands.
 TEST_F(EventSets, DescriptorsMayChangeWhileTheirEventsAreBeingDispatched) {
   static std::atomic<int> calls{0};
-  const auto count = [](epoll_event*, void*) -> uint32_t { return ++calls < 0 ? 1 : 0; };
+  const auto count = [](epoll_event*, void*) -> uint32_t {
+    ++calls;
+    return 0;
+  };
   ASSERT_EQ(FRAME_MntRegSetAndEventProc("busy", count, nullptr), QURN_OK);
   std::vector<std::thread> threads;
   for (int i = 0; i < 3; ++i) {
