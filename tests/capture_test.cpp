@@ -123,7 +123,7 @@ TEST(Capture, NeedsItsSetUpWhichIsDoneOnce) {
 TEST_F(SignalCapture, IsReportedInTwoLinesAndOneForEachFrameThatTheRecordHolds) {
   for (const uint32_t depth : {0U, 20U, 21U, 0xFFFFFFFFU}) {
     g_pretendedDepth = depth;
-    raiseCaptures();
+    EXPECT_EQ(FrameThreadDeadloopPrint(pthread_self()), QURN_OK);
     recorded::forget();
     FrameWriteDeadloopInfo();
     EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);

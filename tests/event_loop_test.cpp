@@ -205,6 +205,8 @@ TEST_F(Timer, IsNotMadeWhenAStepFails) {
     fault::arm(call, EMFILE);
     EXPECT_EQ(create(10), QURN_FAILED) << call;
   }
+  fault::arm("TOV_MemAllocF", ENOMEM);
+  EXPECT_EQ(FRAME_TimerCtrlInit(&ctrl_), QURN_FAILED);
 }
 
 TEST_F(Timer, RunsItsHookOnceAReadinessAndSaysWhenItWasKeptWaitingForThreePeriods) {

@@ -57,6 +57,12 @@ TEST(Register, IsAppendedInColumns) {
   }
 }
 
+TEST(Register, StaysInsideADestinationThatIsTooSmall) {
+  std::string text = "12345" + std::string(1, '\0') + std::string(60, '#');
+  FrameRegStrGet(text.data(), 10, "pc", 0x10);
+  EXPECT_EQ(text.substr(10), std::string(56, '#'));
+}
+
 TEST(SignalName, IsKnownFor1To31AndLeadsBackToTheNumber) {
   std::string text(kLarge, '\0');
   for (int sig = -1; sig <= 32; ++sig) {
