@@ -110,6 +110,8 @@ TEST(Capture, NeedsItsSetUpWhichIsDoneOnce) {
   FrameDeadLoopSignalHandle(kSignal, &info, &context);
   EXPECT_FALSE(isCaptured());
   EXPECT_EQ(recorded::texts().size(), 1U);
+  fault::arm("sigaction", EINVAL, 1);
+  EXPECT_EQ(FrameDeadloopInit(), QURN_FAILED);
   EXPECT_EQ(FrameDeadloopInit(), QURN_OK);
   EXPECT_EQ(FrameDeadloopInit(), QURN_OK);
   EXPECT_EQ(recorded::texts(80), Texts{"Deadloop is already inited."});

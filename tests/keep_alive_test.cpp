@@ -117,6 +117,7 @@ class Guarded : public testing::Test {
     frozen_clock::start();
     configure("watchDog: {watchDogType: notify, watchDogTimeout: 60003}");
     ASSERT_EQ(FrameKeepAliveInit(), QURN_OK);
+    EXPECT_TRUE(recorded::texts(100).empty());
     FrameSetDeadloopPeriodDelay(10000);
     ASSERT_EQ(FrameGetKeepAlivePeriod(), 15000U) << "a quarter of the time-out";
   }
