@@ -5,6 +5,8 @@
 #include <sys/prctl.h>
 #include <ucontext.h>
 
+#include <numeric>
+
 namespace {
 
 using Both = MonitorBesideModel;
@@ -16,14 +18,14 @@ constexpr size_t kNames = 40;
 uint32_t g_lastTid = 1000;
 
 uint32_t threadHook(FrameDeadloopHandle* handle, uint64_t threadId, uint32_t elapsedMs) {
-  world.said += told("hook", threadId, 0, elapsedMs, *handle);
+  world.said.push_back(told("hook", threadId, 0, elapsedMs, *handle));
   return 0;
 }
 void warningHook(uint64_t threadId, uint32_t tid, uint32_t elapsedMs, uint32_t policy) {
-  world.said += told("warning", threadId, tid, elapsedMs, policy);
+  world.said.push_back(told("warning", threadId, tid, elapsedMs, policy));
 }
 void processHook(uint64_t threadId, uint32_t tid, uint32_t elapsedMs, uint32_t policy) {
-  world.said += told("process", threadId, tid, elapsedMs, policy);
+  world.said.push_back(told("process", threadId, tid, elapsedMs, policy));
 }
 
 PretendedThread newThread(uint64_t number) {
@@ -231,8 +233,9 @@ bool MonitorBesideModel::operate(uint32_t operation, uint32_t who, uint32_t what
   world.acting = &thread;
   kOperations[operation % std::size(kOperations)](*this, {thread, slot, who, what});
   world.acting = nullptr;
-  if (world.said != model.said) {
-    difference += "says\n" + world.said + "instead of\n" + model.said;
+  const auto said = std::accumulate(world.said.begin(), world.said.end(), std::string());
+  if (said != model.said) {
+    difference += "says\n" + said + "instead of\n" + model.said;
   }
   world.said.clear();
   model.said.clear();

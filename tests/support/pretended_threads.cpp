@@ -93,7 +93,7 @@ void LOG_InnerPrint(uint32_t /*moduleId*/, const char* /*file*/, uint32_t /*file
                     const char* format, ...) {
   va_list args;
   va_start(args, format);
-  world.said += std::to_string(level) + " " + formatted(format, args) + "\n";
+  world.said.push_back(std::to_string(level) + " " + formatted(format, args) + "\n");
   va_end(args);
 }
 

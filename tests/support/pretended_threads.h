@@ -18,7 +18,7 @@ struct PretendedWorld {
   std::vector<PretendedThread> threads;
   const PretendedThread* acting = nullptr;  // whom the library takes the caller for
   int64_t now = 1'000'000;                  // milliseconds
-  std::string said;                         // log lines, "LEVEL TEXT", and what hooks were told
+  std::vector<std::string> said;            // log lines, "LEVEL TEXT", and what hooks were told
 
   [[nodiscard]] bool isAlive(uint32_t tid) const;
 };
