@@ -103,12 +103,11 @@ TEST_F(Fork, AtAnyMomentOfOtherThreadsTheChildDoesNotHang) {
   if (!kAllocatorSurvivesFork) {
     GTEST_SKIP();
   }
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> workers(4);
-  for (std::thread& worker : workers) {
-    worker = std::thread([&stop] {
+  std::vector<std::jthread> workers(4);
+  for (std::jthread& worker : workers) {
+    worker = std::jthread([](const std::stop_token& stop) {
       FrameDeadloopHandle self = 0;
-      while (!stop) {
+      while (!stop.stop_requested()) {
         EXPECT_TRUE(useEverything());
       }
       EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 1), QURN_OK);
@@ -117,10 +116,6 @@ TEST_F(Fork, AtAnyMomentOfOtherThreadsTheChildDoesNotHang) {
   }
   for (int i = 0; i < 100; ++i) {
     ASSERT_TRUE(inChild(useEverything)) << i;
-  }
-  stop = true;
-  for (std::thread& worker : workers) {
-    worker.join();
   }
 }
 

@@ -27,7 +27,7 @@ uint32_t goOn(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t /
 }
 
 // A thread's life in the monitor, over and over.
-void workUntil(const std::atomic<bool>& stop, unsigned seed) {
+void workUntil(const std::stop_token& stop, unsigned seed) {
   std::minstd_rand generator(seed);
   const auto random = [&generator] { return static_cast<uint8_t>(generator() >> 4U); };
   prctl(PR_SET_NAME, ("load-" + std::to_string(seed % 8)).c_str());
@@ -41,7 +41,7 @@ void workUntil(const std::atomic<bool>& stop, unsigned seed) {
       [&] { EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 200, 200, 200), QURN_OK); },
       [] { std::this_thread::sleep_for(1ms); },
       [] { std::this_thread::sleep_for(1ms); }};
-  while (!stop) {
+  while (!stop.stop_requested()) {
     ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 100, 200, 300), QURN_OK);
     for (int round = random() % 50; round > 0; --round) {
       ASSERT_EQ(Frame_SendHeartbeatToMon(&self), QURN_OK);
@@ -59,16 +59,12 @@ TEST(Load, AllSlotsInUseUnderTicksEveryMillisecond) {
                 1, [](void*) -> uint32_t { return ++g_beats > 0 ? 0 : 1; }, nullptr),
             QURN_OK);
   ASSERT_EQ(FRAME_MntInit(), QURN_OK);
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> workers;
+  std::vector<std::jthread> workers;
   for (unsigned i = 0; i < FRAME_MONITOR_CAPACITY; ++i) {
-    workers.emplace_back([&stop, i] { workUntil(stop, i); });
+    workers.emplace_back(workUntil, i);
   }
   std::this_thread::sleep_for(kSanitizers.empty() ? 3s : 60s);
-  stop = true;
-  for (std::thread& worker : workers) {
-    worker.join();
-  }
+  workers.clear();
   const uint32_t beats = g_beats;
   std::this_thread::sleep_for(1s);
   EXPECT_GT(g_beats, beats) << "the detection thread goes on";
@@ -77,7 +73,7 @@ TEST(Load, AllSlotsInUseUnderTicksEveryMillisecond) {
   EXPECT_EQ(self, 0U) << "all slots are free again";
 }
 
-TEST(Load, AComponentsConstructorCanHaveItsThreadWatched) { EXPECT_EQ(early_answers, QURN_OK); }
+TEST(Load, AComponentsConstructorCanRegisterItsThread) { EXPECT_EQ(early_answers, QURN_OK); }
 
 // In strict mode any system call but read, write and exit ends the process, a sanitizer's too.
 TEST(HotPaths, MakeNoSystemCallAndAllocateNothing) {

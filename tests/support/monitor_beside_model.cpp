@@ -15,6 +15,7 @@ using State = MonitorModel::State;
 
 constexpr size_t kThreads = 70;  // more than there are slots
 constexpr size_t kNames = 40;
+constexpr uint64_t kAnybody = 0;
 uint32_t g_lastTid = 1000;
 
 uint32_t threadHook(FrameDeadloopHandle* handle, uint64_t threadId, uint32_t elapsedMs) {
@@ -54,78 +55,70 @@ struct Choice {
     }
     return {first, first + (what >> 8) % 4, first + (what >> 12) % 8};
   }
-  [[nodiscard]] uint32_t policy() const { return who % 3; }
-  [[nodiscard]] uint8_t on() const { return static_cast<uint8_t>(who % 3); }
-  [[nodiscard]] bool hook() const { return who % 2 == 0; }
 };
 
-// A call on a slot: what it says to one out of range, what it answers and says to one that is
-// nobody's, or another's than the caller's, and what it changes else.
-struct SlotCall {
-  uint32_t (*call)(const Choice& choice);
-  const char* invalid;
-  uint32_t absentCode;
-  const char* absent;
-  void (*change)(Node& node, const Choice& choice);
-  bool onlyOwn = false;
-  uint32_t mostPolicy = UINT32_MAX;
-};
-
-constexpr SlotCall kBeat{
-    [](const Choice& choice) { return Frame_SendHeartbeatToMon(&choice.slot); },
-    "100 Frame task deadloop detect, handle invalid.\n"
-    "100 Send heartbeat unsuccessfully, input handle invalid.\n",
-    QURN_INVALID_ARGUMENT,
-    "100 Send heartbeat unsuccessfully, handle not match.\n",
-    [](Node& node, const Choice& /*choice*/) { node.since = world.now; },
-    true};
-constexpr SlotCall kStop{
-    [](const Choice& choice) { return Frame_StopHeartbeatToMon(&choice.slot); },
-    "100 Frame task deadloop detect, handle invalid.\n"
-    "100 Stop heartbeat unsuccessfully, input handle invalid.\n",
-    QURN_FAILED,
-    "100 Frame remove monitor task info, handle not match.\n"
-    "100 Stop heartbeat unsuccessfully, monitor task not exist.\n",
-    [](Node& node, const Choice& /*choice*/) { node = {}; },
-    true};
-constexpr SlotCall kHook{
-    [](const Choice& choice) {
-      return Frame_RegDeadloopInfoHook(&choice.slot, choice.hook() ? threadHook : nullptr);
-    },
-    "100 Frame task deadloop detect, handle invalid.\n"
-    "100 Register task deadloop hook, input handle invalid.\n",
-    QURN_FAILED, "100 Register task deadloop hook, deadloop monitor node not exist.\n",
-    [](Node& node, const Choice& choice) { node.hook = choice.hook(); }};
-constexpr SlotCall kPolicy{[](const Choice& choice) {
-                             return Frame_SetHeartExceptionPolicy(choice.slot, choice.policy());
-                           },
-                           "100 Set deadloop exception policy, parameter invalid.\n",
-                           QURN_FAILED,
-                           "100 Set deadloop exception policy, deadloop monitor node not exist.\n",
-                           [](Node& node, const Choice& choice) { node.policy = choice.policy(); },
-                           false,
-                           1};
-constexpr SlotCall kSwitch{
-    [](const Choice& choice) { return FrameSetDetectSwitch(choice.slot, choice.on()); },
-    "100 Frame deadloop set detect switch, input handle invalid.\n", QURN_FAILED,
-    "100 Frame deadloop set detect switch, task info not exist.\n",
-    [](Node& node, const Choice& choice) {
-      node.since = (node.on != 0) == (choice.on() != 0) ? node.since : world.now;
-      node.on = choice.on();
-    }};
-
-template <const SlotCall& rule>
-void onSlot(Both& both, const Choice& choice) {
-  const uint32_t answered = rule.call(choice);
-  if (choice.slot >= both.model.nodes.size() || choice.policy() > rule.mostPolicy) {
-    return both.agree(answered, both.model.refuse(QURN_INVALID_ARGUMENT, rule.invalid));
+// A call on a slot: what it answers, who alone may make it, what it says of a slot out of range,
+// what it answers and says of one without its thread, and what it changes else.
+template <typename Change>
+void onSlot(Both& both, uint32_t answered, uint64_t slot, uint64_t owner, const char* invalid,
+            uint32_t absentCode, const char* absent, Change change) {
+  MonitorModel& model = both.model;
+  if (slot >= model.nodes.size()) {
+    return both.agree(answered, model.refuse(QURN_INVALID_ARGUMENT, invalid));
   }
-  Node& node = both.model.nodes[choice.slot];
-  if (node.thread.id == 0 || (rule.onlyOwn && node.thread.id != choice.thread.id)) {
-    return both.agree(answered, both.model.refuse(rule.absentCode, rule.absent));
+  const uint64_t id = model.nodes[slot].thread.id;
+  if (id == 0 || (owner != kAnybody && owner != id)) {
+    return both.agree(answered, model.refuse(absentCode, absent));
   }
-  rule.change(node, choice);
+  change(model.nodes[slot]);
   both.agree(answered, QURN_OK);
+}
+
+void beat(Both& both, const Choice& choice) {
+  onSlot(both, Frame_SendHeartbeatToMon(&choice.slot), choice.slot, choice.thread.id,
+         "100 Frame task deadloop detect, handle invalid.\n"
+         "100 Send heartbeat unsuccessfully, input handle invalid.\n",
+         QURN_INVALID_ARGUMENT, "100 Send heartbeat unsuccessfully, handle not match.\n",
+         [](Node& node) { node.since = world.now; });
+}
+
+void stop(Both& both, const Choice& choice) {
+  onSlot(both, Frame_StopHeartbeatToMon(&choice.slot), choice.slot, choice.thread.id,
+         "100 Frame task deadloop detect, handle invalid.\n"
+         "100 Stop heartbeat unsuccessfully, input handle invalid.\n",
+         QURN_FAILED,
+         "100 Frame remove monitor task info, handle not match.\n"
+         "100 Stop heartbeat unsuccessfully, monitor task not exist.\n",
+         [](Node& node) { node = {}; });
+}
+
+void setHook(Both& both, const Choice& choice) {
+  const bool hook = choice.who % 2 == 0;
+  onSlot(both, Frame_RegDeadloopInfoHook(&choice.slot, hook ? threadHook : nullptr), choice.slot,
+         kAnybody,
+         "100 Frame task deadloop detect, handle invalid.\n"
+         "100 Register task deadloop hook, input handle invalid.\n",
+         QURN_FAILED, "100 Register task deadloop hook, deadloop monitor node not exist.\n",
+         [hook](Node& node) { node.hook = hook; });
+}
+
+void setPolicy(Both& both, const Choice& choice) {
+  const uint32_t policy = choice.who % 3;
+  onSlot(both, Frame_SetHeartExceptionPolicy(choice.slot, policy),
+         policy > 1 ? UINT64_MAX : choice.slot, kAnybody,
+         "100 Set deadloop exception policy, parameter invalid.\n", QURN_FAILED,
+         "100 Set deadloop exception policy, deadloop monitor node not exist.\n",
+         [policy](Node& node) { node.policy = policy; });
+}
+
+void switchWatch(Both& both, const Choice& choice) {
+  const auto on = static_cast<uint8_t>(choice.who % 3);
+  onSlot(both, FrameSetDetectSwitch(choice.slot, on), choice.slot, kAnybody,
+         "100 Frame deadloop set detect switch, input handle invalid.\n", QURN_FAILED,
+         "100 Frame deadloop set detect switch, task info not exist.\n", [on](Node& node) {
+           node.since = (node.on != 0) == (on != 0) ? node.since : world.now;
+           node.on = on;
+         });
 }
 
 void enter(Both& both, const Choice& choice) {
@@ -164,7 +157,7 @@ void tick(Both& both, const Choice& choice) {
   if (model.state == State::kCaptured) {
     const Node& node = model.nodes[model.fatalSlot];
     if (node.level == 3 && !node.hook) {  // or the report would end the process
-      onSlot<kHook>(both, {choice.thread, model.fatalSlot, 0, 0});
+      setHook(both, {choice.thread, model.fatalSlot, 0, 0});
     }
     FrameWriteDeadloopInfo();
     model.report();
@@ -188,9 +181,8 @@ void setProcessHooks(Both& both, const Choice& choice) {
 }
 
 constexpr void (*kOperations[])(Both& both, const Choice& choice) = {
-    enter, onSlot<kBeat>,   onSlot<kStop>,  onSlot<kHook>, onSlot<kPolicy>,
-    tune,  onSlot<kSwitch>, passTime,       end,           begin,
-    tick,  capture,         setProcessHooks};
+    enter,    beat, stop,  setHook, setPolicy, tune,           switchWatch,
+    passTime, end,  begin, tick,    capture,   setProcessHooks};
 
 }  // namespace
 
