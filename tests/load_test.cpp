@@ -63,7 +63,8 @@ TEST(Load, AllSlotsInUseUnderTicksEveryMillisecond) {
   for (unsigned i = 0; i < FRAME_MONITOR_CAPACITY; ++i) {
     workers.emplace_back(workUntil, i);
   }
-  std::this_thread::sleep_for(kSanitizers.empty() ? 3s : 60s);
+  std::this_thread::sleep_for(kSanitizers.empty() ? 3s
+                                                  : 60s);  // a minute where a sanitizer looks on
   workers.clear();
   const uint32_t beats = g_beats;
   std::this_thread::sleep_for(1s);

@@ -11,7 +11,7 @@
 inline constexpr std::string_view kSanitizers = QURN_SANITIZE;  // as for -fsanitize=
 // ThreadSanitizer and the emulator start no thread in the child of a process that had several.
 inline constexpr bool kThreadsInChild = !kEmulated && kSanitizers != "thread";
-// AddressSanitizer's has locks that stay held in the child when another thread has one.
+// AddressSanitizer's allocator has locks that stay held in the child when another thread has one.
 inline constexpr bool kAllocatorSurvivesFork = !kSanitizers.starts_with("address");
 
 // Whether a child that does this finds it good within 20 seconds.
