@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "support/in_child.h"
+#include "support/silent_thread.h"
 
 namespace {
 
@@ -43,6 +44,12 @@ bool useEverything() {
   nbb_destroy_handle(handle);
   ZOT_Free_F(block, "fork_test", __LINE__);
   return ZOT_HandleFinalize(module) == QURN_OK && good;
+}
+
+// Of the two registered threads the forking one only.
+bool keepsItsRegistration() {
+  const FrameDeadloopHandle self = 1;
+  return Frame_SendHeartbeatToMon(&self) == QURN_OK && FrameSetDetectSwitch(0, 0) == QURN_FAILED;
 }
 
 // Silent far beyond the third threshold.
@@ -87,10 +94,12 @@ class Fork : public testing::Test {
 };
 
 TEST_F(Fork, DuringAPassTheChildGoesOnUnreportedAndMayStartAnew) {
+  SilentThread other("other", 60, 60, 60);
   FrameDeadloopHandle self = 0;
   Frame_RegThreadDeadloopWarningHook(stopInsidePass);
   ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 60), QURN_OK);
   g_insidePass.acquire();
+  EXPECT_TRUE(inChild(keepsItsRegistration));
   EXPECT_TRUE(inChild(useEverything));
   EXPECT_TRUE(inChild(isNotReported));
   EXPECT_TRUE(inChild(hasNoEventLoop));
