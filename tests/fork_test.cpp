@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "support/in_child.h"
-#include "support/silent_thread.h"
 
 namespace {
 
@@ -94,7 +93,16 @@ class Fork : public testing::Test {
 };
 
 TEST_F(Fork, DuringAPassTheChildGoesOnUnreportedAndMayStartAnew) {
-  SilentThread other("other", 60, 60, 60);
+  std::binary_semaphore registered{0};
+  const std::jthread other([&registered](const std::stop_token& stop) {
+    FrameDeadloopHandle slot = 0;
+    EXPECT_EQ(Frame_SetHeartbeatToMon(&slot, 60, 60, 60), QURN_OK);
+    registered.release();
+    while (!stop.stop_requested()) {
+      usleep(1000);
+    }
+  });
+  registered.acquire();
   FrameDeadloopHandle self = 0;
   Frame_RegThreadDeadloopWarningHook(stopInsidePass);
   ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 60), QURN_OK);
