@@ -7,19 +7,14 @@
 #include <stdio.h>
 #include <string.h>
 
-extern uint32_t FrameSignalIsSupportIgnore(const char*), FrameIsHexNum(char), FrameIsSpace(char);
-extern uint32_t FrameIsDeadloopThresholdValid(uint32_t, uint32_t, uint32_t);
-extern uint32_t FrameIsTaskDeadloopHandleValid(const uint64_t*), FrameIsMonitorTaskExist(int32_t);
-extern uint32_t FrameIsInfoThresholdTimeout(const uint64_t*, uint32_t);
-extern uint32_t FrameIsWarnThresholdTimeout(const uint64_t*, uint32_t);
-extern uint32_t FrameIsFatalThresholdTimeout(const uint64_t*, uint32_t);
-extern uint32_t FrameIsTerminatedTaskReleased(uint64_t*), FrameProcMapsFileGet(char*, uint32_t);
-extern uint32_t FrameReadMapFileStr(const char*, uint32_t, uint32_t*, uint32_t*);
-extern uint32_t FrameGetMapStackAddr(const char*, uint32_t, uint64_t*, uint64_t*);
-extern uint32_t Frame_SetHeartbeatToMon(), Frame_SendHeartbeatToMon(), Frame_StopHeartbeatToMon();
-extern uint32_t Frame_RegDeadloopInfoHook(), FrameKeepAliveByNotify(void*);
-extern uint32_t FRAME_KeepAliveProcSet(uint32_t, uint32_t (*)(void*), void*);
-extern uint32_t FrameKeepAliveByNotifySendReady(void), g_FrameReady;
+extern uint32_t FrameSignalIsSupportIgnore(), FrameIsHexNum(), FrameIsSpace();
+extern uint32_t FrameIsDeadloopThresholdValid(), FrameIsTaskDeadloopHandleValid();
+extern uint32_t FrameIsMonitorTaskExist(), FrameIsTerminatedTaskReleased();
+extern uint32_t FrameIsInfoThresholdTimeout(), FrameIsWarnThresholdTimeout();
+extern uint32_t FrameIsFatalThresholdTimeout(), FrameProcMapsFileGet(), FrameReadMapFileStr();
+extern uint32_t FrameGetMapStackAddr(), Frame_SetHeartbeatToMon(), Frame_SendHeartbeatToMon();
+extern uint32_t Frame_StopHeartbeatToMon(), Frame_RegDeadloopInfoHook(), FrameKeepAliveByNotify();
+extern uint32_t FRAME_KeepAliveProcSet(), FrameKeepAliveByNotifySendReady(), g_FrameReady;
 extern void FRAME_NodeReboot(void), ZOT_syslog(int, const char*, ...);
 extern void* g_stTovHeartFunSet[5];
 extern uintptr_t ZOT_Assert(const char*, uintptr_t, uintptr_t, uintptr_t);

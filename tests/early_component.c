@@ -1,11 +1,11 @@
 /* A component whose load-time constructor has its thread watched through the legacy calls. */
 #include <qurnadapt/legacy_heart.h>
 
-uint32_t early_registration = 99;
-uint32_t early_heartbeat = 99;
+uint32_t early_answers = 99;
 
-__attribute__((constructor)) static void registerAtLoad(void) {
+__attribute__((constructor)) static void watchAtLoad(void) {
   FrameDeadloopHandle self = 0;
-  early_registration = ZOT_SetHeartMon(&self, 1, 2, 3);
-  early_heartbeat = ZOT_SendHeartToMon(&self);
+  early_answers = ZOT_SetHeartMon(&self, 1, 2, 3);
+  early_answers |= ZOT_SendHeartToMon(&self);
+  early_answers |= ZOT_StopHeartToMon(&self);
 }

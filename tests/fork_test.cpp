@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 #include <qurnadapt/qurnadapt.h>
 #include <sys/epoll.h>
-#include <sys/wait.h>
 #include <tovplatform/stand_in.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <semaphore>
@@ -13,22 +11,9 @@
 #include <thread>
 #include <vector>
 
-#include "support/emulated.h"
+#include "support/in_child.h"
 
 namespace {
-
-// ThreadSanitizer and the emulator start no thread in the child of a process that had several.
-// AddressSanitizer's allocator has locks that stay held in the child when another thread has one.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kNoThreadsInChild = true;
-#else
-constexpr bool kNoThreadsInChild = kEmulated;
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAllocatorSurvivesFork = false;
-#else
-constexpr bool kAllocatorSurvivesFork = true;
-#endif
 
 std::binary_semaphore g_insidePass{0};
 std::binary_semaphore g_goOn{0};
@@ -40,7 +25,8 @@ void stopInsidePass(uint64_t /*threadId*/, uint32_t /*tid*/, uint32_t /*elapsedM
 }
 
 // Everything that takes a lock, once; false where an answer is wrong.
-bool useEverything(FrameDeadloopHandle self) {
+bool useEverything() {
+  FrameDeadloopHandle self = 0;
   ZotKemLogPrint("from the child or a worker");
   const std::string name = std::to_string(gettid());
   ZotHandleRecord* module = nullptr;
@@ -59,35 +45,42 @@ bool useEverything(FrameDeadloopHandle self) {
   return ZOT_HandleFinalize(module) == QURN_OK && good;
 }
 
-// The exit status of a child that does this within 20 seconds.
-template <typename Action>
-int inChild(Action action) {
-  const pid_t child = fork();
-  if (child == 0) {
-    alarm(20);
-    _exit(action());
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+// Of the two registered threads the forking one only.
+bool keepsItsRegistration() {
+  const FrameDeadloopHandle self = 1;
+  return Frame_SendHeartbeatToMon(&self) == QURN_OK && FrameSetDetectSwitch(0, 0) == QURN_FAILED;
 }
 
-std::atomic<int> g_hooked{0};
+// Silent far beyond the third threshold.
+bool isNotReported() {
+  FrameDeadloopHandle self = 0;
+  Frame_RegThreadDeadloopWarningHook(nullptr);
+  Frame_SetHeartbeatToMon(&self, 1, 1, 1);
+  sleep(3);
+  return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_IDLE;
+}
 
-uint32_t countHook(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
-  return static_cast<uint32_t>(++g_hooked);
+bool hasNoEventLoop() {
+  epoll_event event{};
+  return FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, 0, &event) == QURN_FAILED;
+}
+
+std::atomic<bool> g_hooked{false};
+
+uint32_t hook(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
+  g_hooked = true;
+  return 0;
 }
 
 // A monitor of the child's own, up to the hook of its report.
-int startAnew(FrameDeadloopHandle self) {
+bool startsAnew() {
+  FrameDeadloopHandle self = 0;
   Frame_RegThreadDeadloopWarningHook(nullptr);
-  if (Frame_SetHeartbeatToMon(&self, 1, 1, 1) != QURN_OK ||
-      Frame_RegDeadloopInfoHook(&self, countHook) != QURN_OK || FRAME_MntInit() != QURN_OK) {
-    return 1;
+  const bool good = Frame_SetHeartbeatToMon(&self, 1, 1, 1) == QURN_OK &&
+                    Frame_RegDeadloopInfoHook(&self, hook) == QURN_OK && FRAME_MntInit() == QURN_OK;
+  while (good && !g_hooked) {
   }
-  while (g_hooked == 0) {
-  }
-  return 0;
+  return good;
 }
 
 class Fork : public testing::Test {
@@ -100,28 +93,25 @@ class Fork : public testing::Test {
 };
 
 TEST_F(Fork, DuringAPassTheChildGoesOnUnreportedAndMayStartAnew) {
+  std::binary_semaphore registered{0};
+  const std::jthread other([&registered](const std::stop_token& stop) {
+    FrameDeadloopHandle slot = 0;
+    EXPECT_EQ(Frame_SetHeartbeatToMon(&slot, 60, 60, 60), QURN_OK);
+    registered.release();
+    while (!stop.stop_requested()) {
+      usleep(1000);
+    }
+  });
+  registered.acquire();
   FrameDeadloopHandle self = 0;
   Frame_RegThreadDeadloopWarningHook(stopInsidePass);
   ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 60), QURN_OK);
   g_insidePass.acquire();
-  EXPECT_EQ(inChild([&] { return useEverything(self) ? 0 : 1; }), 0);
-  // Silent far beyond the third threshold: nobody watches in the child.
-  EXPECT_EQ(inChild([&] {
-              Frame_RegThreadDeadloopWarningHook(nullptr);
-              Frame_SetHeartbeatToMon(&self, 1, 1, 1);
-              sleep(3);
-              return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_IDLE ? 0 : 1;
-            }),
-            0);
-  // The event loop is the parent's.
-  EXPECT_EQ(inChild([] {
-              epoll_event event{};
-              return FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, 0, &event) == QURN_FAILED ? 0 : 1;
-            }),
-            0);
-  if (!kNoThreadsInChild) {
-    EXPECT_EQ(inChild([&] { return startAnew(self); }), 0);
-  }
+  EXPECT_TRUE(inChild(keepsItsRegistration));
+  EXPECT_TRUE(inChild(useEverything));
+  EXPECT_TRUE(inChild(isNotReported));
+  EXPECT_TRUE(inChild(hasNoEventLoop));
+  EXPECT_TRUE(!kThreadsInChild || inChild(startsAnew));
   g_goOn.release();
   EXPECT_EQ(Frame_StopHeartbeatToMon(&self), QURN_OK) << "the parent's monitor goes on";
 }
@@ -130,26 +120,19 @@ TEST_F(Fork, AtAnyMomentOfOtherThreadsTheChildDoesNotHang) {
   if (!kAllocatorSurvivesFork) {
     GTEST_SKIP();
   }
-  constexpr int kWorkers = 4;
-  constexpr int kForks = 100;
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> workers;
-  for (int i = 0; i < kWorkers; ++i) {
-    workers.emplace_back([&stop] {
+  std::vector<std::jthread> workers(4);
+  for (std::jthread& worker : workers) {
+    worker = std::jthread([](const std::stop_token& stop) {
       FrameDeadloopHandle self = 0;
-      while (!stop) {
-        EXPECT_TRUE(useEverything(self));
+      while (!stop.stop_requested()) {
+        EXPECT_TRUE(useEverything());
       }
       EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 1), QURN_OK);
       EXPECT_EQ(Frame_StopHeartbeatToMon(&self), QURN_OK);
     });
   }
-  for (int i = 0; i < kForks; ++i) {
-    ASSERT_EQ(inChild([] { return useEverything(0) ? 0 : 1; }), 0) << i;
-  }
-  stop = true;
-  for (std::thread& worker : workers) {
-    worker.join();
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_TRUE(inChild(useEverything)) << i;
   }
 }
 

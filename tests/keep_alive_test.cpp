@@ -1,4 +1,5 @@
-// Keep-alive configuration, the pace of reports, and the process guard.
+// Keep-alive configuration, the pace of reports, and what is looked up in libraries that may come
+// late: the process guard and the plug-in's repair function.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -9,12 +10,10 @@
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
 struct Hook {
-  int runs = 0;
   uint32_t answer = 0;
   int64_t takesMs = 0;
+  int runs = 0;
 };
 
 uint32_t runHook(void* param) {
@@ -24,8 +23,13 @@ uint32_t runHook(void* param) {
   return hook.answer;
 }
 
-struct Guard {
-  Guard() : library(dlopen(FAKE_GUARD, RTLD_NOW | RTLD_GLOBAL)) {
+void reportAfter(int64_t milliseconds) {
+  frozen_clock::advance(milliseconds);
+  FRAME_KeepAliveReport();
+}
+
+struct LateLibrary {
+  LateLibrary() : library(dlopen(LATE_LIBRARY, RTLD_NOW | RTLD_GLOBAL)) {
     EXPECT_NE(library, nullptr) << dlerror();
   }
   int& operator[](const char* name) const { return *static_cast<int*>(dlsym(library, name)); }
@@ -33,39 +37,26 @@ struct Guard {
 };
 
 TEST(KeepAliveConfiguration, AnswersEachMistakeWithItsLineAndCode) {
-  struct Case {
-    const char* yaml;
-    uint32_t code;
-    uint32_t level;
-    const char* message;
-  };
-  const Case cases[] = {
-      {"", 0, 40, "Keep alive operation, CF_COMP_CFG not set or not have file."},
-      {"other: 1", 0, 40, "Keepalive parameter init, watchDog field empty."},
-      {"watchDog: {watchDogTimeout: 1s}", QURN_FAILED, 100,
-       "Keepalive parameter init, watchDogType parameter not set."},
-      {"watchDog: {watchDogType: ''}", QURN_FAILED, 100,
-       "Keepalive parameter init, watchDogType parameter not set."},
-      {"watchDog: {watchDogType: notify}", QURN_FAILED, 100,
-       "Keepalive parameter init, watchDogTimeout parameter not set."},
+  EXPECT_EQ(FrameKeepAliveInit(), QURN_OK);
+  EXPECT_TRUE(recorded::has(40, "Keep alive operation, CF_COMP_CFG not set or not have file."));
+  const std::tuple<std::string, uint32_t, uint32_t, const char*> cases[] = {
+      {"other: 1", 0, 40, "watchDog field empty."},
+      {"watchDog: {watchDogTimeout: 1s}", QURN_FAILED, 100, "watchDogType parameter not set."},
+      {"watchDog: {watchDogType: ''}", QURN_FAILED, 100, "watchDogType parameter not set."},
+      {"watchDog: {watchDogType: notify}", QURN_FAILED, 100, "watchDogTimeout parameter not set."},
       {"watchDog: {watchDogType: notify, watchDogTimeout: soon}", QURN_INVALID_ARGUMENT, 100,
-       "Keepalive parameter init, watchDogTimeout parse unsuccessfully. (value = soon)"},
+       "watchDogTimeout parse unsuccessfully. (value = soon)"},
       {"watchDog: {watchDogType: timer}", QURN_FAILED, 100,
-       "Keepalive parameter init, global component mode invalid. (value = timer)"},
-      {"watchDog: {watchDogType: none}", 0, 80,
-       "Keepalive parameter init, watchDogType user config none."},
-  };
-  for (const Case& step : cases) {
-    SCOPED_TRACE(step.yaml);
+       "global component mode invalid. (value = timer)"},
+      {"watchDog: {watchDogType: none}", 0, 80, "watchDogType user config none."}};
+  for (const auto& [yaml, code, level, message] : cases) {
+    SCOPED_TRACE(yaml);
     recorded::forget();
-    configure(step.yaml);
-    EXPECT_EQ(FrameKeepAliveInit(), step.code);
-    EXPECT_TRUE(recorded::has(step.level, step.message));
-    EXPECT_EQ(recorded::has(100, "Keep alive paramter init unsuccessfully."), step.code != 0);
+    configure(yaml);
+    EXPECT_EQ(FrameKeepAliveInit(), code);
+    EXPECT_TRUE(recorded::has(level, std::string("Keepalive parameter init, ") + message));
+    EXPECT_EQ(recorded::has(100, "Keep alive paramter init unsuccessfully."), code != 0);
   }
-  configure("{ not yaml");
-  EXPECT_EQ(FrameKeepAliveInit(), QURN_FAILED);
-  EXPECT_EQ(recorded::count("Keep alive operation, cannot get yaml handle. (path = "), 1U);
   EXPECT_EQ(FrameKeepAliveHookProc(), QURN_NO_KEEP_ALIVE_HOOK);
   EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
   EXPECT_EQ(g_FrameReady, 0U);
@@ -81,33 +72,23 @@ TEST(KeepAliveConfiguration, AComponentsOwnHookComesFirstAndStays) {
   configure("{ not yaml");
   EXPECT_EQ(FrameKeepAliveInit(), QURN_OK);
   EXPECT_TRUE(recorded::has(40, "Keep alive paramter already set by custom."));
-  Guard guard;
+  LateLibrary guard;
   EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
   EXPECT_EQ(guard["guard_readies"], 0);
 }
 
-TEST(KeepAliveConfiguration, ThePeriodIsAQuarterOfTheTimeOutButNeverBelowTheDetectionPeriod) {
-  configure("watchDog: {watchDogType: notify, watchDogTimeout: 60003}");
-  ASSERT_EQ(FrameKeepAliveInit(), QURN_OK);
-  FrameSetDeadloopPeriodDelay(10000);
-  EXPECT_EQ(FrameGetKeepAlivePeriod(), 15000U);
-  recorded::forget();
-  EXPECT_EQ(FrameKeepAliveInit(), QURN_OK) << "taken for a component's own";
-  EXPECT_TRUE(recorded::has(40, "Keep alive paramter already set by custom."));
-}
-
 TEST(KeepAliveReport, TheFirstIsDueAtOnceAndTheNextAPeriodAfterTheHookReturned) {
   frozen_clock::start();
-  Hook hook{0, 0, 5};
+  Hook hook{0, 5};
   ASSERT_EQ(FrameSetDeadloopPeriodDelay(1000), QURN_OK);
-  ASSERT_EQ(FRAME_KeepAliveProcSet(400, runHook, &hook), QURN_OK);
+  FRAME_KeepAliveReport();
+  ASSERT_EQ(FRAME_KeepAliveProcSet(9000, runHook, &hook), QURN_OK);
   const auto runsAfter = [&](int64_t milliseconds) {
-    frozen_clock::advance(milliseconds);
-    FRAME_KeepAliveReport();
+    reportAfter(milliseconds);
     return hook.runs;
   };
   EXPECT_EQ(runsAfter(0), 1);
-  EXPECT_EQ(FrameGetKeepAlivePeriod(), 1000U) << "raised to the detection period";
+  EXPECT_EQ(FrameGetKeepAlivePeriod(), 1000U) << "the first tick's";
   EXPECT_EQ(runsAfter(989), 1);
   EXPECT_EQ(runsAfter(1), 2) << "due ten milliseconds early";
   hook.answer = 7;
@@ -123,36 +104,28 @@ TEST(KeepAliveReport, APeriodBelowTheToleranceMakesEveryCallDue) {
   frozen_clock::start();
   Hook hook;
   FrameSetDeadloopPeriodDelay(9);
-  FRAME_KeepAliveProcSet(0, runHook, &hook);
-  FRAME_KeepAliveReport();
-  FRAME_KeepAliveReport();
+  FRAME_KeepAliveProcSet(4, runHook, &hook);
+  EXPECT_EQ(FrameGetKeepAlivePeriod(), 9U) << "raised to the detection period";
+  reportAfter(0);
+  reportAfter(0);
   EXPECT_EQ(hook.runs, 2);
-}
-
-TEST(KeepAliveReport, AHookRegisteredAfterTheFirstTickKeepsTheRaisedPeriod) {
-  Hook hook;
-  FrameSetDeadloopPeriodDelay(300);
-  FRAME_KeepAliveReport();
-  FRAME_KeepAliveProcSet(9000, runHook, &hook);
-  EXPECT_EQ(FrameGetKeepAlivePeriod(), 300U);
 }
 
 class Guarded : public testing::Test {
  protected:
   void SetUp() override {
     frozen_clock::start();
-    configure("watchDog: {watchDogType: notify, watchDogTimeout: 4s}");
+    configure("watchDog: {watchDogType: notify, watchDogTimeout: 60003}");
     ASSERT_EQ(FrameKeepAliveInit(), QURN_OK);
-  }
-  static void reportNextPeriod() {
-    frozen_clock::advance(1000);
-    FRAME_KeepAliveReport();
+    EXPECT_TRUE(recorded::texts(100).empty());
+    FrameSetDeadloopPeriodDelay(10000);
+    ASSERT_EQ(FrameGetKeepAlivePeriod(), 15000U) << "a quarter of the time-out";
   }
 };
 
 TEST_F(Guarded, HeartbeatsFlowOnlyOnceReadinessIsAnnounced) {
-  Guard guard;
-  reportNextPeriod();
+  LateLibrary guard;
+  reportAfter(0);
   EXPECT_EQ(guard["guard_heartbeats"], 0);
   guard["guard_answer"] = 3;
   EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_FAILED);
@@ -163,12 +136,12 @@ TEST_F(Guarded, HeartbeatsFlowOnlyOnceReadinessIsAnnounced) {
   EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
   EXPECT_EQ(guard["guard_readies"], 2) << "one refused, one accepted, none repeated";
   EXPECT_EQ(g_FrameReady, 1U);
-  FRAME_KeepAliveReport();
+  reportAfter(0);
   EXPECT_EQ(guard["guard_heartbeats"], 0) << "the report before readiness counted";
-  reportNextPeriod();
+  reportAfter(15000);
   EXPECT_EQ(guard["guard_heartbeats"], 1);
   guard["guard_answer"] = 9;
-  reportNextPeriod();
+  reportAfter(15000);
   EXPECT_ERROR("bexlin notify heartbeat unsuccessfully. (ret = 0x9)");
   EXPECT_TRUE(recorded::has(80, "User keep alive hook proc unsuccessfully. (ret = 0xffffffff)"));
 }
@@ -176,12 +149,36 @@ TEST_F(Guarded, HeartbeatsFlowOnlyOnceReadinessIsAnnounced) {
 TEST_F(Guarded, AMissingGuardCountsAsReachedAndIsLookedUpAnewEachTime) {
   EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
   EXPECT_EQ(g_FrameReady, 1U);
-  reportNextPeriod();
-  FRAME_KeepAliveReport();
-  EXPECT_EQ(recorded::texts(40), Texts(2, "bexlin notify func not found."));
-  Guard guard;
-  reportNextPeriod();
+  reportAfter(15000);
+  reportAfter(0);
+  EXPECT_EQ(recorded::texts(40), std::vector<std::string>(2, "bexlin notify func not found."));
+  LateLibrary guard;
+  reportAfter(15000);
   EXPECT_EQ(guard["guard_heartbeats"], 1);
+}
+
+class PluginRepair : public testing::TestWithParam<std::pair<uint32_t, int>> {};
+
+TEST_P(PluginRepair, RunsAboutEveryTenSecondsOfTicks) {
+  const auto [periodMs, runsInSixTicks] = GetParam();
+  LateLibrary plugin;
+  FrameSetDeadloopPeriodDelay(periodMs);
+  for (int tick = 0; tick < 6; ++tick) {
+    FrameDeadloopDetectCallback(nullptr);
+  }
+  EXPECT_EQ(plugin["repair_runs"], runsInSixTicks);
+}
+
+INSTANTIATE_TEST_SUITE_P(Periods, PluginRepair,
+                         testing::Values(std::pair{20000U, 6}, std::pair{10000U, 6},
+                                         std::pair{5000U, 3}, std::pair{3000U, 2}, std::pair{1U, 0},
+                                         std::pair{0U, 6}));
+
+TEST(PluginRepair, IsLookedUpOnceEvenWhenItIsMissing) {
+  FrameRuloPluginCheckAndRepairDeadloop();
+  LateLibrary plugin;
+  FrameRuloPluginCheckAndRepairDeadloop();
+  EXPECT_EQ(plugin["repair_runs"], 0);
 }
 
 }  // namespace

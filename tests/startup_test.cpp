@@ -1,7 +1,4 @@
 // Start-up, the signals that it ignores, the detection thread's set-up, and the order of a tick.
-#include <dirent.h>
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
@@ -11,9 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <fstream>
-#include <set>
 #include <thread>
 
 #include "support/faults.h"
@@ -21,47 +16,51 @@
 
 namespace {
 
-int detectionThreads() {
-  DIR* tasks = opendir("/proc/self/task");
-  int found = 0;
-  while (const dirent* task = readdir(tasks)) {
-    std::ifstream comm(std::string("/proc/self/task/") + task->d_name + "/comm");
-    std::string name;
-    found += std::getline(comm, name) && name == "tovDeadloopTask" ? 1 : 0;
-  }
-  closedir(tasks);
-  return found;
-}
+using Texts = std::vector<std::string>;
 
 uint32_t noteKeepAlive(void* /*param*/) {
-  recorded::note("keep-alive");
+  char thread[16];
+  prctl(PR_GET_NAME, thread);
+  recorded::note("keep-alive on " + std::string(thread));
   return 0;
 }
 
-TEST(Startup, RunsTheDetectionThreadUnderItsNameAndTicksAtItsPeriod) {
+bool holdsInAChild(const std::function<bool()>& condition) {
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(condition() ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  return status == 0;
+}
+
+TEST(Startup, RunsOneDetectionThreadUnderItsNameWhichTicksAtItsPeriod) {
+  ASSERT_EQ(FRAME_KeepAliveProcSet(1, noteKeepAlive, nullptr), QURN_OK);
   startDetection(20);
   EXPECT_EQ(FRAME_MntInit(), QURN_OK) << "once more, without a second thread";
-  EXPECT_EQ(detectionThreads(), 1);
   const size_t before = recorded::events().size();
-  EXPECT_TRUE(eventually([&] { return recorded::events().size() >= before + 3; }));
+  EXPECT_TRUE(eventually([&] { return recorded::events().size() >= before + 6; }));
+  EXPECT_EQ(recorded::events()[0], "keep-alive on tovDeadloopTask");
+  EXPECT_EQ(fault::calls("epoll_create"), 1);
 }
 
 TEST(Startup, APeriodCanBeSetOnceAndOnlyBefore) {
   EXPECT_EQ(FrameSetDeadloopPeriodDelay(0), QURN_FAILED);
-  EXPECT_ERROR("Deadloop periodDelay is invalid. (value = 0)");
   EXPECT_EQ(FrameSetDeadloopPeriodDelay(3000), QURN_OK);
   EXPECT_EQ(FrameSetDeadloopPeriodDelay(4000), QURN_FAILED);
-  EXPECT_ERROR("Deadloop periodDelay is already inited, set periodDelay unsuccessfully.");
   ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
   EXPECT_EQ(FrameSetDeadloopPeriodDelay(4000), QURN_FAILED);
-  EXPECT_ERROR("Deadloop is already inited, set periodDelay unsuccessfully.");
+  EXPECT_EQ(recorded::texts(100),
+            (Texts{"Deadloop periodDelay is invalid. (value = 0)",
+                   "Deadloop periodDelay is already inited, set periodDelay unsuccessfully.",
+                   "Deadloop is already inited, set periodDelay unsuccessfully."}));
   EXPECT_EQ(FrameChooseDeadloopDetectTime(), 3000U);
 }
 
 TEST(Startup, OfTwoThatSetThePeriodAtOnceOneWinsAndTheOtherIsTold) {
   for (int run = 0; run < 200 && !HasFailure(); ++run) {
-    const pid_t child = fork();
-    if (child == 0) {
+    EXPECT_TRUE(holdsInAChild([] {
       std::atomic<int> ready{0};
       std::atomic<int> accepted{0};
       const auto set = [&] {
@@ -72,11 +71,8 @@ TEST(Startup, OfTwoThatSetThePeriodAtOnceOneWinsAndTheOtherIsTold) {
       std::thread other(set);
       set();
       other.join();
-      _exit(accepted == 1 && recorded::texts(100).size() == 1 ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+      return accepted == 1 && recorded::texts(100).size() == 1;
+    }));
   }
 }
 
@@ -89,13 +85,7 @@ TEST(Startup, TakesTurnsSharesItsResultAndCanBeTriedAgain) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(shared, 0U) << "it waits";
 #if !defined(__SANITIZE_THREAD__)  // where such a child may start no thread
-    const pid_t child = fork();
-    if (child == 0) {
-      _exit(FRAME_MntInit() == QURN_OK ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << "the child of a fork begins afresh";
+    EXPECT_TRUE(holdsInAChild([] { return FRAME_MntInit() == QURN_OK; })) << "it begins afresh";
 #endif
   });
   fault::arm("TOV_DeadLoopRegCapability", EIO);
@@ -118,42 +108,32 @@ TEST(Startup, EachStepTellsOfItsFailureOnALineOfItsOwn) {
     EXPECT_NE(FRAME_MntInit(), QURN_OK) << call;
   }
   EXPECT_EQ(recorded::sourceLines("unsuccessfully, ret="), std::size(failures));
-}
-
-TEST(Startup, ThePeriodIsTenSecondsWhenNobodySetsIt) {
-  ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
-  EXPECT_EQ(FrameChooseDeadloopDetectTime(), 10000U);
+  EXPECT_EQ(recorded::count("cannot get yaml handle. (path = " + testing::TempDir() + "/qurn"), 2U);
 }
 
 TEST(ProcessIdentity, ReadsTheNameUpToABlankAndNeverBeyondTheBuffer) {
+  const std::string status = testing::TempDir() + "/qurn-status-" + std::to_string(getpid());
+  redirectFile("/status", status.c_str());
   uint32_t pid = 0;
-  char name[32] = "";
-  prctl(PR_SET_NAME, "loop host");
-  FrameGetProcInfo(&pid, name, sizeof(name));
-  EXPECT_EQ(pid, static_cast<uint32_t>(getpid()));
-  EXPECT_STREQ(name, "loop");
-
-  prctl(PR_SET_NAME, "fifteen_letters");
-  for (uint32_t capacity = 0; capacity <= 16; ++capacity) {
-    char guarded[32];
-    memset(guarded, '#', sizeof(guarded));
-    FrameGetProcInfo(&pid, guarded, capacity);
-    EXPECT_EQ(guarded[capacity], '#') << capacity;
-    EXPECT_EQ(std::string(guarded, 15), capacity == 16 ? "fifteen_letters" : std::string(15, '#'));
+  for (const std::string name : {"loop", "thirty_one_letters_are_the_most"}) {
+    std::ofstream(status) << "Name:\t" << name << (name == "loop" ? " host\n" : "_\n");
+    for (uint32_t capacity = 0; capacity <= 32; ++capacity) {
+      std::string text(33, '#');
+      FrameGetProcInfo(&pid, text.data(), capacity);
+      EXPECT_EQ(text.c_str(), capacity > name.size() ? name : std::string(33, '#')) << capacity;
+      EXPECT_EQ(text[capacity], '#') << capacity;
+    }
   }
+  EXPECT_EQ(pid, static_cast<uint32_t>(getpid()));
   pid = 7;
   FrameGetProcInfo(&pid, nullptr, 32);
   EXPECT_EQ(pid, 7U);
-
-  const std::string status = testing::TempDir() + "/qurn-status-" + std::to_string(getpid());
-  std::ofstream(status) << "Name:\t" << std::string(40, 'n') << "\n";
-  redirectFile("/status", status.c_str());
-  FrameGetProcInfo(&pid, name, sizeof(name));
-  EXPECT_EQ(name, std::string(31, 'n'));
 }
 
 TEST(DetectionThread, GivesBackWhatOthersRegisteredWhenItsSetUpFails) {
   static const int fd = eventfd(0, 0);
+  static const int next = dup(fd);
+  close(next);
   FrameSetDeadloopPeriodDelay(1000);
   fault::onStrike([] {
     epoll_event event{};
@@ -162,15 +142,6 @@ TEST(DetectionThread, GivesBackWhatOthersRegisteredWhenItsSetUpFails) {
     EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event), QURN_OK);
   });
   fault::arm("timerfd_create", EMFILE);
-  static const int next = dup(fd);
-  close(next);
-  recorded::watch([](const std::string& what) {
-    if (what == "Timer fd create unsuccessfully, (errno = 24).") {
-      fault::arm("pthread_mutex_destroy", EBUSY);
-      fault::onStrike(
-          [] { EXPECT_EQ(fcntl(next, F_GETFD), -1) << "the loop goes before its lock"; });
-    }
-  });
   onThread("set-up", [] { FrameDeadloopTaskProcEntry(nullptr); });
   EXPECT_EQ(fault::calls("pthread_mutex_destroy"), 1);
   EXPECT_EQ(recorded::blocksHeld(), 0U);
@@ -189,111 +160,33 @@ TEST(Tick, ReportsKeepAliveThenPassesThenChecksForExit) {
     EXPECT_EQ(FrameDeadloopDetectCallback(nullptr), QURN_OK);
   });
   // Before the pass, for the node that is measured, and after its first threshold.
-  EXPECT_EQ(recorded::events(),
-            (std::vector<std::string>{"keep-alive", "keep-alive", "keep-alive", "exit check"}));
+  const std::string kept = "keep-alive on worker";
+  EXPECT_EQ(recorded::events(), (Texts{kept, kept, kept, "exit check"}));
   EXPECT_EQ(recorded::count("trigger first threshold timeout"), 1U);
 }
 
-class PluginRepair : public testing::TestWithParam<std::pair<uint32_t, int>> {};
-
-TEST_P(PluginRepair, RunsAboutEveryTenSecondsOfTicks) {
-  void* plugin = dlopen(FAKE_PLUGIN, RTLD_NOW | RTLD_GLOBAL);
-  ASSERT_NE(plugin, nullptr) << dlerror();
-  const int* runs = static_cast<int*>(dlsym(plugin, "repair_runs"));
-  const auto [periodMs, runsInSixTicks] = GetParam();
-  ASSERT_EQ(FrameSetDeadloopPeriodDelay(periodMs), QURN_OK);
-  for (int tick = 0; tick < 6; ++tick) {
-    FrameDeadloopDetectCallback(nullptr);
-  }
-  EXPECT_EQ(*runs, runsInSixTicks);
-}
-
-INSTANTIATE_TEST_SUITE_P(Periods, PluginRepair,
-                         testing::Values(std::pair{20000U, 6}, std::pair{10000U, 6},
-                                         std::pair{5000U, 3}, std::pair{3000U, 2},
-                                         std::pair{1U, 0}));
-
-TEST(PluginRepair, IsLookedUpOnceEvenWhenItIsMissing) {
-  FrameRuloPluginCheckAndRepairDeadloop();
-  void* plugin = dlopen(FAKE_PLUGIN, RTLD_NOW | RTLD_GLOBAL);
-  ASSERT_NE(plugin, nullptr) << dlerror();
-  FrameRuloPluginCheckAndRepairDeadloop();
-  EXPECT_EQ(*static_cast<int*>(dlsym(plugin, "repair_runs")), 0);
-}
-
-// The standard signals that are handled or ignored; sanitizers handle some of their own.
-std::set<int> handledSignals() {
-  std::set<int> handled;
-  for (int sig = 1; sig < 32; ++sig) {
-    struct sigaction action {};
-    sigaction(sig, nullptr, &action);
-    if (action.sa_handler != SIG_DFL) {
-      handled.insert(sig);
-    }
-  }
-  return handled;
-}
-
-TEST(IgnoredSignals, AreAcceptedInOrderUpToTheFirstBadEntry) {
-  struct Case {
-    const char* yaml;
-    uint32_t code;
-    const char* message;
-  };
-  const Case cases[] = {
-      {"", 0, nullptr},
-      {"other: 1", 0, nullptr},
-      {"exception:", 0, nullptr},
-      {"exception: {signalIgnore: []}", 0, nullptr},
-      {"exception: {signalIgnore: SIGINT}", 0, nullptr},
-      {"exception: {signalIgnore: [SIGHUP, SIGTTIN, SIGSYS, SIGTTOU, SIGPIPE, SIGPIPE]}", 0,
-       nullptr},
-      {"exception: {signalIgnore: [SIGINT]}", QURN_FAILED,
-       "Signal ignore operation, signame not support ignore. (sigName = SIGINT)"},
-      {"exception: {signalIgnore: [sigpipe]}", QURN_FAILED,
-       "Signal ignore operation, signame not support ignore. (sigName = sigpipe)"},
-      {"exception: {signalIgnore: [SIGPIPE, '']}", 2, "Signal ignore operation, signame empty."},
-      {"exception: {signalIgnore: [[SIGPIPE]]}", 2, "Signal ignore operation, signame empty."},
-  };
-  for (const Case& step : cases) {
-    SCOPED_TRACE(step.yaml);
+TEST(IgnoredSignals, NoLongerDisturbTheProcessUpToTheFirstBadEntry) {
+  const std::string bad = "Signal ignore operation, signame not support ignore. (sigName = ";
+  const std::string empty = "Signal ignore operation, signame empty.";
+  const std::tuple<const char*, uint32_t, Texts> cases[] = {
+      {"", 0, {}},
+      {"other: 1", 0, {}},
+      {"exception:", 0, {}},
+      {"exception: {signalIgnore: SIGINT}", 0, {}},
+      {"exception: {signalIgnore: [SIGTTIN, SIGSYS, SIGTTOU, SIGPIPE, SIGPIPE]}", 0, {}},
+      {"exception: {signalIgnore: [SIGHUP, SIGTERM]}", QURN_FAILED, {bad + "SIGTERM)"}},
+      {"exception: {signalIgnore: [sigpipe]}", QURN_FAILED, {bad + "sigpipe)"}},
+      {"exception: {signalIgnore: [SIGPIPE, '']}", 2, {empty}},
+      {"exception: {signalIgnore: [[SIGPIPE]]}", 2, {empty}}};
+  for (const auto& [yaml, code, says] : cases) {
     recorded::forget();
-    configure(step.yaml);
-    EXPECT_EQ(FrameExceptionInit(), step.code);
-    EXPECT_EQ(recorded::texts(), step.message == nullptr ? std::vector<std::string>{}
-                                                         : std::vector<std::string>{step.message});
+    configure(yaml);
+    EXPECT_EQ(FrameExceptionInit(), code) << yaml;
+    EXPECT_EQ(recorded::texts(100), says) << yaml;
   }
-  configure("{ not yaml");
-  EXPECT_EQ(FrameExceptionInit(), QURN_FAILED);
-  EXPECT_EQ(recorded::count("Exception operation, cannot get yaml handle. (path = "), 1U);
-}
-
-TEST(IgnoredSignals, NoLongerDisturbTheProcess) {
-  std::set<int> expected = handledSignals();
-  expected.insert({SIGHUP, SIGPIPE});
-  configure("exception: {signalIgnore: [SIGPIPE, SIGHUP, SIGTERM]}");
-  EXPECT_EQ(FRAME_MntInit(), QURN_FAILED) << "SIGTERM must not be ignored";
-  EXPECT_EQ(handledSignals(), expected) << "those before it are";
-  EXPECT_EQ(detectionThreads(), 0) << "start-up has stopped";
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  close(ends[0]);
-  EXPECT_EQ(write(ends[1], "x", 1), -1);
-  EXPECT_EQ(errno, EPIPE);
-  EXPECT_EQ(raise(SIGHUP), 0);
+  EXPECT_EQ(raise(SIGHUP) + raise(SIGSYS) + raise(SIGPIPE), 0) << "still here";
+  EXPECT_EQ(signal(SIGTERM, SIG_DFL), SIG_DFL);
   EXPECT_EQ(FrameSignalIgnoreFunc(1, nullptr, nullptr), 1U);
-}
-
-TEST(SignalNumbers, AreFoundByTheirExactNames) {
-  uint32_t sigId = 99;
-  EXPECT_EQ(FrameGetSigId("SIGRTMIN", &sigId), QURN_FAILED);
-  EXPECT_EQ(FrameGetSigId("sighup", &sigId), QURN_FAILED);
-  EXPECT_EQ(sigId, 99U);
-  for (const auto& [name, number] :
-       {std::pair{"SIG0", 0U}, std::pair{"SIGSYS", 31U}, std::pair{"SIGPIPE", 13U}}) {
-    EXPECT_EQ(FrameGetSigId(name, &sigId), QURN_OK);
-    EXPECT_EQ(sigId, number);
-  }
 }
 
 }  // namespace

@@ -2,6 +2,9 @@
 // that stops it.
 #pragma once
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -52,4 +55,9 @@ class Bytes {
 };
 
 // A readable file with this content, as a path; one at a time.
-std::string fileWith(const std::vector<char>& content);
+inline std::string fileWith(const std::vector<char>& content) {
+  static const int fd = memfd_create("fuzz", 0);
+  DEMAND(ftruncate(fd, 0) == 0);
+  DEMAND(pwrite(fd, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()));
+  return "/proc/self/fd/" + std::to_string(fd);
+}

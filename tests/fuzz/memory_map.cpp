@@ -15,34 +15,23 @@ namespace {
 
 const char* g_map = nullptr;
 
-bool isHex(char c) { return std::strchr("0123456789abcdefABCDEF", c) != nullptr && c != '\0'; }
-
-// The value of the digits at a position, the first sixteen of them.
-uint64_t valueAt(const std::vector<char>& line, size_t at) {
-  std::string digits;
-  while (at < line.size() && isHex(line[at]) && digits.size() < 16) {
-    digits += line[at++];
-  }
-  return std::strtoull(digits.c_str(), nullptr, 16);
-}
+constexpr char kHex[] = "0123456789abcdefABCDEF";
 
 void tryLine(const std::vector<char>& line) {
-  size_t hyphen = 0;
-  while (hyphen < line.size() && isHex(line[hyphen])) {
-    ++hyphen;
-  }
-  size_t blank = hyphen + 1;
-  while (blank < line.size() && isHex(line[blank])) {
-    ++blank;
-  }
-  const bool good = hyphen > 0 && hyphen < line.size() && line[hyphen] == '-' &&
-                    blank > hyphen + 1 && blank < line.size() &&
-                    (line[blank] == ' ' || line[blank] == '\t' || line[blank] == '\r');
+  const std::string text(line.begin(), line.end());
+  const size_t hyphen = text.find_first_not_of(kHex);
+  const size_t blank = text.find_first_not_of(kHex, hyphen + 1);
+  const bool good = hyphen > 0 && hyphen < text.size() && text[hyphen] == '-' &&
+                    blank > hyphen + 1 && blank < text.size() &&
+                    std::string(" \t\r").find(text[blank]) != std::string::npos;
   uint64_t start = 0;
   uint64_t end = 0;
   const auto length = static_cast<uint32_t>(line.size());
   DEMAND(FrameGetMapStackAddr(line.data(), length, &start, &end) == good);
-  DEMAND(!good || (start == valueAt(line, 0) && end == valueAt(line, hyphen + 1)));
+  const auto firstSixteen = [&](size_t from, size_t to) {
+    return std::strtoull(text.substr(from, std::min<size_t>(to - from, 16)).c_str(), nullptr, 16);
+  };
+  DEMAND(!good || (start == firstSixteen(0, hyphen) && end == firstSixteen(hyphen + 1, blank)));
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <pthread.h>
 #include <qurnadapt/platform.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 
 #include <algorithm>
@@ -26,6 +25,21 @@ std::string formatted(const char* format, va_list args) {
   return text.data();
 }
 
+int tellTime(timespec* now) {
+  now->tv_sec = world.now / 1000;
+  now->tv_nsec = (world.now % 1000) * 1'000'000;
+  return 0;
+}
+
+// The folder of a pretended thread is any there is, or none once it has ended.
+const char* folderOf(const char* path) {
+  const char* task = std::strstr(path, "/task/");
+  if (task == nullptr) {
+    return path;
+  }
+  return world.isAlive(static_cast<uint32_t>(std::strtoul(task + 6, nullptr, 10))) ? "/" : "";
+}
+
 }  // namespace
 
 constinit PretendedWorld world;
@@ -44,12 +58,12 @@ std::string line(const char* format, ...) {
   return text;
 }
 
-extern "C" {
+INTERPOSE(pthread_t, pthread_self, (), (), if (world.acting != nullptr) return world.acting->id)
+INTERPOSE(DIR*, opendir, (const char* path), (path), path = folderOf(path))
+INTERPOSE(int, clock_gettime, (clockid_t clock, timespec* now), (clock, now),
+          if (clock == CLOCK_MONOTONIC_COARSE) return tellTime(now))
 
-pthread_t pthread_self() noexcept {
-  static auto* const next = real<pthread_t()>("pthread_self");
-  return world.acting != nullptr ? world.acting->id : next();
-}
+extern "C" {
 
 // Reads as many words as any system call has, whether they were given or not.
 __attribute__((no_sanitize_address)) long syscall(long number, ...) noexcept {
@@ -67,19 +81,6 @@ __attribute__((no_sanitize_address)) long syscall(long number, ...) noexcept {
   return next(number, words[0], words[1], words[2], words[3], words[4], words[5]);
 }
 
-int prctl(int option, ...) noexcept {
-  va_list args;
-  va_start(args, option);
-  void* argument = va_arg(args, void*);
-  va_end(args);
-  if (world.acting != nullptr && option == PR_GET_NAME) {
-    std::strcpy(static_cast<char*>(argument), world.acting->name.c_str());
-    return 0;
-  }
-  static auto* const next = real<int(int, ...)>("prctl");
-  return next(option, argument, 0, 0, 0);
-}
-
 int tgkill(pid_t /*process*/, pid_t tid, int /*sig*/) {
   errno = ESRCH;
   return world.isAlive(static_cast<uint32_t>(tid)) ? 0 : -1;
@@ -87,31 +88,12 @@ int tgkill(pid_t /*process*/, pid_t tid, int /*sig*/) {
 
 int pthread_kill(pthread_t /*thread*/, int /*sig*/) noexcept { return 0; }
 
-DIR* opendir(const char* path) {
-  static auto* const next = real<DIR*(const char*)>("opendir");
-  const char* task = std::strstr(path, "/task/");
-  if (task == nullptr) {
-    return next(path);
-  }
-  return world.isAlive(static_cast<uint32_t>(std::strtoul(task + 6, nullptr, 10))) ? next("/")
-                                                                                   : nullptr;
-}
-
-int clock_gettime(clockid_t clock, timespec* now) noexcept {
-  if (clock == CLOCK_MONOTONIC_COARSE) {
-    *now = {world.now / 1000, (world.now % 1000) * 1'000'000};
-    return 0;
-  }
-  static auto* const next = real<int(clockid_t, timespec*)>("clock_gettime");
-  return next(clock, now);
-}
-
 void LOG_InnerPrint(uint32_t /*moduleId*/, const char* /*file*/, uint32_t /*fileLen*/,
                     const char* /*func*/, uint32_t /*funcLen*/, uint32_t /*line*/, uint32_t level,
                     const char* format, ...) {
   va_list args;
   va_start(args, format);
-  world.said.push_back(std::to_string(level) + " " + formatted(format, args));
+  world.said.push_back(std::to_string(level) + " " + formatted(format, args) + "\n");
   va_end(args);
 }
 

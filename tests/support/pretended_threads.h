@@ -16,9 +16,10 @@ struct PretendedThread {
 
 struct PretendedWorld {
   std::vector<PretendedThread> threads;
-  const PretendedThread* acting = nullptr;  // whom the library takes the caller for
-  int64_t now = 1'000'000;                  // milliseconds
-  std::vector<std::string> said;            // log lines, "LEVEL TEXT", and what hooks were told
+  // Whom the library takes the caller for; a fuzzer has threads of its own.
+  static inline constinit thread_local const PretendedThread* acting = nullptr;
+  int64_t now = 1'000'000;        // milliseconds
+  std::vector<std::string> said;  // log lines, "LEVEL TEXT", and what hooks were told
 
   [[nodiscard]] bool isAlive(uint32_t tid) const;
 };
