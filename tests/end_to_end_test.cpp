@@ -99,6 +99,19 @@ TEST(Guarded, WhatMayHelpIsRestartedAndOtherEndsAreHandedOn) {
   expectAll(programs);
 }
 
+// Their workers beat every 50 ms. All ten at the same time, for longer than their third threshold.
+TEST(Stopped, HealthyHostsGoOnOnceTheyAreContinued) {
+  const std::string host = HOST "healthy --period 100 --thresholds 1,2,3 --seconds 12";
+  std::string allEndWell = "status 0";
+  for (int i = 1; i < 10; ++i) {
+    allEndWell += " ... status 0";
+  }
+  expectAll({{"for i in 1 2 3 4 5 6 7 8 9 10; do " + host +
+                  " & hosts=\"$hosts $!\"; done; sleep 4; kill -STOP $hosts; sleep 5; "
+                  "kill -CONT $hosts; for one in $hosts; do wait $one; echo status $?; done",
+              0, allEndWell, "third threshold"}});
+}
+
 TEST(Soak, DoesNotGrowOverManyDeadLoops) {
   const ProgramRun run = runProgram(GUARD "--restarts 0 " HOST "soak --thresholds 20,30,40", 100);
   ASSERT_EQ(run.status, 0) << run.output;

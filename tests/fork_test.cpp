@@ -6,12 +6,15 @@
 #include <tovplatform/stand_in.h>
 
 #include <atomic>
+#include <filesystem>
 #include <semaphore>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 #include "support/in_child.h"
+#include "support/interpose.h"
 
 namespace {
 
@@ -51,6 +54,54 @@ bool keepsItsRegistration() {
   return Frame_SendHeartbeatToMon(&self) == QURN_OK && FrameSetDetectSwitch(0, 0) == QURN_FAILED;
 }
 
+// ---- holders of locks that never let go
+
+enum class Stuck { kNowhere, kChangingATable, kReadingATable };
+std::atomic<Stuck> g_stuck{Stuck::kNowhere};
+std::binary_semaphore g_isStuck{0};
+uint32_t g_oldHandle = 0;
+
+std::atomic<void (*)()> g_inside{nullptr};  // run once, within a change of a table
+std::atomic<bool> g_isGood{false};
+
+void stayIn(Stuck place) {
+  if (g_stuck == place) {
+    g_stuck = Stuck::kNowhere;
+    g_isStuck.release();
+    pause();
+  }
+}
+
+}  // namespace
+
+extern "C" void* KEM_MemAlloc_F(uint32_t handleId, uint8_t partition, uintptr_t size,
+                                const char* file, uint32_t line) {
+  static auto* const next = real<decltype(KEM_MemAlloc_F)>("KEM_MemAlloc_F");
+  if (std::string_view(file) == "ssp_ptr_hdl") {
+    stayIn(Stuck::kChangingATable);
+    if (auto* const action = g_inside.exchange(nullptr); action != nullptr) {
+      action();
+    }
+  }
+  return next(handleId, partition, size, file, line);
+}
+
+extern "C" void LOG_InnerPrint(uint32_t /*moduleId*/, const char* /*file*/, uint32_t /*fileLen*/,
+                               const char* /*func*/, uint32_t /*funcLen*/, uint32_t /*line*/,
+                               uint32_t /*level*/, const char* format, ...) {
+  if (std::string_view(format).ends_with("Invalid handle value, ignore.")) {
+    stayIn(Stuck::kReadingATable);
+  }
+}
+
+namespace {
+
+bool startsTablesAnew() {
+  return nbb_validate_handle(g_oldHandle) == nullptr && nbb_handle_initialize() == 1 &&
+         useEverything();
+}
+bool findsTablesWhole() { return nbb_validate_handle(g_oldHandle) != nullptr && useEverything(); }
+
 // Silent far beyond the third threshold.
 bool isNotReported() {
   FrameDeadloopHandle self = 0;
@@ -63,6 +114,26 @@ bool isNotReported() {
 bool hasNoEventLoop() {
   epoll_event event{};
   return FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, 0, &event) == QURN_FAILED;
+}
+
+// The parent's timer and epoll instance, told by what their descriptors are.
+bool hasNoDescriptorOfTheLoop() {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;  // as is the directory's own
+    const std::string what = std::filesystem::read_symlink(entry.path(), gone);
+    if (what.ends_with("[timerfd]") || what.ends_with("[eventpoll]")) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// A worker that has promised no heartbeat in the child.
+bool startsAnewUnwatched() {
+  Frame_RegThreadDeadloopWarningHook(nullptr);
+  const bool good = FRAME_MntInit() == QURN_OK;
+  sleep(3);
+  return good;
 }
 
 std::atomic<bool> g_hooked{false};
@@ -111,9 +182,41 @@ TEST_F(Fork, DuringAPassTheChildGoesOnUnreportedAndMayStartAnew) {
   EXPECT_TRUE(inChild(useEverything));
   EXPECT_TRUE(inChild(isNotReported));
   EXPECT_TRUE(inChild(hasNoEventLoop));
+  EXPECT_TRUE(inChild(hasNoDescriptorOfTheLoop));
   EXPECT_TRUE(!kThreadsInChild || inChild(startsAnew));
+  EXPECT_TRUE(!kThreadsInChild || inChild(startsAnewUnwatched));
   g_goOn.release();
   EXPECT_EQ(Frame_StopHeartbeatToMon(&self), QURN_OK) << "the parent's monitor goes on";
+}
+
+// The thread that changes a table is in the platform's allocator, the other in its log.
+TEST_F(Fork, BesideAThreadThatNeverLeavesATableTheChildGoesOn) {
+  for (const auto& [place, isGood] : {std::pair{Stuck::kReadingATable, &findsTablesWhole},
+                                      std::pair{Stuck::kChangingATable, &startsTablesAnew}}) {
+    EXPECT_TRUE(inChild([place = place, isGood = isGood] {
+      g_oldHandle = nbb_create_handle(&g_oldHandle);
+      g_stuck = place;
+      std::thread([] {
+        nbb_validate_handle(0);
+        for (;;) {
+          nbb_create_handle(&g_oldHandle);
+        }
+      }).detach();
+      g_isStuck.acquire();
+      return inChild(isGood);
+    }));
+  }
+}
+
+TEST_F(Fork, FromWithinATableOrTheLogTheChildGoesOn) {
+  EXPECT_TRUE(inChild([] {
+    g_oldHandle = nbb_create_handle(&g_oldHandle);
+    g_inside = [] { g_isGood = inChild(startsTablesAnew); };
+    while (g_inside != nullptr) {
+      nbb_create_handle(&g_oldHandle);
+    }
+    return g_isGood.load();
+  }));
 }
 
 TEST_F(Fork, AtAnyMomentOfOtherThreadsTheChildDoesNotHang) {

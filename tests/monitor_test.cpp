@@ -169,6 +169,60 @@ TEST_F(DetectionPass, HooksRunBetweenHeartbeatsAndTheThreadsMayUseTheWholeMonito
   FrameWriteDeadloopInfo();
   EXPECT_EQ(recorded::events(),
             (Texts{"beat", "beat", "thread 2500", "beat", "process 2500 1", "beat"}));
+  Frame_RegDeadloopInfoHook(stuck.slot(), useTheMonitorInAHook);
+  stuck.interrupt();
+  ASSERT_TRUE(getsCaptured());
+  recorded::forget();
+  FrameWriteDeadloopInfo();
+  EXPECT_EQ(recorded::events(), (Texts{"beat", "beat"})) << "no second action for the one event";
+}
+
+TEST_F(DetectionPass, TheWarningHookMayTuneTheThreadThatItIsToldAbout) {
+  SilentThread stuck;
+  Frame_RegThreadDeadloopWarningHook([](uint64_t, uint32_t, uint32_t, uint32_t) {
+    EXPECT_EQ(FRAME_UpdateDeadloopThresholdByName("silent", 5, 6, 7), QURN_OK);
+  });
+  EXPECT_EQ(passAfter(1000), 2U) << "its third threshold is far again";
+  EXPECT_EQ(passAfter(4999), 0U);
+  EXPECT_EQ(passAfter(1), 1U);
+}
+
+TEST_F(DetectionPass, ThatIsSuspendedSaysSoOnceAfterTenTicksAndTenSeconds) {
+  SilentThread stuck;
+  const std::string told = "Dead-loop signal not handled, detection suspended. (task [silent:" +
+                           std::to_string(stuck.tid()) + "])";
+  fault::arm("pthread_kill", 0);  // succeeds, sends nothing
+  EXPECT_EQ(passAfter(1000), 3U);
+  const auto ticks = [](int count, int64_t milliseconds) {
+    for (int i = 0; i < count; ++i) {
+      passAfter(milliseconds);
+    }
+    return recorded::texts(100).size() - 1;  // without the third threshold's
+  };
+  EXPECT_EQ(ticks(9, 2000), 0U);
+  EXPECT_EQ(ticks(1, 0), 1U);
+  EXPECT_EQ(ticks(20, 2000), 1U);
+  EXPECT_ERROR(told);
+}
+
+// Where it would end the thread: in the log's writing, under a lock.
+TEST_F(DetectionPass, AThreadThatIsCancelledLeavesNoLockBehind) {
+  ASSERT_NE(nbb_handle_initialize(), 0U);
+  pthread_t thread{};
+  const auto body = [](void*) -> void* {
+    const FrameDeadloopHandle nobodys = 5;
+    pthread_cancel(pthread_self());
+    EXPECT_EQ(Frame_StopHeartbeatToMon(&nobodys), QURN_FAILED);
+    EXPECT_EQ(nbb_validate_handle(0), nullptr);
+    return nullptr;
+  };
+  recorded::watch([](const std::string&) { pthread_testcancel(); });
+  ASSERT_EQ(pthread_create(&thread, nullptr, body, nullptr), 0);
+  pthread_join(thread, nullptr);
+  recorded::watch(nullptr);
+  FrameDeadloopHandle self = 9;
+  EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
+  EXPECT_NE(nbb_create_handle(&self), 0U);
 }
 
 TEST_F(DetectionPass, ARecordOfTheCallersOwnIsSignalledByItsPosixIdAloneAndNeverReleased) {

@@ -3,6 +3,9 @@
 #include <tovplatform/stand_in.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <csetjmp>
+#include <csignal>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -107,6 +110,42 @@ TEST(CallStack, SurvivesGarbageRegisters) {
       EXPECT_EQ(addresses[0], 0x1234U);
     }
   }
+}
+
+sigjmp_buf g_backInTheWorker;
+volatile int* volatile g_nowhere = nullptr;
+int g_faults = 0;
+
+// Another thread's faults, while this one walks, are its own handler's.
+TEST(CallStack, LeavesOtherThreadsFaultsToTheirHandler) {
+  struct sigaction own {};
+  own.sa_handler = [](int) {
+    ++g_faults;
+    siglongjmp(g_backInTheWorker, 1);
+  };
+  sigaction(SIGSEGV, &own, nullptr);
+  std::atomic<bool> stop{false};
+  std::atomic<int> done{0};
+  std::thread worker([&] {
+    for (; !stop; ++done) {
+      if (sigsetjmp(g_backInTheWorker, 1) == 0) {
+        *g_nowhere = 1;
+      }
+    }
+  });
+  for (int walk = 0; walk < 2000 || done < 2000; ++walk) {
+    uint64_t addresses[20];
+    uint32_t depth = 0;
+    ucontext_t context;
+    getcontext(&context);
+    EXPECT_EQ(KEM_ExceptCallStackGetEx(&context, 20, 0, addresses, &depth), QURN_OK);
+  }
+  stop = true;
+  worker.join();
+  EXPECT_EQ(g_faults, done);
+  struct sigaction now {};
+  sigaction(SIGSEGV, nullptr, &now);
+  EXPECT_EQ(now.sa_handler, own.sa_handler);
 }
 
 TEST(StackBounds, AreThoseOfTheCallersStack) {

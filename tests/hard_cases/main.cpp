@@ -4,6 +4,7 @@
 //   reported  the process ends with status 88
 //   rescued   the threads' hooks end the trouble, and the process goes on
 //   silenced  no report is possible: heartbeats stop, so that the guard acts
+//   unseen    the same, where each heartbeat looks the guard up
 //   sampled   captured and reported many times, at moments that nobody chose
 // hard_case stepped: the walk before every instruction.
 #include <dlfcn.h>
@@ -38,6 +39,14 @@ void waitFor(const Count& count) {
   while (count == 0) {
     usleep(1000);
   }
+}
+
+uint32_t beat(void* /*param*/) {
+  if (g_end == "unseen") {
+    dlsym(RTLD_DEFAULT, "bexlin_notify");
+  }
+  ++g_beats;
+  return 0;
 }
 
 uint32_t rescue(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
@@ -85,8 +94,7 @@ void sample(Place place) {
 
 void watch(Place place, int count, Place bystander) {
   FrameSetDeadloopPeriodDelay(kPeriodMs);
-  FRAME_KeepAliveProcSet(
-      kPeriodMs, [](void*) -> uint32_t { return ++g_beats, 0; }, nullptr);
+  FRAME_KeepAliveProcSet(kPeriodMs, beat, nullptr);
   FRAME_MntInit();
   waitFor(g_beats);
   // Before the allocator may be locked for good.
@@ -103,7 +111,7 @@ void watch(Place place, int count, Place bystander) {
   if (count == 0) {
     getStuck(place);
   }
-  if (g_end == "silenced") {
+  if (g_end == "silenced" || g_end == "unseen") {
     waitForSilence();
   }
   for (std::thread& thread : threads) {

@@ -6,6 +6,7 @@
 #include <link.h>
 #include <malloc.h>
 #include <pthread.h>
+#include <qurnadapt/monitor.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -179,6 +180,42 @@ PLACE void at_end_of_stack() {
 }
 
 PLACE void at_stripped() { at_library_entry(); }
+
+// ---- in threads that others have spoilt
+
+PLACE void at_masked() {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, nullptr);
+  FrameDeadloopHandle self = 0;
+  Frame_SetHeartbeatToMon(&self, 1, 1, 1);
+  at_spin();
+}
+PLACE void at_cancelled() {
+  pthread_cancel(pthread_self());
+  at_spin();
+}
+PLACE void at_replaced() {
+  signal(SIGRTMIN + 2, SIG_IGN);
+  at_spin();
+}
+// The saved frame pointer, and where this returns to.
+PLACE void at_smashing(uintptr_t framePointer, uintptr_t returnAddress) {
+  auto* const frame = static_cast<volatile uintptr_t*>(__builtin_frame_address(0));
+  frame[0] = framePointer;
+  frame[1] = returnAddress == 0 ? frame[1] : returnAddress;
+  at_spin();
+}
+PLACE void at_smashed_frame() {
+  sigset_t faults;
+  sigemptyset(&faults);
+  sigaddset(&faults, SIGSEGV);
+  pthread_sigmask(SIG_BLOCK, &faults, nullptr);
+  auto* volatile room = static_cast<char*>(alloca(static_cast<size_t>(rand() % 64 + 64)));
+  room[0] = 1;
+  at_smashing(8, 0);
+}
+PLACE void at_smashed_return() { at_smashing(8, 0xDEADBEEF000); }
 
 // ---- registers
 

@@ -126,9 +126,13 @@ void _exit(int status) {
 }
 
 int sigaction(int sig, const struct sigaction* action, struct sigaction* old) noexcept {
-  auto* const next = real<int(int, const struct sigaction*, struct sigaction*)>("sigaction");
+  static auto* const next = real<int(int, const struct sigaction*, struct sigaction*)>("sigaction");
   if (sig != SIGRTMIN + 2 || action == nullptr) {
-    return next(sig, action, old);
+    const int result = next(sig, action, old);
+    if (old != nullptr && old->sa_sigaction == watchedHandler) {
+      old->sa_sigaction = g_handler;
+    }
+    return result;
   }
   struct sigaction watched = *action;
   g_handler = action->sa_sigaction;

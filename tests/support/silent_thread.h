@@ -36,6 +36,8 @@ class SilentThread {
     }
   }
   [[nodiscard]] FrameDeadloopHandle* slot() { return &slot_; }
+  [[nodiscard]] pid_t tid() const { return tid_; }
+  void interrupt() const { pthread_kill(thread_, SIGRTMIN + 2); }
 
  private:
   static constexpr size_t kStackBytes = 1 << 20;
