@@ -1,31 +1,16 @@
 // The dead-loop signal, its handler, what it captures, and the scan for the stack. What a report
 // names is for the hard cases.
-#include <gtest/gtest.h>
-#include <pthread.h>
-#include <qurnadapt/platform.h>
 #include <ucontext.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <numeric>
 #include <optional>
 #include <semaphore>
-#include <thread>
 
 #include "adapt/frame/dbg/qurn_frame_mnt/capture_record.h"
 #include "internal/machine_context.h"
-#include "support/faults.h"
-#include "support/interpose.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 const int kSignal = SIGRTMIN + 2;
 const std::string kSignalText = "Signal " + std::to_string(kSignal);

@@ -1,19 +1,9 @@
 // Event sets, descriptors and timers on the detection thread's loop.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/timerfd.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <limits>
-#include <string>
-#include <thread>
-
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 namespace {
 

@@ -1,23 +1,11 @@
 // The handle table: the stated cases, failures and retries, a randomised comparison with the model,
 // and many threads at once.
-#include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <tovplatform/stand_in.h>
-#include <unistd.h>
 
-#include <array>
-#include <atomic>
-#include <cerrno>
-#include <random>
-#include <thread>
-
-#include "support/faults.h"
 #include "support/handle_table_model.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 // A pointer that is none of the table's own memory.
 void* pointer(uint64_t number) { return reinterpret_cast<void*>((number << 4U) + 0x1000); }

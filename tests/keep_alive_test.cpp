@@ -1,12 +1,6 @@
 // Keep-alive configuration, the pace of reports, and what is looked up in libraries that may come
 // late: the process guard and the plug-in's repair function.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-
-#include <cerrno>
-
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 namespace {
 

@@ -1,18 +1,11 @@
 // Legacy handles and memory on the stand-in's accounts.
-#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <tovplatform/stand_in.h>
 
-#include <cerrno>
 #include <regex>
-#include <thread>
 
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 Texts held() {
   static Texts lines;

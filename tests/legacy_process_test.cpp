@@ -1,20 +1,9 @@
 // Legacy logging, exit and environment, fixed results and forwarders, and the pointer stack.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <array>
-#include <cstdlib>
-#include <fstream>
-#include <memory>
 #include <regex>
 
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 uint32_t g_showAnswer = 0;
 uint32_t g_redirectAnswer = 0;

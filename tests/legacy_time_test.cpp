@@ -1,18 +1,11 @@
 // Legacy time: ranges, clock readings and uptime; and every half hour of several years in zones of
 // all kinds, compared with the C library.
-#include <gtest/gtest.h>
-#include <qurnadapt/qurnadapt.h>
 #include <sys/sysinfo.h>
 #include <sys/time.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
 #include <deque>
 
-#include "support/faults.h"
-#include "support/interpose.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 // Found where the record is declared, by its own name.
 static bool operator==(const ZotSystime& one, const ZotSystime& other) {
@@ -47,8 +40,6 @@ extern "C" int sysinfo(struct sysinfo* info) noexcept {
 }
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 constexpr ZotSystime kGood{2000, 2, 29, 23, 59, 59, 6, 999};
 

@@ -1,11 +1,7 @@
 // Both kinds of list against a plain sequence of numbers, and the cases where they differ.
-#include <gtest/gtest.h>
-#include <qurnadapt/linked_lists.h>
-
 #include <algorithm>
-#include <array>
-#include <random>
-#include <vector>
+
+#include "support/library_test.h"
 
 namespace {
 

@@ -1,21 +1,12 @@
 // The monitor beyond its model: real threads that are watched, end and are handled, its
 // initialisation, the legacy heart calls, and dead-loop sections.
-#include <gtest/gtest.h>
-#include <tovplatform/stand_in.h>
-
-#include <cerrno>
 #include <filesystem>
-#include <utility>
 
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 #include "support/run_program.h"
 #include "support/silent_thread.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
-using Codes = std::vector<uint32_t>;
 
 Codes useTheMonitor(FrameDeadloopHandle* handle, const char* name) {
   return {Frame_SetHeartbeatToMon(handle, 1, 2, 3), Frame_SendHeartbeatToMon(handle),

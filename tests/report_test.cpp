@@ -1,13 +1,5 @@
 // The texts of the report: numbers, times, registers, signals and symbol names.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <csignal>
-#include <cstring>
-
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 namespace {
 

@@ -1,22 +1,10 @@
 // Start-up, the signals that it ignores, the detection thread's set-up, and the order of a tick.
-#include <gtest/gtest.h>
-#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <fstream>
-#include <thread>
-
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 uint32_t noteKeepAlive(void* /*param*/) {
   char thread[16];
