@@ -82,7 +82,6 @@ TEST_F(EventSets, TellOfUnknownNamesAndFailingFunctionsAndALaterFunctionReplaces
 }
 
 TEST_F(EventSets, NamesFunctionsAndDescriptorsAreChecked) {
-  const std::string longest(127, 'n');
   const std::string tooLong(128, 'n');
   event_.data.u64 = 42;
   recorded::watch([](const std::string& what) {
@@ -90,18 +89,18 @@ TEST_F(EventSets, NamesFunctionsAndDescriptorsAreChecked) {
       FRAME_MntRegSetAndEventProc("allowed", drain, nullptr);  // the lock is free again
     }
   });
-  EXPECT_EQ(FRAME_MntRegSetAndEventProc(tooLong.c_str(), drain, nullptr), QURN_FAILED);
-  EXPECT_EQ(FRAME_MntRegSetAndEventProc(nullptr, drain, nullptr), QURN_FAILED);
-  EXPECT_EQ(change(EPOLL_CTL_ADD, tooLong), QURN_FAILED);
+  EXPECT_CODES(Codes(3, QURN_FAILED), FRAME_MntRegSetAndEventProc(tooLong.c_str(), drain, nullptr),
+               FRAME_MntRegSetAndEventProc(nullptr, drain, nullptr),
+               change(EPOLL_CTL_ADD, tooLong));
   EXPECT_TRUE(event_.data.u64 == 42 && event_.events == 0) << "untouched";
   EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", nullptr, nullptr), QURN_INVALID_ARGUMENT);
   EXPECT_EQ(change(EPOLL_CTL_MOD), QURN_FAILED);
   EXPECT_EQ(event_.data.ptr, nullptr);
-  std::vector<std::string> said(3, "Use secure function to copy setName unsuccessfully.");
-  said.insert(said.end(), {"Event process function is NULL.",
-                           "Frame mnt operate epoll event unsuccessfully.(errno = 2)"});
-  EXPECT_EQ(recorded::texts(100), said);
+  const std::string name = "Use secure function to copy setName unsuccessfully.";
+  EXPECT_TEXTS(100, name, name, name, "Event process function is NULL.",
+               "Frame mnt operate epoll event unsuccessfully.(errno = 2)");
   EXPECT_EQ(recorded::blocksHeld(), held_ + 1);
+  const std::string longest(127, 'n');
   EXPECT_EQ(FRAME_MntRegSetAndEventProc(longest.c_str(), drain, nullptr), QURN_OK);
   event_.events = 0;
   EXPECT_EQ(change(EPOLL_CTL_ADD, longest), QURN_OK);
@@ -112,15 +111,12 @@ TEST_F(EventSets, RecordsAreReleasedOnceTheKernelHasLetGoOfThem) {
   const auto holds = [&](size_t records) {
     return eventually([&] { return recorded::blocksHeld() == held_ + records; });
   };
-  ASSERT_EQ(change(EPOLL_CTL_ADD), QURN_OK);
-  for (int i = 0; i < 5; ++i) {
-    ASSERT_EQ(change(EPOLL_CTL_MOD), QURN_OK);
-  }
+  EXPECT_CODES(Codes(3, QURN_OK), change(EPOLL_CTL_ADD), change(EPOLL_CTL_MOD),
+               change(EPOLL_CTL_MOD));
   EXPECT_TRUE(holds(1));
   ASSERT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_DEL, fd_, nullptr), QURN_OK);
   EXPECT_TRUE(holds(0));
-  ASSERT_EQ(change(EPOLL_CTL_ADD), QURN_OK);
-  ASSERT_EQ(change(EPOLL_CTL_DEL), QURN_OK);
+  EXPECT_CODES(Codes(2, QURN_OK), change(EPOLL_CTL_ADD), change(EPOLL_CTL_DEL));
   EXPECT_TRUE(holds(0));
 }
 
@@ -132,7 +128,7 @@ TEST_F(EventSets, DescriptorsMayChangeWhileTheirEventsAreBeingDispatched) {
     return 0;
   };
   ASSERT_EQ(FRAME_MntRegSetAndEventProc("busy", count, nullptr), QURN_OK);
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < 3; ++i) {
     threads.emplace_back([] {
       const int fd = eventfd(1, EFD_NONBLOCK);
@@ -144,9 +140,6 @@ TEST_F(EventSets, DescriptorsMayChangeWhileTheirEventsAreBeingDispatched) {
         EXPECT_EQ(FRAME_MntEpollCtl("busy", EPOLL_CTL_DEL, fd, nullptr), QURN_OK);
       }
     });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
   }
 }
 
@@ -185,9 +178,9 @@ TEST_F(Timer, ArmsFirstExpiryAndIntervalWithItsPeriod) {
   itimerspec armed{};
   ASSERT_EQ(create(1500), QURN_OK);
   ASSERT_EQ(timerfd_gettime(fd_, &armed), 0);
-  EXPECT_EQ(armed.it_interval.tv_sec, 1);
-  EXPECT_EQ(armed.it_interval.tv_nsec, 500'000'000);
-  EXPECT_EQ(armed.it_value.tv_sec, 1);
+  const timespec& interval = armed.it_interval;
+  EXPECT_TRUE(interval.tv_sec == 1 && interval.tv_nsec == 500'000'000 &&
+              armed.it_value.tv_sec == 1);
 }
 
 TEST_F(Timer, IsNotMadeWhenAStepFails) {

@@ -58,11 +58,11 @@ TEST(KeepAliveConfiguration, AnswersEachMistakeWithItsLineAndCode) {
 
 TEST(KeepAliveConfiguration, AComponentsOwnHookComesFirstAndStays) {
   Hook hook;
-  EXPECT_EQ(FRAME_KeepAliveProcSet(1, nullptr, nullptr), QURN_FAILED);
-  EXPECT_ERROR("Keep alive proc set unsuccessfully. Input parameter is invalid.");
-  ASSERT_EQ(FRAME_KeepAliveProcSet(1, runHook, &hook), QURN_OK);
-  EXPECT_EQ(FRAME_KeepAliveProcSet(1, runHook, &hook), QURN_FAILED);
-  EXPECT_ERROR("Keep alive proc set unsuccessfully. Repeated register.");
+  EXPECT_CODES((Codes{QURN_FAILED, 0, QURN_FAILED}), FRAME_KeepAliveProcSet(1, nullptr, nullptr),
+               FRAME_KeepAliveProcSet(1, runHook, &hook),
+               FRAME_KeepAliveProcSet(1, runHook, &hook));
+  EXPECT_TEXTS(100, "Keep alive proc set unsuccessfully. Input parameter is invalid.",
+               "Keep alive proc set unsuccessfully. Repeated register.");
   configure("{ not yaml");
   EXPECT_EQ(FrameKeepAliveInit(), QURN_OK);
   EXPECT_TRUE(recorded::has(40, "Keep alive paramter already set by custom."));
@@ -126,8 +126,7 @@ TEST_F(Guarded, HeartbeatsFlowOnlyOnceReadinessIsAnnounced) {
   EXPECT_ERROR("bexlin notify ready unsuccessfully. (ret = 0x3)");
   EXPECT_EQ(g_FrameReady, 0U);
   guard["guard_answer"] = 0;
-  EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
-  EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
+  EXPECT_CODES(Codes(2, 0), FrameKeepAliveByNotifySendReady(), FrameKeepAliveByNotifySendReady());
   EXPECT_EQ(guard["guard_readies"], 2) << "one refused, one accepted, none repeated";
   EXPECT_EQ(g_FrameReady, 1U);
   reportAfter(0);
@@ -145,7 +144,7 @@ TEST_F(Guarded, AMissingGuardCountsAsReachedAndIsLookedUpAnewEachTime) {
   EXPECT_EQ(g_FrameReady, 1U);
   reportAfter(15000);
   reportAfter(0);
-  EXPECT_EQ(recorded::texts(40), std::vector<std::string>(2, "bexlin notify func not found."));
+  EXPECT_EQ(recorded::texts(40), Texts(2, "bexlin notify func not found."));
   LateLibrary guard;
   reportAfter(15000);
   EXPECT_EQ(guard["guard_heartbeats"], 1);

@@ -80,20 +80,17 @@ TEST(LegacyHandle, OnlyRawIdsAndLiveRecordsAreHandles) {
 TEST(LegacyHandle, MistakesAreAnsweredWithTheirLines) {
   ZotHandleRecord* record = nullptr;
   fault::arm("KEM_HandleInitialize", 0);
-  EXPECT_EQ(ZOT_HandleInitializeByName("module", &record), QURN_FAILED);
-  EXPECT_EQ(ZOT_HandleInitializeByName("module", nullptr), QURN_FAILED);
-  EXPECT_EQ(ZOT_HandleInitializeByName(nullptr, &record), QURN_FAILED);
-  EXPECT_EQ(ZOT_HandleInitialize(nullptr, 1, nullptr), QURN_FAILED);
-  EXPECT_EQ(ZOT_HandleFinalize(nullptr), QURN_FAILED);
-  EXPECT_EQ(
-      recorded::texts(100),
-      (Texts{"Get ZOT handle by name, kelva handle init unsuccessfully. (ret = 0x7)",
-             "Get ZOT handle by name, input invalid.", "Get ZOT handle by name, input invalid.",
-             "pHandle NULL", "Para pstHandle is NULL."}));
+  EXPECT_CODES(Codes(5, QURN_FAILED), ZOT_HandleInitializeByName("module", &record),
+               ZOT_HandleInitializeByName("module", nullptr),
+               ZOT_HandleInitializeByName(nullptr, &record),
+               ZOT_HandleInitialize(nullptr, 1, nullptr), ZOT_HandleFinalize(nullptr));
+  EXPECT_TEXTS(100, "Get ZOT handle by name, kelva handle init unsuccessfully. (ret = 0x7)",
+               "Get ZOT handle by name, input invalid.", "Get ZOT handle by name, input invalid.",
+               "pHandle NULL", "Para pstHandle is NULL.");
   EXPECT_EQ(record, nullptr);
   EXPECT_EQ(fault::calls("KEM_HandleInitialize"), 1) << "only with all its arguments";
-  EXPECT_EQ(ZOT_MemCheckSwitch(0) | ZOT_MemCheckSwitch(1), QURN_OK);
-  EXPECT_EQ(ZOT_MemCheckSwitch(2), QURN_INVALID_VALUE);
+  EXPECT_CODES((Codes{0, 0, QURN_INVALID_VALUE}), ZOT_MemCheckSwitch(0), ZOT_MemCheckSwitch(1),
+               ZOT_MemCheckSwitch(2));
 }
 
 TEST(LegacyHandle, ThousandsOfRecordsAreToldFromEverythingElse) {

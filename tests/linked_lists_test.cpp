@@ -95,16 +95,13 @@ void expectASequence(List& list, Node*& last, void (*insert)(List*, Node*, Node*
   }
 }
 
-TEST(LinkedLists, DoublyLinkedHoldWhatASequenceWould) {
-  DllList list{{&list.head, &list.head}, 0x5A5A, 0};
-  expectASequence(list, list.head.prev, DLL_Insert, DLL_Delete, DLL_Get, DLL_Find, DLL_Walk,
+TEST(LinkedLists, OfBothKindsHoldWhatASequenceWould) {
+  DllList doubly{{&doubly.head, &doubly.head}, 0x5A5A, 0};
+  expectASequence(doubly, doubly.head.prev, DLL_Insert, DLL_Delete, DLL_Get, DLL_Find, DLL_Walk,
                   DLL_FreeAll, previous);
-}
-
-TEST(LinkedLists, SinglyLinkedHoldWhatASequenceWould) {
-  SllList list{{&list.head}, 0x5A5A, &list.head, 0};
-  expectASequence(list, list.tail, SLL_Insert, SLL_Delete, SLL_Get, SLL_Find, SLL_Walk, SLL_FreeAll,
-                  SLL_Previous);
+  SllList singly{{&singly.head}, 0x5A5A, &singly.head, 0};
+  expectASequence(singly, singly.tail, SLL_Insert, SLL_Delete, SLL_Get, SLL_Find, SLL_Walk,
+                  SLL_FreeAll, SLL_Previous);
 }
 
 TEST(LinkedLists, TolerateNullWhereTheySaySo) {

@@ -39,9 +39,8 @@ TEST(Registration, KeepsThresholdsInMillisecondsAsFarAsTheyFit) {
     FrameMonitorTaskInfo info{};
     info.ucTimeoutLevel = 2;
     ASSERT_EQ(FrameUpdateMonitorTaskKeyInfo(&info, seconds, seconds, seconds), QURN_OK);
-    EXPECT_EQ(info.uiFirstThreshold, milliseconds);
-    EXPECT_EQ(info.uiThirdThreshold, milliseconds);
-    EXPECT_EQ(info.ucTimeoutLevel, 0);
+    EXPECT_CODES((Codes{milliseconds, milliseconds, 0}), info.uiFirstThreshold,
+                 info.uiThirdThreshold, info.ucTimeoutLevel);
   }
 }
 
@@ -50,15 +49,14 @@ TEST(HeartBridge, ReachesTheMonitorFromTheLoadOnAndKeepsItsSetWhole) {
   EXPECT_EQ(useTheHeartBridge(&self), Codes(4, QURN_OK));
   EXPECT_TRUE(recorded::has(
       40, "ZOT set heart monitor of thread (" + std::to_string(pthread_self()) + ")."));
-  ASSERT_EQ(ZOT_SetHeartMon(&self, 1, 2, 3), QURN_OK);
-  EXPECT_EQ(FRAME_TaskDeadloopInit(), QURN_OK);
-  EXPECT_EQ(ZOT_SendHeartToMon(&self), QURN_OK) << "a second initialisation changes nothing";
+  EXPECT_CODES(Codes(3, 0), ZOT_SetHeartMon(&self, 1, 2, 3), FRAME_TaskDeadloopInit(),
+               ZOT_SendHeartToMon(&self))
+      << "a second initialisation changes nothing";
 
   const TovHeartFunSet full = g_stTovHeartFunSet;
   TovHeartFunSet incomplete = full;
   incomplete.pfnReboot = nullptr;
-  EXPECT_EQ(ZotHeartFunReg(&incomplete), QURN_FAILED);
-  EXPECT_EQ(ZotHeartFunReg(nullptr), QURN_FAILED);
+  EXPECT_CODES(Codes(2, QURN_FAILED), ZotHeartFunReg(&incomplete), ZotHeartFunReg(nullptr));
   EXPECT_EQ(useTheHeartBridge(&self), Codes(4, QURN_OK));
 
   recorded::forget();
@@ -86,8 +84,7 @@ TEST(Uninitialised, DISABLED_MonitorRefusesEverything) {
   EXPECT_EQ(recorded::texts(100), recorded::texts());
   fault::arm("pthread_rwlock_init", EAGAIN);
   EXPECT_EQ(FRAME_MntInit(), QURN_FAILED);
-  EXPECT_EQ(recorded::texts(100).back(),
-            "Frame task deadloop init unsuccessfully, ret=0xffffffff.");
+  EXPECT_ERROR("Frame task deadloop init unsuccessfully, ret=0xffffffff.");
   EXPECT_EQ(FRAME_TaskDeadloopInit(), QURN_OK) << "the whole initialisation is repeated";
   EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
 }
@@ -137,9 +134,8 @@ uint32_t useTheMonitorInAHook(FrameDeadloopHandle* handle, uint64_t /*threadId*/
   recorded::note("thread " + std::to_string(elapsedMs));
   FrameDeadloopHandle own = 0;
   EXPECT_EQ(useTheMonitor(&own, "silent"), Codes(5, QURN_OK));
-  EXPECT_EQ(FrameSetDetectSwitch(*handle, 0), QURN_OK);
-  EXPECT_EQ(Frame_SetHeartExceptionPolicy(*handle, 1), QURN_OK);
-  EXPECT_EQ(Frame_UnRegDeadloopInfoHook(handle), QURN_OK);
+  EXPECT_CODES(Codes(3, 0), FrameSetDetectSwitch(*handle, 0),
+               Frame_SetHeartExceptionPolicy(*handle, 1), Frame_UnRegDeadloopInfoHook(handle));
   Frame_RegThreadDeadloopWarningHook(nullptr);
   Frame_RegThreadDeadloopHook(noteProcessHook);
   return 0;

@@ -1,7 +1,7 @@
 // Start-up, the signals that it ignores, the detection thread's set-up, and the order of a tick.
 #include <sys/prctl.h>
-#include <sys/wait.h>
 
+#include "support/in_child.h"
 #include "support/library_test.h"
 
 namespace {
@@ -11,16 +11,6 @@ uint32_t noteKeepAlive(void* /*param*/) {
   prctl(PR_GET_NAME, thread);
   recorded::note("keep-alive on " + std::string(thread));
   return 0;
-}
-
-bool holdsInAChild(const std::function<bool()>& condition) {
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(condition() ? 0 : 1);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  return status == 0;
 }
 
 TEST(Startup, RunsOneDetectionThreadUnderItsNameWhichTicksAtItsPeriod) {
@@ -34,21 +24,18 @@ TEST(Startup, RunsOneDetectionThreadUnderItsNameWhichTicksAtItsPeriod) {
 }
 
 TEST(Startup, APeriodCanBeSetOnceAndOnlyBefore) {
-  EXPECT_EQ(FrameSetDeadloopPeriodDelay(0), QURN_FAILED);
-  EXPECT_EQ(FrameSetDeadloopPeriodDelay(3000), QURN_OK);
-  EXPECT_EQ(FrameSetDeadloopPeriodDelay(4000), QURN_FAILED);
-  ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
-  EXPECT_EQ(FrameSetDeadloopPeriodDelay(4000), QURN_FAILED);
-  EXPECT_EQ(recorded::texts(100),
-            (Texts{"Deadloop periodDelay is invalid. (value = 0)",
-                   "Deadloop periodDelay is already inited, set periodDelay unsuccessfully.",
-                   "Deadloop is already inited, set periodDelay unsuccessfully."}));
+  EXPECT_CODES((Codes{QURN_FAILED, 0, QURN_FAILED, 0, QURN_FAILED}), FrameSetDeadloopPeriodDelay(0),
+               FrameSetDeadloopPeriodDelay(3000), FrameSetDeadloopPeriodDelay(4000),
+               FrameDeadloopInit(), FrameSetDeadloopPeriodDelay(4000));
+  EXPECT_TEXTS(100, "Deadloop periodDelay is invalid. (value = 0)",
+               "Deadloop periodDelay is already inited, set periodDelay unsuccessfully.",
+               "Deadloop is already inited, set periodDelay unsuccessfully.");
   EXPECT_EQ(FrameChooseDeadloopDetectTime(), 3000U);
 }
 
 TEST(Startup, OfTwoThatSetThePeriodAtOnceOneWinsAndTheOtherIsTold) {
   for (int run = 0; run < 200 && !HasFailure(); ++run) {
-    EXPECT_TRUE(holdsInAChild([] {
+    EXPECT_TRUE(inChild([] {
       std::atomic<int> ready{0};
       std::atomic<int> accepted{0};
       const auto set = [&] {
@@ -72,9 +59,8 @@ TEST(Startup, TakesTurnsSharesItsResultAndCanBeTriedAgain) {
     second = std::thread([] { shared = FRAME_MntInit(); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(shared, 0U) << "it waits";
-#if !defined(__SANITIZE_THREAD__)  // where such a child may start no thread
-    EXPECT_TRUE(holdsInAChild([] { return FRAME_MntInit() == QURN_OK; })) << "it begins afresh";
-#endif
+    const auto beginsAfresh = [] { return FRAME_MntInit() == QURN_OK; };
+    EXPECT_TRUE(kSanitizers == "thread" || inChild(beginsAfresh));
   });
   fault::arm("TOV_DeadLoopRegCapability", EIO);
   EXPECT_EQ(FRAME_MntInit(), 0x77U);
@@ -125,9 +111,9 @@ TEST(DetectionThread, GivesBackWhatOthersRegisteredWhenItsSetUpFails) {
   FrameSetDeadloopPeriodDelay(1000);
   fault::onStrike([] {
     epoll_event event{};
-    EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", FrameTimerEventProc, nullptr), QURN_OK);
-    EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event), QURN_OK);
-    EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event), QURN_OK);
+    EXPECT_CODES(Codes(3, 0), FRAME_MntRegSetAndEventProc("set", FrameTimerEventProc, nullptr),
+                 FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event),
+                 FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event));
   });
   fault::arm("timerfd_create", EMFILE);
   onThread("set-up", [] { FrameDeadloopTaskProcEntry(nullptr); });

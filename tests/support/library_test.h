@@ -22,3 +22,8 @@
 
 using Texts = std::vector<std::string>;
 using Codes = std::vector<uint32_t>;
+
+// All the library's lines of a level (0: of any) so far, in order.
+#define EXPECT_TEXTS(level, ...) EXPECT_EQ(recorded::texts(level), (Texts{__VA_ARGS__}))
+// What these calls answer, one after the other.
+#define EXPECT_CODES(expected, ...) EXPECT_EQ((Codes{__VA_ARGS__}), expected)
