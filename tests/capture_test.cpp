@@ -34,8 +34,6 @@ INTERPOSE(
 
 namespace {
 
-bool isCaptured() { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; }
-
 bool raiseCaptures() { return raise(kSignal) == 0 && isCaptured(); }
 
 class SignalCapture : public testing::Test {

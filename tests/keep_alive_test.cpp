@@ -22,13 +22,12 @@ void reportAfter(int64_t milliseconds) {
   FRAME_KeepAliveReport();
 }
 
-struct LateLibrary {
-  LateLibrary() : library(dlopen(LATE_LIBRARY, RTLD_NOW | RTLD_GLOBAL)) {
-    EXPECT_NE(library, nullptr) << dlerror();
-  }
-  int& operator[](const char* name) const { return *static_cast<int*>(dlsym(library, name)); }
-  void* library;
-};
+// The library comes now. What its variables hold, by their names.
+auto loadLate() {
+  void* const library = dlopen(LATE_LIBRARY, RTLD_NOW | RTLD_GLOBAL);
+  EXPECT_NE(library, nullptr) << dlerror();
+  return [=](const char* name) -> int& { return *static_cast<int*>(dlsym(library, name)); };
+}
 
 TEST(KeepAliveConfiguration, AnswersEachMistakeWithItsLineAndCode) {
   EXPECT_EQ(FrameKeepAliveInit(), QURN_OK);
@@ -66,9 +65,9 @@ TEST(KeepAliveConfiguration, AComponentsOwnHookComesFirstAndStays) {
   configure("{ not yaml");
   EXPECT_EQ(FrameKeepAliveInit(), QURN_OK);
   EXPECT_TRUE(recorded::has(40, "Keep alive paramter already set by custom."));
-  LateLibrary guard;
+  const auto guard = loadLate();
   EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
-  EXPECT_EQ(guard["guard_readies"], 0);
+  EXPECT_EQ(guard("guard_readies"), 0);
 }
 
 TEST(KeepAliveReport, TheFirstIsDueAtOnceAndTheNextAPeriodAfterTheHookReturned) {
@@ -118,22 +117,22 @@ class Guarded : public testing::Test {
 };
 
 TEST_F(Guarded, HeartbeatsFlowOnlyOnceReadinessIsAnnounced) {
-  LateLibrary guard;
+  const auto guard = loadLate();
   reportAfter(0);
-  EXPECT_EQ(guard["guard_heartbeats"], 0);
-  guard["guard_answer"] = 3;
+  EXPECT_EQ(guard("guard_heartbeats"), 0);
+  guard("guard_answer") = 3;
   EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_FAILED);
   EXPECT_ERROR("bexlin notify ready unsuccessfully. (ret = 0x3)");
   EXPECT_EQ(g_FrameReady, 0U);
-  guard["guard_answer"] = 0;
+  guard("guard_answer") = 0;
   EXPECT_CODES(Codes(2, 0), FrameKeepAliveByNotifySendReady(), FrameKeepAliveByNotifySendReady());
-  EXPECT_EQ(guard["guard_readies"], 2) << "one refused, one accepted, none repeated";
+  EXPECT_EQ(guard("guard_readies"), 2) << "one refused, one accepted, none repeated";
   EXPECT_EQ(g_FrameReady, 1U);
   reportAfter(0);
-  EXPECT_EQ(guard["guard_heartbeats"], 0) << "the report before readiness counted";
+  EXPECT_EQ(guard("guard_heartbeats"), 0) << "the report before readiness counted";
   reportAfter(15000);
-  EXPECT_EQ(guard["guard_heartbeats"], 1);
-  guard["guard_answer"] = 9;
+  EXPECT_EQ(guard("guard_heartbeats"), 1);
+  guard("guard_answer") = 9;
   reportAfter(15000);
   EXPECT_ERROR("bexlin notify heartbeat unsuccessfully. (ret = 0x9)");
   EXPECT_TRUE(recorded::has(80, "User keep alive hook proc unsuccessfully. (ret = 0xffffffff)"));
@@ -145,21 +144,21 @@ TEST_F(Guarded, AMissingGuardCountsAsReachedAndIsLookedUpAnewEachTime) {
   reportAfter(15000);
   reportAfter(0);
   EXPECT_EQ(recorded::texts(40), Texts(2, "bexlin notify func not found."));
-  LateLibrary guard;
+  const auto guard = loadLate();
   reportAfter(15000);
-  EXPECT_EQ(guard["guard_heartbeats"], 1);
+  EXPECT_EQ(guard("guard_heartbeats"), 1);
 }
 
 class PluginRepair : public testing::TestWithParam<std::pair<uint32_t, int>> {};
 
 TEST_P(PluginRepair, RunsAboutEveryTenSecondsOfTicks) {
   const auto [periodMs, runsInSixTicks] = GetParam();
-  LateLibrary plugin;
+  const auto plugin = loadLate();
   FrameSetDeadloopPeriodDelay(periodMs);
   for (int tick = 0; tick < 6; ++tick) {
     FrameDeadloopDetectCallback(nullptr);
   }
-  EXPECT_EQ(plugin["repair_runs"], runsInSixTicks);
+  EXPECT_EQ(plugin("repair_runs"), runsInSixTicks);
 }
 
 INSTANTIATE_TEST_SUITE_P(Periods, PluginRepair,
@@ -169,9 +168,9 @@ INSTANTIATE_TEST_SUITE_P(Periods, PluginRepair,
 
 TEST(PluginRepair, IsLookedUpOnceEvenWhenItIsMissing) {
   FrameRuloPluginCheckAndRepairDeadloop();
-  LateLibrary plugin;
+  const auto plugin = loadLate();
   FrameRuloPluginCheckAndRepairDeadloop();
-  EXPECT_EQ(plugin["repair_runs"], 0);
+  EXPECT_EQ(plugin("repair_runs"), 0);
 }
 
 }  // namespace

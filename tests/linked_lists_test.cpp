@@ -39,10 +39,9 @@ DllNode* previous(const DllList* list, const DllNode* node) {
   return before == &list->head ? nullptr : before;
 }
 
-template <typename List, typename Node, typename Find, typename Walk, typename FreeAll>
-void expectASequence(List& list, Node*& last, void (*insert)(List*, Node*, Node*),
-                     void (*erase)(List*, Node*), Node* (*get)(List*), Find find, Walk walk,
-                     FreeAll freeAll, Node* (*before)(const List*, const Node*)) {
+template <typename List, typename Node>
+void expectASequence(List& list, Node*& last, auto insert, auto erase, auto get, auto find,
+                     auto walk, auto freeAll, auto before) {
   std::array<Item<Node>, 40> items{};
   std::vector<int> expected;
   std::mt19937 random(7);

@@ -19,11 +19,6 @@ Codes useTheHeartBridge(FrameDeadloopHandle* handle) {
           ZOT_RegThreadDeadloopHook(handle, nullptr), ZOT_StopHeartToMon(handle)};
 }
 
-TEST(Registration, RefusesNull) {
-  EXPECT_EQ(useTheMonitor(nullptr, nullptr), Codes(5, QURN_INVALID_ARGUMENT));
-  EXPECT_EQ(recorded::count("Frame task deadloop detect, handle invalid."), 3U);
-}
-
 TEST(Registration, ARenewalFindsAndChangesItsRecordUnderOneHoldOfItsLock) {
   FrameDeadloopHandle self = 9;
   ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
@@ -32,7 +27,9 @@ TEST(Registration, ARenewalFindsAndChangesItsRecordUnderOneHoldOfItsLock) {
   EXPECT_EQ(fault::calls("pthread_mutex_lock"), locks + 1);
 }
 
-TEST(Registration, KeepsThresholdsInMillisecondsAsFarAsTheyFit) {
+TEST(Registration, RefusesNullAndKeepsThresholdsInMillisecondsAsFarAsTheyFit) {
+  EXPECT_EQ(useTheMonitor(nullptr, nullptr), Codes(5, QURN_INVALID_ARGUMENT));
+  EXPECT_EQ(recorded::count("Frame task deadloop detect, handle invalid."), 3U);
   const std::pair<uint32_t, uint32_t> thresholds[] = {
       {1, 1000}, {4294966, 4294966000}, {4294967, 0xFFFFFFFF}, {0xFFFFFFFF, 0xFFFFFFFF}};
   for (const auto& [seconds, milliseconds] : thresholds) {
@@ -108,9 +105,9 @@ class DetectionPass : public testing::Test {
  protected:
   void SetUp() override {
     frozen_clock::start();
-    ASSERT_EQ(FrameSetDeadloopPeriodDelay(1), QURN_OK) << "every heartbeat is due";
-    ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
-    ASSERT_EQ(FrameRegDeadloopCapability(), QURN_OK);
+    // With this period every heartbeat is due.
+    EXPECT_CODES(Codes(3, 0), FrameSetDeadloopPeriodDelay(1), FrameDeadloopInit(),
+                 FrameRegDeadloopCapability());
     recorded::forget();
   }
   // Answers how many threshold lines this pass writes after so much more silence.
@@ -119,9 +116,6 @@ class DetectionPass : public testing::Test {
     frozen_clock::advance(milliseconds);
     FRAME_TaskDeadloopMonitorEntry();
     return recorded::count("trigger") - before;
-  }
-  static bool getsCaptured() {
-    return eventually([] { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; });
   }
 };
 
@@ -150,7 +144,7 @@ TEST_F(DetectionPass, HooksRunBetweenHeartbeatsAndTheThreadsMayUseTheWholeMonito
   };
   ASSERT_EQ(FRAME_KeepAliveProcSet(1, noteBeat, nullptr), QURN_OK);
   passAfter(2500);
-  ASSERT_TRUE(getsCaptured());
+  ASSERT_TRUE(eventually(isCaptured));
   frozen_clock::advance(20000);
   recorded::forget();
   FrameWriteDeadloopInfo();
@@ -168,7 +162,7 @@ TEST_F(DetectionPass, ARecordOfTheCallersOwnIsSignalledByItsPosixIdAloneAndNever
   EXPECT_EQ(own.ucTimeoutLevel, 3);
   EXPECT_EQ(recorded::count("Check thread exist"), 0U);
   FrameFatalThresholdTimeoutAction(0, &own, 5);
-  EXPECT_TRUE(getsCaptured());
+  EXPECT_TRUE(eventually(isCaptured));
 }
 
 TEST_F(DetectionPass, AnEndedThreadIsReleasedAndItsIdentifierNeverUsed) {
@@ -223,16 +217,14 @@ TEST_F(DetectionPass, SectionOperationsLogTheirFailures) {
   EXPECT_EQ(Frame_StopHeartbeatToMon(&handle), QURN_OK) << "the registration stays";
 }
 
-TEST_F(DetectionPass, ASectionsActionIsTheFrameworksHookOfTheThreadOrTheProcessesEnd) {
+TEST_F(DetectionPass, TheFrameworksHookIsASectionsActionAndItsLogTextsKeepTheirLevel) {
   EXPECT_EXIT(FrameSdkDeadloopAction(nullptr, 1, 2), testing::ExitedWithCode(88), "code 88");
   const auto sum = [](uint64_t threadId, uint32_t elapsedMs) {
     return static_cast<uint32_t>(threadId) + elapsedMs;
   };
   ASSERT_EQ(TovStandInDeadloopHookSet(77, sum), QURN_OK);
   EXPECT_EQ(FrameSdkDeadloopAction(nullptr, 77, 1000), 1077U);
-}
 
-TEST_F(DetectionPass, TheFrameworksLogTextsKeepTheirLevel) {
   for (uint32_t level = 0; level < 4; ++level) {
     FrameDeadloopLogoutHook(level, "100%s");
   }

@@ -23,6 +23,8 @@
 using Texts = std::vector<std::string>;
 using Codes = std::vector<uint32_t>;
 
+inline bool isCaptured() { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; }
+
 // All the library's lines of a level (0: of any) so far, in order.
 #define EXPECT_TEXTS(level, ...) EXPECT_EQ(recorded::texts(level), (Texts{__VA_ARGS__}))
 // What these calls answer, one after the other.
