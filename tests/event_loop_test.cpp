@@ -65,10 +65,9 @@ class EventSets : public testing::Test {
 TEST_F(EventSets, TellOfUnknownNamesAndFailingFunctionsAndALaterFunctionReplacesTheFirst) {
   static Seen first{5};
   static Seen second;
-  event_.events = EPOLLIN;
+  event_.events = EPOLLIN;  // and stays so
   fault::arm("epoll_wait", EINTR);
-  ASSERT_EQ(change(EPOLL_CTL_ADD, "late"), QURN_OK);
-  EXPECT_EQ(event_.events, static_cast<uint32_t>(EPOLLIN)) << "a mask of the caller's is kept";
+  EXPECT_CODES((Codes{QURN_OK, EPOLLIN}), change(EPOLL_CTL_ADD, "late"), event_.events);
   eventfd_write(fd_, 1);
   EXPECT_TRUE(eventually([] { return recorded::has(40, "There is no set which name is late."); }));
   ASSERT_EQ(FRAME_MntRegSetAndEventProc("late", drain, &first), QURN_OK);
@@ -76,8 +75,7 @@ TEST_F(EventSets, TellOfUnknownNamesAndFailingFunctionsAndALaterFunctionReplaces
       [] { return recorded::has(100, "Epoll event process unsuccessfully.(setName = late)"); }));
   ASSERT_EQ(FRAME_MntRegSetAndEventProc("late", drain, &second), QURN_OK);
   eventfd_write(fd_, 1);
-  EXPECT_TRUE(eventually([] { return second.calls == 1; }));
-  EXPECT_EQ(first.calls, 1);
+  EXPECT_TRUE(eventually([] { return second.calls == 1 && first.calls == 1; }));
   EXPECT_EQ(recorded::count("Epoll wait unsuccessfully."), 0U) << "a signal interrupted it";
 }
 
@@ -155,8 +153,7 @@ class Timer : public testing::Test {
   }
   void TearDown() override {
     FRAME_TimerCtrlRuin(ctrl_);
-    EXPECT_EQ(recorded::blocksHeld(), 0U);
-    EXPECT_EQ(fcntl(fd_, F_GETFD), -1);
+    EXPECT_TRUE(recorded::blocksHeld() == 0 && fcntl(fd_, F_GETFD) == -1);
   }
   uint32_t create(uint32_t periodMs) {
     return FRAME_TimerCreate(ctrl_, periodMs, countRun, &runs_, &fd_);
@@ -196,8 +193,7 @@ TEST_F(Timer, RunsItsHookOnceAReadinessAndSaysWhenItWasKeptWaitingForThreePeriod
   std::this_thread::sleep_for(std::chrono::milliseconds(50));  // more than one expiration
   serve(59);
   FrameTimerHookTriggerByFd(ctrl_, first + fd_ + 100);  // nobody's
-  EXPECT_EQ(runs_, 1);
-  EXPECT_TRUE(recorded::lines().empty());
+  EXPECT_TRUE(runs_ == 1 && recorded::lines().empty());
   serve(60);
   EXPECT_EQ(runs_, 2);
   EXPECT_TRUE(recorded::has(80, "Timer hook trigger delay. (elasped time = 60)"));

@@ -28,7 +28,8 @@ class HandleTable : public testing::Test {
 TEST_F(HandleTable, MistakesAreAnsweredWithTheirLines) {
   const uint32_t live = nbb_create_handle(pointer(1));
   const uint32_t stale = live + 0x01000000U;
-  for (const uint32_t handle : {0U, 0x00010000U, 0x01001000U}) {  // no generation, page 4096
+  // No generation, page 4096; and without a word: a vacant page, an old generation, a free slot.
+  for (const uint32_t handle : {0U, 0x00010000U, 0x01001000U, 0x01000FFFU, stale, 0x01050000U}) {
     EXPECT_EQ(nbb_validate_handle(handle), nullptr);
   }
   nbb_modify_handle(0, pointer(2));
@@ -41,11 +42,7 @@ TEST_F(HandleTable, MistakesAreAnsweredWithTheirLines) {
                nbb_assign_handle_in_table(&g_stNbbHndTbl, 0, pointer(1)),
                nbb_assign_handle_in_table(&g_stNbbHndTbl, 1, nullptr), NbbSetupPageArray(&none),
                nbb_get_spare_handle_bits(&g_stNbbHndTbl, ~0U));
-  // Without a word: a vacant page, an old generation, a free slot; and once more changes nothing.
-  for (const uint32_t handle : {0x01000FFFU, stale, 0x01050000U}) {
-    EXPECT_EQ(nbb_validate_handle(handle), nullptr);
-  }
-  EXPECT_EQ(nbb_handle_initialize(), 1U);
+  EXPECT_EQ(nbb_handle_initialize(), 1U) << "once more changes nothing";
   EXPECT_EQ(nbb_validate_handle(live), pointer(1));
   const std::string invalid = "nbb_validate_handle_in_table: Invalid handle value, ignore.";
   EXPECT_TEXTS(40, invalid, invalid, invalid, invalid, "ptrHandle is null.");
@@ -159,9 +156,8 @@ TEST_F(HandleTable, AnswersAsItsModelDoesInOneHoldOfTheLock) {
     for (uint32_t step = 0; step < 150'000; ++step) {
       // At the bound of what may be free behind the search, it is made to go on.
       const bool create = both.table.freedBehindCount == 1024 && random() % 64 != 0;
-      const uint32_t drawn = create                     ? TableBesideModel::kCreate
-                             : (step / 10'000) % 2 == 0 ? growing(random)
-                                                        : shrinking(random);
+      auto& operations = (step / 10'000) % 2 == 0 ? growing : shrinking;
+      const uint32_t drawn = create ? TableBesideModel::kCreate : operations(random);
       const auto choice = static_cast<uint32_t>(random());
       const int locks = fault::calls("KEM_MutexLock");
       ASSERT_TRUE(both.operate(drawn, choice, random() % 2 == 0)) << step;

@@ -7,7 +7,7 @@ namespace {
 struct Hook {
   uint32_t answer = 0;
   int64_t takesMs = 0;
-  int runs = 0;
+  uint32_t runs = 0;
 };
 
 uint32_t runHook(void* param) {
@@ -50,9 +50,8 @@ TEST(KeepAliveConfiguration, AnswersEachMistakeWithItsLineAndCode) {
     EXPECT_TRUE(recorded::has(level, std::string("Keepalive parameter init, ") + message));
     EXPECT_EQ(recorded::has(100, "Keep alive paramter init unsuccessfully."), code != 0);
   }
-  EXPECT_EQ(FrameKeepAliveHookProc(), QURN_NO_KEEP_ALIVE_HOOK);
-  EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
-  EXPECT_EQ(g_FrameReady, 0U);
+  EXPECT_CODES((Codes{QURN_NO_KEEP_ALIVE_HOOK, QURN_OK, 0}), FrameKeepAliveHookProc(),
+               FrameKeepAliveByNotifySendReady(), g_FrameReady);
 }
 
 TEST(KeepAliveConfiguration, AComponentsOwnHookComesFirstAndStays) {
@@ -80,16 +79,13 @@ TEST(KeepAliveReport, TheFirstIsDueAtOnceAndTheNextAPeriodAfterTheHookReturned) 
     reportAfter(milliseconds);
     return hook.runs;
   };
-  EXPECT_EQ(runsAfter(0), 1);
-  EXPECT_EQ(FrameGetKeepAlivePeriod(), 1000U) << "the first tick's";
-  EXPECT_EQ(runsAfter(989), 1);
-  EXPECT_EQ(runsAfter(1), 2) << "due ten milliseconds early";
+  EXPECT_CODES((Codes{1, 1000}), runsAfter(0), FrameGetKeepAlivePeriod()) << "the first tick's";
+  EXPECT_CODES((Codes{1, 2}), runsAfter(989), runsAfter(1)) << "due ten milliseconds early";
   hook.answer = 7;
-  EXPECT_EQ(runsAfter(990), 3);
-  EXPECT_EQ(runsAfter(0), 4) << "a failed report is tried again at once";
+  EXPECT_CODES((Codes{3, 4}), runsAfter(990), runsAfter(0)) << "tried again at once";
   EXPECT_TRUE(recorded::has(80, "User keep alive hook proc unsuccessfully. (ret = 0x7)"));
   fault::arm("clock_gettime", EPERM);
-  EXPECT_EQ(runsAfter(990), 4);
+  EXPECT_EQ(runsAfter(990), 4U);
   EXPECT_ERROR("Frame report keep alive, get clock time unsuccessfully. (errno 1)");
 }
 
@@ -101,7 +97,7 @@ TEST(KeepAliveReport, APeriodBelowTheToleranceMakesEveryCallDue) {
   EXPECT_EQ(FrameGetKeepAlivePeriod(), 9U) << "raised to the detection period";
   reportAfter(0);
   reportAfter(0);
-  EXPECT_EQ(hook.runs, 2);
+  EXPECT_EQ(hook.runs, 2U);
 }
 
 class Guarded : public testing::Test {
@@ -109,10 +105,10 @@ class Guarded : public testing::Test {
   void SetUp() override {
     frozen_clock::start();
     configure("watchDog: {watchDogType: notify, watchDogTimeout: 60003}");
-    ASSERT_EQ(FrameKeepAliveInit(), QURN_OK);
+    // The period is a quarter of the time-out.
+    EXPECT_CODES((Codes{0, 0, 15000}), FrameKeepAliveInit(), FrameSetDeadloopPeriodDelay(10000),
+                 FrameGetKeepAlivePeriod());
     EXPECT_TRUE(recorded::texts(100).empty());
-    FrameSetDeadloopPeriodDelay(10000);
-    ASSERT_EQ(FrameGetKeepAlivePeriod(), 15000U) << "a quarter of the time-out";
   }
 };
 
@@ -121,9 +117,8 @@ TEST_F(Guarded, HeartbeatsFlowOnlyOnceReadinessIsAnnounced) {
   reportAfter(0);
   EXPECT_EQ(guard("guard_heartbeats"), 0);
   guard("guard_answer") = 3;
-  EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_FAILED);
+  EXPECT_CODES((Codes{QURN_FAILED, 0}), FrameKeepAliveByNotifySendReady(), g_FrameReady);
   EXPECT_ERROR("bexlin notify ready unsuccessfully. (ret = 0x3)");
-  EXPECT_EQ(g_FrameReady, 0U);
   guard("guard_answer") = 0;
   EXPECT_CODES(Codes(2, 0), FrameKeepAliveByNotifySendReady(), FrameKeepAliveByNotifySendReady());
   EXPECT_EQ(guard("guard_readies"), 2) << "one refused, one accepted, none repeated";
@@ -139,8 +134,7 @@ TEST_F(Guarded, HeartbeatsFlowOnlyOnceReadinessIsAnnounced) {
 }
 
 TEST_F(Guarded, AMissingGuardCountsAsReachedAndIsLookedUpAnewEachTime) {
-  EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
-  EXPECT_EQ(g_FrameReady, 1U);
+  EXPECT_CODES((Codes{QURN_OK, 1}), FrameKeepAliveByNotifySendReady(), g_FrameReady);
   reportAfter(15000);
   reportAfter(0);
   EXPECT_EQ(recorded::texts(40), Texts(2, "bexlin notify func not found."));

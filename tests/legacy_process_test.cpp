@@ -76,13 +76,12 @@ TEST(LegacyLog, RoutesRunLogsOnceTheHookIsInstalled) {
 }
 
 TEST(LegacyExit, DumpsTheBoxesLogsAndEndsTheProcessAtOnce) {
-  EXPECT_EXIT(
-      {
-        atexit([] { _exit(1); });  // must not run
-        ZOT_Exit(88);
-      },
-      testing::ExitedWithCode(88),
-      "record of box 4.*100 ZOT_Exit with code 88. .process id = [0-9]+.");
+  const auto leave = [] {
+    atexit([] { _exit(1); });  // must not run
+    ZOT_Exit(88);
+  };
+  EXPECT_EXIT(leave(), testing::ExitedWithCode(88),
+              "record of box 4.*100 ZOT_Exit with code 88. .process id = [0-9]+.");
 }
 
 TEST(LegacyEnvironment, ReadsIdentifiersAsDecimalNumbers) {

@@ -65,9 +65,8 @@ TEST(SignalName, IsKnownFor1To31AndLeadsBackToTheNumber) {
   }
   EXPECT_NE(FrameGetSigName(1, text.data(), 6), 0) << "no room for the terminator";
   uint32_t sigId = 99;
-  EXPECT_EQ(FrameGetSigId("sighup", &sigId), QURN_FAILED);
-  EXPECT_EQ(FrameGetSigId("SIG0", &sigId), QURN_OK);
-  EXPECT_EQ(sigId, 0U);
+  EXPECT_CODES((Codes{QURN_FAILED, 99, QURN_OK, 0}), FrameGetSigId("sighup", &sigId), sigId,
+               FrameGetSigId("SIG0", &sigId), sigId);
 }
 
 TEST(SymbolLine, GivesTheFunctionElseTheAddressElseNothing) {
