@@ -3,16 +3,13 @@
 #include <qurnadapt/platform.h>
 #include <qurnadapt/qurnadapt.h>
 
-#include <cstring>
-
 #include "fuzz_target.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Bytes bytes(data, size);
+void tryInput(Bytes bytes) {
   const std::string path = fileWith(bytes.text());
   void* yaml = TovYamlLoadFile(path.c_str());
   if (yaml == nullptr) {
-    return 0;
+    return;
   }
   for (const char* key : {"watchDog", "watchDog.watchDogType", "exception.signalIgnore",
                           "exception.signalIgnore[0]", "a.b[1].c"}) {
@@ -22,5 +19,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   static_cast<void>(FrameKeepAliveParamInit(yaml));
   TovYamFreelHandle(yaml);
-  return 0;
 }

@@ -1,5 +1,5 @@
 // What fuzz targets share: the entry that the fuzzer calls, a reader of its bytes, and a demand
-// that stops it.
+// that stops it. For the one source of a program.
 #pragma once
 
 #include <sys/mman.h>
@@ -10,10 +10,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 #define DEMAND(condition)                                                          \
   do {                                                                             \
@@ -37,12 +37,7 @@ class Bytes {
     return value;
   }
   // All that is left, in memory that ends with it.
-  std::vector<char> text() {
-    std::vector<char> all(data_, data_ + rest_);
-    rest_ = 0;
-    all.shrink_to_fit();
-    return all;
-  }
+  std::vector<char> text() { return {data_, data_ + std::exchange(rest_, 0)}; }
   // All that is left up to a NUL.
   std::string string() {
     const std::vector<char> all = text();
@@ -53,6 +48,13 @@ class Bytes {
   const uint8_t* data_;
   size_t rest_;
 };
+
+// What a target does with an input.
+void tryInput(Bytes bytes);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  tryInput(Bytes(data, size));
+  return 0;
+}
 
 // A readable file with this content, as a path; one at a time.
 inline std::string fileWith(const std::vector<char>& content) {

@@ -13,8 +13,7 @@ INTERPOSE(
     (handleId, partition, size, file, line), if (g_allocationsFail) { return nullptr; })
 
 // An operation is a byte and the choice of a handle; repeats make pages fill up and run empty.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Bytes bytes(data, size);
+void tryInput(Bytes bytes) {
   const uint32_t generationBits = 2 + bytes.number(1) % 7;
   const uint32_t pageBits = 3 + bytes.number(1) % 10;
   nbb_handle_initialize();
@@ -28,5 +27,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   nbb_handle_table_terminate(&both.table);
-  return 0;
 }

@@ -4,10 +4,8 @@
 #include <pthread.h>
 #include <qurnadapt/capture.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cstdarg>
-#include <cstring>
 
 #include "fuzz_target.h"
 
@@ -43,12 +41,12 @@ extern "C" int open(const char* path, int flags, ...) {
   const mode_t mode = va_arg(args, mode_t);
   va_end(args);
   const bool map = g_map != nullptr && std::strstr(path, "/maps") != nullptr;
-  return static_cast<int>(
-      syscall(SYS_openat, AT_FDCWD, map ? g_map : path, map ? O_RDONLY : flags, mode));
+  flags &= map ? ~O_NOFOLLOW : ~0;  // it is a link
+  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, map ? g_map : path, flags, mode));
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const std::vector<char> text = Bytes(data, size).text();
+void tryInput(Bytes bytes) {
+  const std::vector<char> text = bytes.text();
   tryLine(text);
   const std::string path = fileWith(text);
   FrameTaskStackInfo info{0, 0};
@@ -57,5 +55,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   g_map = nullptr;
   const auto self = static_cast<uint64_t>(pthread_self());
   DEMAND(info.size == 0 ? info.start == 0 : self - info.start < info.size);
-  return 0;
 }
