@@ -3,6 +3,7 @@
 #include "faults.h"
 
 #include <dirent.h>
+#include <execinfo.h>
 #include <pthread.h>
 #include <qurnadapt/platform.h>
 #include <sys/epoll.h>
@@ -47,7 +48,6 @@ Fault& faultOf(const char* call) {
 
 constinit std::atomic<int> g_sweepNumber{0};
 constinit std::atomic<const char*> g_swept{nullptr};
-constinit std::atomic<bool> g_environmentRead{false};
 constinit std::atomic<void (*)()> g_onStrike{nullptr};
 constinit std::atomic<int64_t> g_frozenMs{-1};
 constinit std::atomic<int> g_sleeps{0};
@@ -58,10 +58,17 @@ constinit std::atomic<const char*> g_redirectedTo{nullptr};
 constinit std::atomic<const char*> g_symbolLine{nullptr};
 
 void armFromEnvironment() {
+  static constinit std::atomic<bool> done{false};
   const char* text = getenv(fault::kAtLoadVariable);
-  if (!g_environmentRead.exchange(true) && text != nullptr) {
+  if (!done.exchange(true) && text != nullptr) {
     fault::arm(strchr(text, ':') + 1, EAGAIN, atoi(text));
   }
+}
+
+char** linesOfSymbol() {
+  auto** lines = static_cast<char**>(malloc(sizeof(char*) + strlen(g_symbolLine) + 1));
+  lines[0] = strcpy(reinterpret_cast<char*>(lines + 1), g_symbolLine);
+  return lines;
 }
 
 }  // namespace
@@ -185,22 +192,21 @@ MAY_FAIL(close, (next(), -1))
 MAY_FAIL(closedir, (next(), -1))
 MAY_FAIL(pthread_mutex_unlock, (next(), errno))
 
-extern "C" {
-
 // CLOCK_MONOTONIC_COARSE alone fails or stands still.
-int clock_gettime(clockid_t clock, timespec* now) noexcept {
-  if (clock == CLOCK_MONOTONIC_COARSE) {
-    if (fault::strikes("clock_gettime")) {
-      return -1;
-    }
-    if (const int64_t frozenMs = g_frozenMs; frozenMs >= 0) {
-      *now = {frozenMs / 1000, (frozenMs % 1000) * 1'000'000};
+INTERPOSE(
+    int, clock_gettime, (clockid_t clock, timespec* now), (clock, now),
+    if (clock == CLOCK_MONOTONIC_COARSE && fault::strikes("clock_gettime")) return -1;
+    if (const int64_t ms = g_frozenMs; clock == CLOCK_MONOTONIC_COARSE && ms >= 0) {
+      now->tv_sec = ms / 1000;
+      now->tv_nsec = ms % 1000 * 1'000'000;
       return 0;
-    }
-  }
-  static auto* const next = real<int(clockid_t, timespec*)>("clock_gettime");
-  return next(clock, now);
-}
+    })
+
+INTERPOSE(char**, backtrace_symbols, (void* const* addresses, int count), (addresses, count),
+          if (fault::strikes("backtrace_symbols")) return nullptr;
+          if (g_symbolLine != nullptr) return linesOfSymbol();)
+
+extern "C" {
 
 unsigned sleep(unsigned /*seconds*/) {
   if (++g_sleeps == g_actingSleep) {
@@ -214,19 +220,6 @@ int open(const char* path, int flags, mode_t mode) {
   const char* to = g_redirectedTo;
   const bool redirected = to != nullptr && std::string_view(path).ends_with(g_redirected.load());
   return fault::strikes("open") ? -1 : next(redirected ? to : path, flags, mode);
-}
-
-char** backtrace_symbols(void* const* addresses, int count) noexcept {
-  if (fault::strikes("backtrace_symbols")) {
-    return nullptr;
-  }
-  if (const char* line = g_symbolLine; line != nullptr) {
-    auto** lines = static_cast<char**>(malloc(sizeof(char*) + strlen(line) + 1));
-    lines[0] = strcpy(reinterpret_cast<char*>(lines + 1), line);
-    return lines;
-  }
-  static auto* const next = real<char**(void* const*, int)>("backtrace_symbols");
-  return next(addresses, count);
 }
 
 int _snprintf_s_chk(char* dest, size_t capacity, size_t /*bos*/, const char* format, ...) {

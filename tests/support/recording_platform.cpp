@@ -72,12 +72,10 @@ namespace recorded {
 std::vector<Line> lines() { return state()->lines; }
 
 std::vector<std::string> texts(uint32_t level) {
-  std::vector<std::string> found;
-  for (const Line& line : lines()) {
-    if (level == 0 || line.level == level) {
-      found.push_back(line.text);
-    }
-  }
+  auto chosen = lines();
+  std::erase_if(chosen, [=](const Line& line) { return level != 0 && line.level != level; });
+  std::vector<std::string> found(chosen.size());
+  std::ranges::transform(chosen, found.begin(), &Line::text);
   return found;
 }
 
