@@ -1,10 +1,7 @@
 // Every call that the library makes to the system or the platform and that can fail does so once,
 // one after the other, in a child process of its own: the scenario ends with the line and the code
 // that the failure has, nothing stays held, and the same scenario works the next time.
-#include <gtest/gtest.h>
-#include <qurnadapt/qurnadapt.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -13,7 +10,6 @@
 #include <string_view>
 
 #include "support/faults.h"
-#include "support/recording_platform.h"
 #include "support/silent_thread.h"
 
 namespace {
@@ -167,10 +163,6 @@ bool isForeseen(const Scenario& scenario, std::string_view call, uint32_t code) 
          });
 }
 
-std::pair<size_t, size_t> holdings() {
-  return {entriesOf("/proc/self/fd"), recorded::blocksHeld()};
-}
-
 // Says to standard error what is wrong, as the log does; the exit status tells the parent.
 [[noreturn]] void failOnce(const Scenario& scenario, uint32_t number) {
   alarm(20);  // a lock that stays held
@@ -183,6 +175,7 @@ std::pair<size_t, size_t> holdings() {
     scenario.prepare();
     return scenario.run() == QURN_OK;
   };
+  const auto held = [] { return std::pair(entriesOf("/proc/self/fd"), recorded::blocksHeld()); };
   const char* wrong = nullptr;
   // Another thread's line may come a moment later.
   if (failed == nullptr ? code != QURN_OK
@@ -190,7 +183,7 @@ std::pair<size_t, size_t> holdings() {
     wrong = "is not foreseen";
   } else if (!again()) {
     wrong = "and then it does not work the next time";
-  } else if (const auto held = holdings(); !again() || holdings() > held) {
+  } else if (const auto before = held(); !again() || held() > before) {
     wrong = "and then something stays held";
   }
   if (wrong != nullptr) {

@@ -1,11 +1,9 @@
 // Lines of the memory map, and whole maps: no byte beyond the text is read, the scan ends, and what
 // it finds is what stands there.
-#include <fcntl.h>
+#include <asm/fcntl.h>  // the flags only: open is declared below
 #include <pthread.h>
 #include <qurnadapt/capture.h>
 #include <sys/syscall.h>
-
-#include <cstdarg>
 
 #include "fuzz_target.h"
 
@@ -35,11 +33,7 @@ void tryLine(const std::vector<char>& line) {
 }  // namespace
 
 // The library's own map is the fuzzer's.
-extern "C" int open(const char* path, int flags, ...) {
-  va_list args;
-  va_start(args, flags);
-  const mode_t mode = va_arg(args, mode_t);
-  va_end(args);
+extern "C" int open(const char* path, int flags, mode_t mode) {
   const bool map = g_map != nullptr && std::strstr(path, "/maps") != nullptr;
   flags &= map ? ~O_NOFOLLOW : ~0;  // it is a link
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, map ? g_map : path, flags, mode));
