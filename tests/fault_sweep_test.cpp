@@ -17,8 +17,6 @@ namespace {
 // Exit status: the library made fewer calls.
 constexpr int kNothingFailed = 200;
 
-constexpr int kAlways = 1000;
-
 // What may come of a failing call: the scenario's code, and what the errors then say, all of it.
 struct Outcome {
   std::string_view call;
@@ -91,7 +89,7 @@ void prepareTick() {
   Frame_RegDeadloopInfoHook(g_stuck->slot(), hook);
   ended.reset();
   frozen_clock::advance(1000);
-  fault::arm("KEM_TaskStackInfoGet", EIO, 0, kAlways);  // so that the memory map is scanned
+  fault::arm("KEM_TaskStackInfoGet", EIO, 0, 1000);  // so that the memory map is scanned
 }
 
 uint32_t tick() {
@@ -151,9 +149,8 @@ uint32_t useLegacyCalls() {
 // ---- one failure after the other, each in a child
 
 bool isSaid(const char* text) {
-  return text == nullptr || std::ranges::any_of(recorded::texts(100), [&](const std::string& line) {
-           return line.find(text) != std::string::npos;
-         });
+  const auto says = [&](const std::string& line) { return line.find(text) != line.npos; };
+  return text == nullptr || std::ranges::any_of(recorded::texts(100), says);
 }
 
 bool isForeseen(const Scenario& scenario, std::string_view call, uint32_t code) {
@@ -164,13 +161,13 @@ bool isForeseen(const Scenario& scenario, std::string_view call, uint32_t code) 
 }
 
 // Says to standard error what is wrong, as the log does; the exit status tells the parent.
-[[noreturn]] void failOnce(const Scenario& scenario, uint32_t number) {
+[[noreturn]] void failOnce(const Scenario& scenario, int number) {
   alarm(20);  // a lock that stays held
   scenario.prepare();
   recorded::forget();
   fault::sweep(number);
   const uint32_t code = scenario.run();
-  const char* failed = fault::endSweep();
+  const char* failed = fault::sweep(0);
   const auto again = [&] {
     scenario.prepare();
     return scenario.run() == QURN_OK;
@@ -196,7 +193,7 @@ void sweep(const Scenario& scenario) {
 #if defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "it starts threads of its own in each child";
 #endif
-  uint32_t number = 1;
+  int number = 1;
   for (int status = 0; status < kNothingFailed; ++number) {
     const pid_t child = fork();
     if (child == 0) {
@@ -207,7 +204,7 @@ void sweep(const Scenario& scenario) {
     status = WIFEXITED(ended) ? WEXITSTATUS(ended) : 1000 + WTERMSIG(ended);
     EXPECT_EQ(status % kNothingFailed, 0) << "call number " << number;
   }
-  EXPECT_GT(number, 6U);
+  EXPECT_GT(number, 6);
 }
 
 // A lock that cannot be taken is done without, as the interface has it: with one thread that is

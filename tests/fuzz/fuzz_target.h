@@ -1,11 +1,13 @@
-// What fuzz targets share: the entry that the fuzzer calls, a reader of its bytes, and a demand
-// that stops it. For the one source of a program.
+// What fuzz targets share: the entry that the fuzzer calls, a reader of its bytes, and assertions
+// that stop it. For the one source of a program.
 #pragma once
 
 #include <sys/mman.h>
 #include <unistd.h>
 
+#undef NDEBUG  // whose demands stop the fuzzer
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -14,14 +16,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#define DEMAND(condition)                                                          \
-  do {                                                                             \
-    if (!(condition)) {                                                            \
-      std::fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition); \
-      std::abort();                                                                \
-    }                                                                              \
-  } while (false)
 
 class Bytes {
  public:
@@ -59,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 // A readable file with this content, as a path; one at a time.
 inline std::string fileWith(const std::vector<char>& content) {
   static const int fd = memfd_create("fuzz", 0);
-  DEMAND(ftruncate(fd, 0) == 0);
-  DEMAND(pwrite(fd, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()));
+  assert(ftruncate(fd, 0) == 0);
+  assert(pwrite(fd, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()));
   return "/proc/self/fd/" + std::to_string(fd);
 }

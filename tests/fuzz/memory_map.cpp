@@ -23,11 +23,11 @@ void tryLine(const std::vector<char>& line) {
   uint64_t start = 0;
   uint64_t end = 0;
   const auto length = static_cast<uint32_t>(line.size());
-  DEMAND(FrameGetMapStackAddr(line.data(), length, &start, &end) == good);
+  assert(FrameGetMapStackAddr(line.data(), length, &start, &end) == good);
   const auto firstSixteen = [&](size_t from, size_t to) {
     return std::strtoull(text.substr(from, std::min<size_t>(to - from, 16)).c_str(), nullptr, 16);
   };
-  DEMAND(!good || (start == firstSixteen(0, hyphen) && end == firstSixteen(hyphen + 1, blank)));
+  assert(!good || (start == firstSixteen(0, hyphen) && end == firstSixteen(hyphen + 1, blank)));
 }
 
 }  // namespace
@@ -48,5 +48,5 @@ void tryInput(Bytes bytes) {
   FrameTaskStackInfoGet(&info);
   g_map = nullptr;
   const auto self = static_cast<uint64_t>(pthread_self());
-  DEMAND(info.size == 0 ? info.start == 0 : self - info.start < info.size);
+  assert(info.size == 0 ? info.start == 0 : self - info.start < info.size);
 }

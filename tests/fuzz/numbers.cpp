@@ -32,7 +32,7 @@ void tryAligned(uint64_t value, uint32_t width, uint32_t radix) {
   std::vector<char> text(width, 'x');
   const std::string digits = written(value, radix);
   FrameUintToStr(value, radix, text.data(), width, '.');
-  DEMAND(digits.size() >= width
+  assert(digits.size() >= width
              ? width == 0 || text[0] == 'x'
              : std::string(width - 1 - digits.size(), '.') + digits == text.data());
 }
@@ -41,8 +41,8 @@ void tryNumber(uint32_t value, uint32_t capacity, uint32_t radix) {
   std::vector<char> text(capacity, 'x');
   const std::string digits = written(value, radix);
   const uint32_t ret = KEM_Uint32ToStrEx(value, text.data(), capacity, radix);
-  DEMAND((ret == QURN_OK) == (digits.size() < capacity));
-  DEMAND(ret != QURN_OK || digits == text.data());
+  assert((ret == QURN_OK) == (digits.size() < capacity));
+  assert(ret != QURN_OK || digits == text.data());
 }
 
 }  // namespace
@@ -56,6 +56,6 @@ void tryInput(Bytes bytes) {
   uint32_t milliseconds = 7;
   const double expected = durationOf(text);
   const bool good = expected <= UINT32_MAX;
-  DEMAND((TovStrToMilliSeconds(text.c_str(), &milliseconds) == QURN_OK) == good);
-  DEMAND(milliseconds == (good ? expected : 7));
+  assert((TovStrToMilliSeconds(text.c_str(), &milliseconds) == QURN_OK) == good);
+  assert(milliseconds == (good ? expected : 7));
 }

@@ -86,11 +86,9 @@ class TableBesideModel {
     std::array<std::pair<void*, uint32_t>, NBB_SLOTS_PER_PAGE> slots{};  // pointer, generation
   };
 
-  [[nodiscard]] uint32_t pageOf(uint32_t handle) const { return handle % (1U << pageBits_); }
-  [[nodiscard]] uint32_t slotOf(uint32_t handle) const { return (handle >> pageBits_) % 256; }
-  [[nodiscard]] uint32_t generationOf(uint32_t handle) const {
-    return (handle >> (pageBits_ + 8)) & generationMask_;
-  }
+  uint32_t pageOf(uint32_t handle) const { return handle % (1U << pageBits_); }
+  uint32_t slotOf(uint32_t handle) const { return (handle >> pageBits_) % 256; }
+  uint32_t generationOf(uint32_t h) const { return (h >> (pageBits_ + 8)) & generationMask_; }
 
   // Adds the page if there is none yet, else keeps the reserve of free slots.
   bool makeRoomFor(uint32_t index) {

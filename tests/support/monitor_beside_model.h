@@ -72,19 +72,16 @@ class MonitorBesideModel {
     world.said.push_back(told("hook", threadId, 0, elapsedMs, *handle));
     return 0;
   }
-  static void warningHook(uint64_t threadId, uint32_t tid, uint32_t elapsedMs, uint32_t policy) {
-    world.said.push_back(told("warning", threadId, tid, elapsedMs, policy));
-  }
+  template <bool warns>
   static void processHook(uint64_t threadId, uint32_t tid, uint32_t elapsedMs, uint32_t policy) {
-    world.said.push_back(told("process", threadId, tid, elapsedMs, policy));
+    world.said.push_back(told(warns ? "warning" : "process", threadId, tid, elapsedMs, policy));
   }
 
   [[nodiscard]] MonitorModel::Thresholds seconds() const {
     const uint32_t first = what_ % 5;
-    if (what_ % 61 == 60) {
-      return {first, 4294967, 0xFFFFFFFF};
-    }
-    return {first, first + (what_ >> 8) % 4, first + (what_ >> 12) % 8};
+    const bool large = what_ % 61 == 60;
+    return {first, large ? 4294967 : first + (what_ >> 8) % 4,
+            large ? 0xFFFFFFFF : first + (what_ >> 12) % 8};
   }
 
   void agree(uint32_t answered, uint32_t expected) {
@@ -214,8 +211,8 @@ class MonitorBesideModel {
   void setProcessHooks() {
     model_.warningHook = who_ % 2 == 0;
     model_.processHook = what_ % 2 == 0;
-    Frame_RegThreadDeadloopWarningHook(model_.warningHook ? warningHook : nullptr);
-    Frame_RegThreadDeadloopHook(model_.processHook ? processHook : nullptr);
+    Frame_RegThreadDeadloopWarningHook(model_.warningHook ? processHook<true> : nullptr);
+    Frame_RegThreadDeadloopHook(model_.processHook ? processHook<false> : nullptr);
   }
 
   using Me = MonitorBesideModel;

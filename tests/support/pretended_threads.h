@@ -62,10 +62,8 @@ __attribute__((format(printf, 1, 2))) inline std::string line(const char* format
 // The folder of a pretended thread is any there is, or none once it has ended.
 inline const char* folderOf(const char* path) {
   const char* task = std::strstr(path, "/task/");
-  if (task == nullptr) {
-    return path;
-  }
-  return world.isAlive(static_cast<uint32_t>(std::strtoul(task + 6, nullptr, 10))) ? "/" : "";
+  const auto tid = static_cast<uint32_t>(task == nullptr ? 0 : std::atoi(task + 6));
+  return task == nullptr ? path : world.isAlive(tid) ? "/" : "";
 }
 
 INTERPOSE(pthread_t, pthread_self, (), (), if (world.acting != nullptr) return world.acting->id)

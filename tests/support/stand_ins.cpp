@@ -161,14 +161,11 @@ bool fault::strikes(const char* call, const void* caller) {
 
 int fault::calls(const char* call) { return faultOf(call).calls; }
 
-void fault::sweep(uint32_t number) {
-  g_swept = nullptr;
-  g_sweepNumber = static_cast<int>(number);
-}
-
-const char* fault::endSweep() {
+const char* fault::sweep(int number) {
   g_sweepNumber = 0;
-  return g_swept;
+  const char* before = g_swept.exchange(nullptr);
+  g_sweepNumber = number;
+  return before;
 }
 
 void fault::onStrike(void (*action)()) { g_onStrike = action; }
@@ -204,8 +201,7 @@ bool has(uint32_t level, const std::string& text) {
 }
 
 size_t count(const std::string& part) {
-  return std::ranges::count_if(
-      texts(), [&](const std::string& text) { return text.find(part) != std::string::npos; });
+  return std::ranges::count_if(texts(), [&](const auto& t) { return t.find(part) != t.npos; });
 }
 
 size_t sourceLines(const std::string& part) {
