@@ -1,6 +1,6 @@
 // Lines of the memory map, and whole maps: no byte beyond the text is read, the scan ends, and what
 // it finds is what stands there.
-#include <asm/fcntl.h>  // the flags only: open is declared below
+#include <linux/fcntl.h>  // the flags only: open is declared below
 #include <pthread.h>
 #include <qurnadapt/capture.h>
 #include <sys/syscall.h>
