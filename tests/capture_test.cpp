@@ -1,31 +1,14 @@
 // The dead-loop signal, its handler, what it captures, and the scan for the stack. What a report
 // names is for the hard cases.
-#include <gtest/gtest.h>
-#include <pthread.h>
-#include <qurnadapt/platform.h>
 #include <ucontext.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <numeric>
 #include <optional>
 #include <semaphore>
-#include <thread>
 
 #include "adapt/frame/dbg/qurn_frame_mnt/capture_record.h"
 #include "internal/machine_context.h"
-#include "support/faults.h"
-#include "support/interpose.h"
-#include "support/recording_platform.h"
-
-namespace {
-
-using Texts = std::vector<std::string>;
+#include "support/library_test.h"
 
 const int kSignal = SIGRTMIN + 2;
 const std::string kSignalText = "Signal " + std::to_string(kSignal);
@@ -33,17 +16,15 @@ const std::string kSignalText = "Signal " + std::to_string(kSignal);
 // The walk, which can be pretended, hands over the record too, which lies in one block with its
 // result.
 constexpr std::array<uint64_t, 6> kPretendedWalk{1, 0, 2, 0, 0, 3};
-std::optional<uint32_t> g_pretendedDepth;
-FrameDeadloopDumpInfo* g_record = nullptr;
+static std::optional<uint32_t> g_pretendedDepth;
+static FrameDeadloopDumpInfo* g_record = nullptr;
 
-bool pretendsWalk(uint64_t* addresses, uint32_t* depth) {
+static bool pretendsWalk(uint64_t* addresses, uint32_t* depth) {
   g_record = &reinterpret_cast<qurn::mnt::CaptureMemory*>(addresses)->dumpInfo;
   std::copy(kPretendedWalk.begin(), kPretendedWalk.end(), addresses);
   *depth = g_pretendedDepth.value_or(0);
   return g_pretendedDepth.has_value();
 }
-
-}  // namespace
 
 INTERPOSE(
     uint32_t, KEM_ExceptCallStackGetEx,
@@ -52,8 +33,6 @@ INTERPOSE(
     if (pretendsWalk(addresses, depth)) { return QURN_OK; })
 
 namespace {
-
-bool isCaptured() { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; }
 
 bool raiseCaptures() { return raise(kSignal) == 0 && isCaptured(); }
 
@@ -87,19 +66,16 @@ TEST_F(SignalCapture, AHandlerWaitsItsTurnForFiveSecondsAtMost) {
 
 TEST_F(SignalCapture, InvalidThreadsAndFailedSignalsLeaveTheStatusIdle) {
   recorded::forget();
-  EXPECT_EQ(FrameThreadDeadloopPrint(0), QURN_FAILED);
-  EXPECT_EQ(FrameThreadDeadloopPrint(~pthread_t{0}), QURN_FAILED);
   fault::arm("pthread_kill", ESRCH);
-  EXPECT_EQ(FrameThreadDeadloopPrint(pthread_self()), QURN_FAILED);
+  EXPECT_CODES(Codes(3, QURN_FAILED), FrameThreadDeadloopPrint(0),
+               FrameThreadDeadloopPrint(~pthread_t{0}), FrameThreadDeadloopPrint(pthread_self()));
   const std::string self = std::to_string(static_cast<uint32_t>(pthread_self()));
-  EXPECT_EQ(recorded::texts(),
-            (Texts{"Thread deadloop print unsuccessfully, thread 0 or parameter is invalid.",
-                   "Thread deadloop print unsuccessfully, thread ffffffff or parameter is invalid.",
-                   kSignalText + " send to thread " + self + ".",
-                   kSignalText + " send to thread " + self + " unsuccessfully.",
-                   "Thread deadloop send signal unsuccessfully. (ret=4294967295)"}));
-  EXPECT_EQ(recorded::texts(40).size(), 1U);
-  EXPECT_EQ(recorded::texts(100).size(), 4U);
+  EXPECT_TEXTS(0, "Thread deadloop print unsuccessfully, thread 0 or parameter is invalid.",
+               "Thread deadloop print unsuccessfully, thread ffffffff or parameter is invalid.",
+               kSignalText + " send to thread " + self + ".",
+               kSignalText + " send to thread " + self + " unsuccessfully.",
+               "Thread deadloop send signal unsuccessfully. (ret=4294967295)");
+  EXPECT_TRUE(recorded::texts(40).size() == 1 && recorded::texts(100).size() == 4);
   EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
 }
 
@@ -108,13 +84,11 @@ TEST(Capture, NeedsItsSetUpWhichIsDoneOnce) {
   ucontext_t context;
   siginfo_t info{};
   FrameDeadLoopSignalHandle(kSignal, &info, &context);
-  EXPECT_FALSE(isCaptured());
-  EXPECT_EQ(recorded::texts().size(), 1U);
+  EXPECT_TRUE(!isCaptured() && recorded::texts().size() == 1);
   fault::arm("sigaction", EINVAL, 1);
-  EXPECT_EQ(FrameDeadloopInit(), QURN_FAILED);
-  EXPECT_EQ(FrameDeadloopInit(), QURN_OK);
-  EXPECT_EQ(FrameDeadloopInit(), QURN_OK);
-  EXPECT_EQ(recorded::texts(80), Texts{"Deadloop is already inited."});
+  EXPECT_CODES((Codes{QURN_FAILED, 0, 0}), FrameDeadloopInit(), FrameDeadloopInit(),
+               FrameDeadloopInit());
+  EXPECT_TEXTS(80, "Deadloop is already inited.");
   EXPECT_EQ(recorded::blocksHeld(), 1U);
   struct sigaction action {};
   sigaction(kSignal, nullptr, &action);
@@ -131,8 +105,8 @@ TEST_F(SignalCapture, IsReportedInTwoLinesAndOneForEachFrameThatTheRecordHolds) 
     EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
     const std::vector<recorded::Line> lines = recorded::lines();
     ASSERT_EQ(lines.size(), 2 + std::min(depth, FRAME_CALL_STACK_DEPTH));
-    EXPECT_TRUE(lines[0].text.starts_with(kSignalText + " is captured at 20")) << lines[0].text;
-    EXPECT_TRUE(lines[0].text.ends_with("..")) << lines[0].text;
+    const std::string& first = lines[0].text;
+    EXPECT_TRUE(first.starts_with(kSignalText + " is captured at 20") && first.ends_with(".."));
     EXPECT_TRUE(lines[1].text.starts_with("Captured process: ")) << lines[1].text;
     for (const recorded::Line& line : lines) {
       EXPECT_TRUE(line.unsuppressed && line.level == 80) << line.text;
@@ -145,11 +119,7 @@ TEST_F(SignalCapture, RecordsTheMachineContextWordForWord) {
   std::iota(words.begin(), words.end(), 100);
   ucontext_t context;
   memcpy(&context, words.data(), sizeof(context));
-#if defined(__x86_64__)
-  context.uc_mcontext.gregs[REG_RSP] = reinterpret_cast<greg_t>(&words);
-#else
-  context.uc_mcontext.sp = reinterpret_cast<uint64_t>(&words);
-#endif
+  qurn::machineWords(&context)[qurn::kStackPointerWord] = reinterpret_cast<uint64_t>(&words);
   siginfo_t info{};
   g_pretendedDepth = kPretendedWalk.size();
   FrameDeadLoopSignalHandle(kSignal, nullptr, &context);
@@ -166,7 +136,7 @@ TEST_F(SignalCapture, RecordsTheMachineContextWordForWord) {
   }
 }
 
-TEST(StackSlice, LiesAroundTheStackPointerInsideTheStack) {
+TEST(StackSlice, LiesAroundTheStackPointerInsideTheStackIfItsBoundsAreKnown) {
   const std::array<uint64_t, 5> cases[] = {{0x10000, 0x8000, 0x10000, 0x10000 - 512, 2048},
                                            {0x8000 + 511, 0x8000, 0x10000, 0x8000, 2048},
                                            {0x18000 - 1536, 0x8000, 0x10000, 0x18000 - 2048, 2048},
@@ -178,20 +148,16 @@ TEST(StackSlice, LiesAroundTheStackPointerInsideTheStack) {
     uint64_t start = 0;
     uint32_t length = FRAME_STACK_DUMP_BYTES;
     FrameDumpStackInfoGet(sp, stack, size, &start, &length);
-    EXPECT_EQ(start, expectedStart) << sp;
-    EXPECT_EQ(length, expectedLength) << sp;
+    EXPECT_TRUE(start == expectedStart && length == expectedLength) << sp << ' ' << start;
   }
-}
 
-TEST(StackSlice, IsLeftOutWhenItsBoundsAreUnknown) {
   onThread("slice", [] {
     static FrameDeadloopDumpInfo record;
     uint32_t length = 77;
     record.registers[qurn::kStackPointerWord] = reinterpret_cast<uint64_t>(&length);
     redirectFile("/maps", "/dev/null");
     FrameStackMemoryGet(&record, &length);
-    EXPECT_EQ(length, 77U);
-    EXPECT_EQ(record.stackDumpStart, 0U);
+    EXPECT_TRUE(length == 77 && record.stackDumpStart == 0);
     redirectFile("/maps", nullptr);
     FrameStackMemoryGet(&record, &length);
     EXPECT_EQ(length, 2048U);
@@ -236,9 +202,8 @@ TEST(MemoryMap, TheFirstLineAroundTheThreadIdentifierWins) {
       {"not at its first character", "x" + line(start, end), false},
       {"digits beyond the sixteenth", line(start, end).insert(16, "f"), true}};
   for (const auto& [what, map, found] : cases) {
-    const FrameTaskStackInfo info = scan(map);
-    EXPECT_EQ(info.start, found ? start : 0) << what;
-    EXPECT_EQ(info.size, found ? 0x2000U : 0) << what;
+    const auto [from, size] = scan(map);
+    EXPECT_TRUE(from == (found ? start : 0) && size == (found ? 0x2000 : 0)) << what;
   }
   fault::arm("lseek", EIO);
   EXPECT_EQ(scan(std::string(510, 'x') + "\n" + line(start, end)).start, 0U) << "read on";

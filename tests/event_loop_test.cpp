@@ -1,19 +1,9 @@
 // Event sets, descriptors and timers on the detection thread's loop.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/timerfd.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <limits>
-#include <string>
-#include <thread>
-
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 namespace {
 
@@ -39,7 +29,7 @@ TEST(EventLoop, ThatDoesNotExistIsNeverUsed) {
     EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", drain, nullptr), QURN_FAILED);
     EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, 0, &event), QURN_FAILED);
     FRAME_MntDispatch();
-    EXPECT_EQ(recorded::texts(100), std::vector<std::string>(3, "Epoll fd has not been created."));
+    EXPECT_EQ(recorded::texts(100), Texts(3, "Epoll fd has not been created."));
   };
   expectRefusal();
 
@@ -75,10 +65,9 @@ class EventSets : public testing::Test {
 TEST_F(EventSets, TellOfUnknownNamesAndFailingFunctionsAndALaterFunctionReplacesTheFirst) {
   static Seen first{5};
   static Seen second;
-  event_.events = EPOLLIN;
-  fault::arm("epoll_wait", EINTR);
-  ASSERT_EQ(change(EPOLL_CTL_ADD, "late"), QURN_OK);
-  EXPECT_EQ(event_.events, static_cast<uint32_t>(EPOLLIN)) << "a mask of the caller's is kept";
+  event_.events = EPOLLIN;  // and stays so
+  fault::arm("poll", EINTR);
+  EXPECT_CODES((Codes{QURN_OK, EPOLLIN}), change(EPOLL_CTL_ADD, "late"), event_.events);
   eventfd_write(fd_, 1);
   EXPECT_TRUE(eventually([] { return recorded::has(40, "There is no set which name is late."); }));
   ASSERT_EQ(FRAME_MntRegSetAndEventProc("late", drain, &first), QURN_OK);
@@ -86,13 +75,11 @@ TEST_F(EventSets, TellOfUnknownNamesAndFailingFunctionsAndALaterFunctionReplaces
       [] { return recorded::has(100, "Epoll event process unsuccessfully.(setName = late)"); }));
   ASSERT_EQ(FRAME_MntRegSetAndEventProc("late", drain, &second), QURN_OK);
   eventfd_write(fd_, 1);
-  EXPECT_TRUE(eventually([] { return second.calls == 1; }));
-  EXPECT_EQ(first.calls, 1);
+  EXPECT_TRUE(eventually([] { return second.calls == 1 && first.calls == 1; }));
   EXPECT_EQ(recorded::count("Epoll wait unsuccessfully."), 0U) << "a signal interrupted it";
 }
 
 TEST_F(EventSets, NamesFunctionsAndDescriptorsAreChecked) {
-  const std::string longest(127, 'n');
   const std::string tooLong(128, 'n');
   event_.data.u64 = 42;
   recorded::watch([](const std::string& what) {
@@ -100,34 +87,32 @@ TEST_F(EventSets, NamesFunctionsAndDescriptorsAreChecked) {
       FRAME_MntRegSetAndEventProc("allowed", drain, nullptr);  // the lock is free again
     }
   });
-  EXPECT_EQ(FRAME_MntRegSetAndEventProc(tooLong.c_str(), drain, nullptr), QURN_FAILED);
-  EXPECT_EQ(FRAME_MntRegSetAndEventProc(nullptr, drain, nullptr), QURN_FAILED);
-  EXPECT_EQ(change(EPOLL_CTL_ADD, tooLong), QURN_FAILED);
+  EXPECT_CODES(Codes(3, QURN_FAILED), FRAME_MntRegSetAndEventProc(tooLong.c_str(), drain, nullptr),
+               FRAME_MntRegSetAndEventProc(nullptr, drain, nullptr),
+               change(EPOLL_CTL_ADD, tooLong));
   EXPECT_TRUE(event_.data.u64 == 42 && event_.events == 0) << "untouched";
   EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", nullptr, nullptr), QURN_INVALID_ARGUMENT);
   EXPECT_EQ(change(EPOLL_CTL_MOD), QURN_FAILED);
   EXPECT_EQ(event_.data.ptr, nullptr);
-  std::vector<std::string> said(3, "Use secure function to copy setName unsuccessfully.");
-  said.insert(said.end(), {"Event process function is NULL.",
-                           "Frame mnt operate epoll event unsuccessfully.(errno = 2)"});
-  EXPECT_EQ(recorded::texts(100), said);
+  const std::string name = "Use secure function to copy setName unsuccessfully.";
+  EXPECT_TEXTS(100, name, name, name, "Event process function is NULL.",
+               "Frame mnt operate epoll event unsuccessfully.(errno = 2)");
   EXPECT_EQ(recorded::blocksHeld(), held_ + 1);
-  EXPECT_EQ(FRAME_MntRegSetAndEventProc(longest.c_str(), drain, nullptr), QURN_OK);
-  event_.events = 0;
-  EXPECT_EQ(change(EPOLL_CTL_ADD, longest), QURN_OK);
-  EXPECT_EQ(event_.events, 0x80000001U) << "readable and edge-triggered";
+  const std::string longest(127, 'n');
+  event_.events = 0;  // becomes readable and edge-triggered
+  EXPECT_CODES((Codes{0, 0, 0x80000001}),
+               FRAME_MntRegSetAndEventProc(longest.c_str(), drain, nullptr),
+               change(EPOLL_CTL_ADD, longest), event_.events);
 }
 
 TEST_F(EventSets, RecordsAreReleasedOnceTheKernelHasLetGoOfThem) {
   const auto held = [&] { return recorded::blocksHeld() - held_; };
-  for (const int op : {EPOLL_CTL_ADD, EPOLL_CTL_MOD, EPOLL_CTL_MOD}) {
-    ASSERT_EQ(change(op), QURN_OK);
-    EXPECT_EQ(held(), 1U);
-  }
+  EXPECT_CODES(Codes(3, QURN_OK), change(EPOLL_CTL_ADD), change(EPOLL_CTL_MOD),
+               change(EPOLL_CTL_MOD));
+  EXPECT_EQ(held(), 1U);
   ASSERT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_DEL, fd_, nullptr), QURN_OK);
   EXPECT_EQ(held(), 0U);
-  ASSERT_EQ(change(EPOLL_CTL_ADD), QURN_OK);
-  ASSERT_EQ(change(EPOLL_CTL_DEL), QURN_OK);
+  EXPECT_CODES(Codes(2, QURN_OK), change(EPOLL_CTL_ADD), change(EPOLL_CTL_DEL));
   EXPECT_EQ(held(), 0U);
 }
 
@@ -161,7 +146,7 @@ TEST_F(EventSets, DescriptorsMayChangeWhileTheirEventsAreBeingDispatched) {
     return 0;
   };
   ASSERT_EQ(FRAME_MntRegSetAndEventProc("busy", count, nullptr), QURN_OK);
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < 3; ++i) {
     threads.emplace_back([] {
       const int fd = eventfd(1, EFD_NONBLOCK);
@@ -173,9 +158,6 @@ TEST_F(EventSets, DescriptorsMayChangeWhileTheirEventsAreBeingDispatched) {
         EXPECT_EQ(FRAME_MntEpollCtl("busy", EPOLL_CTL_DEL, fd, nullptr), QURN_OK);
       }
     });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
   }
 }
 
@@ -191,8 +173,7 @@ class Timer : public testing::Test {
   }
   void TearDown() override {
     FRAME_TimerCtrlRuin(ctrl_);
-    EXPECT_EQ(recorded::blocksHeld(), 0U);
-    EXPECT_EQ(fcntl(fd_, F_GETFD), -1);
+    EXPECT_TRUE(recorded::blocksHeld() == 0 && fcntl(fd_, F_GETFD) == -1);
   }
   uint32_t create(uint32_t periodMs) {
     return FRAME_TimerCreate(ctrl_, periodMs, countRun, &runs_, &fd_);
@@ -210,16 +191,14 @@ class Timer : public testing::Test {
   int runs_ = 0;
 };
 
-TEST_F(Timer, ArmsFirstExpiryAndIntervalWithItsPeriod) {
+TEST_F(Timer, ExpiresFirstAndThenAtItsPeriodAndIsNotMadeWhenAStepFails) {
   itimerspec armed{};
   ASSERT_EQ(create(1500), QURN_OK);
   ASSERT_EQ(timerfd_gettime(fd_, &armed), 0);
-  EXPECT_EQ(armed.it_interval.tv_sec, 1);
-  EXPECT_EQ(armed.it_interval.tv_nsec, 500'000'000);
-  EXPECT_EQ(armed.it_value.tv_sec, 1);
-}
+  const timespec& interval = armed.it_interval;
+  EXPECT_TRUE(interval.tv_sec == 1 && interval.tv_nsec == 500'000'000 &&
+              armed.it_value.tv_sec == 1);
 
-TEST_F(Timer, IsNotMadeWhenAStepFails) {
   for (const char* call : {"timerfd_create", "timerfd_settime", "TOV_MemAllocF"}) {
     fault::arm(call, EMFILE);
     EXPECT_EQ(create(10), QURN_FAILED) << call;
@@ -234,8 +213,7 @@ TEST_F(Timer, RunsItsHookOnceAReadinessAndSaysWhenItWasKeptWaitingForThreePeriod
   std::this_thread::sleep_for(std::chrono::milliseconds(50));  // more than one expiration
   serve(59);
   FrameTimerHookTriggerByFd(ctrl_, first + fd_ + 100);  // nobody's
-  EXPECT_EQ(runs_, 1);
-  EXPECT_TRUE(recorded::lines().empty());
+  EXPECT_TRUE(runs_ == 1 && recorded::lines().empty());
   serve(60);
   EXPECT_EQ(runs_, 2);
   EXPECT_TRUE(recorded::has(80, "Timer hook trigger delay. (elasped time = 60)"));

@@ -1,23 +1,10 @@
 // The handle table: the stated cases, failures and retries, a randomised comparison with the model,
 // and many threads at once.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <tovplatform/stand_in.h>
-#include <unistd.h>
-
-#include <array>
-#include <atomic>
-#include <cerrno>
-#include <random>
-#include <thread>
-
-#include "support/faults.h"
 #include "support/handle_table_model.h"
-#include "support/recording_platform.h"
+#include "support/in_child.h"
+#include "support/library_test.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 // A pointer that is none of the table's own memory.
 void* pointer(uint64_t number) { return reinterpret_cast<void*>((number << 4U) + 0x1000); }
@@ -41,34 +28,29 @@ class HandleTable : public testing::Test {
 TEST_F(HandleTable, MistakesAreAnsweredWithTheirLines) {
   const uint32_t live = nbb_create_handle(pointer(1));
   const uint32_t stale = live + 0x01000000U;
-  for (const uint32_t handle : {0U, 0x00010000U, 0x01001000U}) {  // no generation, page 4096
+  // No generation, page 4096; and without a word: a vacant page, an old generation, a free slot.
+  for (const uint32_t handle : {0U, 0x00010000U, 0x01001000U, 0x01000FFFU, stale, 0x01050000U}) {
     EXPECT_EQ(nbb_validate_handle(handle), nullptr);
   }
   nbb_modify_handle(0, pointer(2));
   nbb_modify_handle(live, nullptr);
   nbb_modify_handle(stale, pointer(2));
   nbb_destroy_handle(stale);
-  EXPECT_EQ(nbb_create_handle(nullptr), 0U);
-  EXPECT_EQ(nbb_assign_handle_in_table(nullptr, 1, pointer(1)), 0U);
-  EXPECT_EQ(nbb_assign_handle_in_table(&g_stNbbHndTbl, 0, pointer(1)), 0U);
-  EXPECT_EQ(nbb_assign_handle_in_table(&g_stNbbHndTbl, 1, nullptr), 0U);
   NbbHndTbl none{};
-  EXPECT_EQ(NbbSetupPageArray(&none), 0U);
-  // Without a word: a vacant page, an old generation, a free slot; and once more changes nothing.
-  for (const uint32_t handle : {0x01000FFFU, stale, 0x01050000U}) {
-    EXPECT_EQ(nbb_validate_handle(handle), nullptr);
-  }
-  EXPECT_EQ(nbb_handle_initialize(), 1U);
+  EXPECT_CODES(Codes(6, 0), nbb_create_handle(nullptr),
+               nbb_assign_handle_in_table(nullptr, 1, pointer(1)),
+               nbb_assign_handle_in_table(&g_stNbbHndTbl, 0, pointer(1)),
+               nbb_assign_handle_in_table(&g_stNbbHndTbl, 1, nullptr), NbbSetupPageArray(&none),
+               nbb_get_spare_handle_bits(&g_stNbbHndTbl, ~0U));
+  EXPECT_EQ(nbb_handle_initialize(), 1U) << "once more changes nothing";
   EXPECT_EQ(nbb_validate_handle(live), pointer(1));
-  EXPECT_EQ(nbb_get_spare_handle_bits(&g_stNbbHndTbl, ~0U), 0U);
   const std::string invalid = "nbb_validate_handle_in_table: Invalid handle value, ignore.";
-  EXPECT_EQ(recorded::texts(40), (Texts{invalid, invalid, invalid, invalid, "ptrHandle is null."}));
-  EXPECT_EQ(recorded::texts(100),
-            (Texts{"nbb_modify_handle: handle is null.", "nbb_modify_handle: ptr is null.",
-                   "nbb_modify_handle: pstHandle is null.", "nbb_create_handle,ptr is null.",
-                   "nbb_assign_handle: psthnd_tbl is null.",
-                   "nbb_assign_handle: ptrHandle is null.", "nbb_assign_handle: ptr is null.",
-                   "Handle page memory unsuccessfully, msg len is 0."}));
+  EXPECT_TEXTS(40, invalid, invalid, invalid, invalid, "ptrHandle is null.");
+  EXPECT_TEXTS(100, "nbb_modify_handle: handle is null.", "nbb_modify_handle: ptr is null.",
+               "nbb_modify_handle: pstHandle is null.", "nbb_create_handle,ptr is null.",
+               "nbb_assign_handle: psthnd_tbl is null.", "nbb_assign_handle: ptrHandle is null.",
+               "nbb_assign_handle: ptr is null.",
+               "Handle page memory unsuccessfully, msg len is 0.");
   for (const recorded::Line& line : recorded::lines()) {
     EXPECT_EQ(line.unit, "ssp_ptr_hdl") << line.text;
   }
@@ -93,10 +75,9 @@ TEST_F(HandleTable, AssertsOnBadWidthsAndOnHandlesLeftInUseAndGoesOn) {
   recorded::forget();
   nbb_set_spare_handle_bits(&table, &handle, 0xFF);
   nbb_set_spare_handle_bits(&table, &handle, 0xAB);
-  EXPECT_EQ(handle, 0xAB010000U);
-  EXPECT_EQ(nbb_get_spare_handle_bits(&table, handle), 0xABU);
-  EXPECT_EQ(nbb_alloc_page(&table, 0), 0U);     // there is one already: two assertions
-  EXPECT_EQ(nbb_alloc_page(&table, 1000), 0U);  // nor is that a page of the table: three
+  // There is such a page already: two assertions; or it is none of the table's either: three.
+  EXPECT_CODES((Codes{0xAB010000, 0xAB, 0, 0}), handle, nbb_get_spare_handle_bits(&table, handle),
+               nbb_alloc_page(&table, 0), nbb_alloc_page(&table, 1000));
   nbb_set_spare_handle_bits(&table, &handle, 0x100);
   nbb_handle_table_terminate(&table);
   EXPECT_EQ(recorded::events(), Texts(2 + 3 + 1 + 1, assertion));
@@ -149,17 +130,13 @@ TEST_F(HandleTable, ThePlainCallsNeedTheModule) {
   EXPECT_EQ(nbb_validate_handle(1), nullptr);
   nbb_modify_handle(1, pointer(1));
   nbb_destroy_handle(1);
-  Texts expected;
-  for (const std::string call : {"create", "validate", "modify", "destroy"}) {
-    expected.push_back("NBB " + call + " handle unsuccessfully, module has not initialized.");
-  }
-  EXPECT_EQ(recorded::texts(100), expected);
+  EXPECT_TEXTS(100, "NBB create handle unsuccessfully, module has not initialized.",
+               "NBB validate handle unsuccessfully, module has not initialized.",
+               "NBB modify handle unsuccessfully, module has not initialized.",
+               "NBB destroy handle unsuccessfully, module has not initialized.");
   // Nor does a fork ask the platform for a mutex that does not exist.
   const int locks = fault::calls("KEM_MutexLock");
-  if (fork() == 0) {
-    _exit(0);
-  }
-  wait(nullptr);
+  EXPECT_TRUE(inChild([] { return true; }));
   EXPECT_EQ(fault::calls("KEM_MutexLock"), locks);
   NbbHandleTerminate();
   EXPECT_EQ(nbb_handle_initialize(), 1U);
@@ -179,9 +156,8 @@ TEST_F(HandleTable, AnswersAsItsModelDoesInOneHoldOfTheLock) {
     for (uint32_t step = 0; step < 150'000; ++step) {
       // At the bound of what may be free behind the search, it is made to go on.
       const bool create = both.table.freedBehindCount == 1024 && random() % 64 != 0;
-      const uint32_t drawn = create                     ? TableBesideModel::kCreate
-                             : (step / 10'000) % 2 == 0 ? growing(random)
-                                                        : shrinking(random);
+      auto& operations = (step / 10'000) % 2 == 0 ? growing : shrinking;
+      const uint32_t drawn = create ? TableBesideModel::kCreate : operations(random);
       const auto choice = static_cast<uint32_t>(random());
       const int locks = fault::calls("KEM_MutexLock");
       ASSERT_TRUE(both.operate(drawn, choice, random() % 2 == 0)) << step;
@@ -211,12 +187,11 @@ TEST_F(HandleTable, ManyThreadsLeaveItConsistent) {
       nbb_destroy_handle(places[random() % places.size()].exchange(handle));
     }
   };
-  {
-    std::vector<std::jthread> threads;
-    for (uint32_t number = 0; number < 4; ++number) {
-      threads.emplace_back(wander, number);
-    }
+  std::vector<std::jthread> threads;
+  for (uint32_t number = 0; number < 4; ++number) {
+    threads.emplace_back(wander, number);
   }
+  threads.clear();
   for (const uint32_t place : places) {
     nbb_destroy_handle(place);
   }

@@ -1,19 +1,13 @@
 // Keep-alive configuration, the pace of reports, and what is looked up in libraries that may come
 // late: the process guard and the plug-in's repair function.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-
-#include <cerrno>
-
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 namespace {
 
 struct Hook {
   uint32_t answer = 0;
   int64_t takesMs = 0;
-  int runs = 0;
+  uint32_t runs = 0;
 };
 
 uint32_t runHook(void* param) {
@@ -28,13 +22,12 @@ void reportAfter(int64_t milliseconds) {
   FRAME_KeepAliveReport();
 }
 
-struct LateLibrary {
-  LateLibrary() : library(dlopen(LATE_LIBRARY, RTLD_NOW | RTLD_GLOBAL)) {
-    EXPECT_NE(library, nullptr) << dlerror();
-  }
-  int& operator[](const char* name) const { return *static_cast<int*>(dlsym(library, name)); }
-  void* library;
-};
+// The library comes now. What its variables hold, by their names.
+auto loadLate() {
+  void* const library = dlopen(LATE_LIBRARY, RTLD_NOW | RTLD_GLOBAL);
+  EXPECT_NE(library, nullptr) << dlerror();
+  return [=](const char* name) -> int& { return *static_cast<int*>(dlsym(library, name)); };
+}
 
 TEST(KeepAliveConfiguration, AnswersEachMistakeWithItsLineAndCode) {
   EXPECT_EQ(FrameKeepAliveInit(), QURN_OK);
@@ -57,24 +50,23 @@ TEST(KeepAliveConfiguration, AnswersEachMistakeWithItsLineAndCode) {
     EXPECT_TRUE(recorded::has(level, std::string("Keepalive parameter init, ") + message));
     EXPECT_EQ(recorded::has(100, "Keep alive paramter init unsuccessfully."), code != 0);
   }
-  EXPECT_EQ(FrameKeepAliveHookProc(), QURN_NO_KEEP_ALIVE_HOOK);
-  EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
-  EXPECT_EQ(g_FrameReady, 0U);
+  EXPECT_CODES((Codes{QURN_NO_KEEP_ALIVE_HOOK, QURN_OK, 0}), FrameKeepAliveHookProc(),
+               FrameKeepAliveByNotifySendReady(), g_FrameReady);
 }
 
 TEST(KeepAliveConfiguration, AComponentsOwnHookComesFirstAndStays) {
   Hook hook;
-  EXPECT_EQ(FRAME_KeepAliveProcSet(1, nullptr, nullptr), QURN_FAILED);
-  EXPECT_ERROR("Keep alive proc set unsuccessfully. Input parameter is invalid.");
-  ASSERT_EQ(FRAME_KeepAliveProcSet(1, runHook, &hook), QURN_OK);
-  EXPECT_EQ(FRAME_KeepAliveProcSet(1, runHook, &hook), QURN_FAILED);
-  EXPECT_ERROR("Keep alive proc set unsuccessfully. Repeated register.");
+  EXPECT_CODES((Codes{QURN_FAILED, 0, QURN_FAILED}), FRAME_KeepAliveProcSet(1, nullptr, nullptr),
+               FRAME_KeepAliveProcSet(1, runHook, &hook),
+               FRAME_KeepAliveProcSet(1, runHook, &hook));
+  EXPECT_TEXTS(100, "Keep alive proc set unsuccessfully. Input parameter is invalid.",
+               "Keep alive proc set unsuccessfully. Repeated register.");
   configure("{ not yaml");
   EXPECT_EQ(FrameKeepAliveInit(), QURN_OK);
   EXPECT_TRUE(recorded::has(40, "Keep alive paramter already set by custom."));
-  LateLibrary guard;
+  const auto guard = loadLate();
   EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
-  EXPECT_EQ(guard["guard_readies"], 0);
+  EXPECT_EQ(guard("guard_readies"), 0);
 }
 
 TEST(KeepAliveReport, TheFirstIsDueAtOnceAndTheNextAPeriodAfterTheHookReturned) {
@@ -87,16 +79,13 @@ TEST(KeepAliveReport, TheFirstIsDueAtOnceAndTheNextAPeriodAfterTheHookReturned) 
     reportAfter(milliseconds);
     return hook.runs;
   };
-  EXPECT_EQ(runsAfter(0), 1);
-  EXPECT_EQ(FrameGetKeepAlivePeriod(), 1000U) << "the first tick's";
-  EXPECT_EQ(runsAfter(989), 1);
-  EXPECT_EQ(runsAfter(1), 2) << "due ten milliseconds early";
+  EXPECT_CODES((Codes{1, 1000}), runsAfter(0), FrameGetKeepAlivePeriod()) << "the first tick's";
+  EXPECT_CODES((Codes{1, 2}), runsAfter(989), runsAfter(1)) << "due ten milliseconds early";
   hook.answer = 7;
-  EXPECT_EQ(runsAfter(990), 3);
-  EXPECT_EQ(runsAfter(0), 4) << "a failed report is tried again at once";
+  EXPECT_CODES((Codes{3, 4}), runsAfter(990), runsAfter(0)) << "tried again at once";
   EXPECT_TRUE(recorded::has(80, "User keep alive hook proc unsuccessfully. (ret = 0x7)"));
   fault::arm("clock_gettime", EPERM);
-  EXPECT_EQ(runsAfter(990), 4);
+  EXPECT_EQ(runsAfter(990), 4U);
   EXPECT_ERROR("Frame report keep alive, get clock time unsuccessfully. (errno 1)");
 }
 
@@ -108,7 +97,7 @@ TEST(KeepAliveReport, APeriodBelowTheToleranceMakesEveryCallDue) {
   EXPECT_EQ(FrameGetKeepAlivePeriod(), 9U) << "raised to the detection period";
   reportAfter(0);
   reportAfter(0);
-  EXPECT_EQ(hook.runs, 2);
+  EXPECT_EQ(hook.runs, 2U);
 }
 
 class Guarded : public testing::Test {
@@ -116,57 +105,54 @@ class Guarded : public testing::Test {
   void SetUp() override {
     frozen_clock::start();
     configure("watchDog: {watchDogType: notify, watchDogTimeout: 60003}");
-    ASSERT_EQ(FrameKeepAliveInit(), QURN_OK);
+    // The period is a quarter of the time-out.
+    EXPECT_CODES((Codes{0, 0, 15000}), FrameKeepAliveInit(), FrameSetDeadloopPeriodDelay(10000),
+                 FrameGetKeepAlivePeriod());
     EXPECT_TRUE(recorded::texts(100).empty());
-    FrameSetDeadloopPeriodDelay(10000);
-    ASSERT_EQ(FrameGetKeepAlivePeriod(), 15000U) << "a quarter of the time-out";
   }
 };
 
 TEST_F(Guarded, HeartbeatsFlowOnlyOnceReadinessIsAnnounced) {
-  LateLibrary guard;
+  const auto guard = loadLate();
   reportAfter(0);
-  EXPECT_EQ(guard["guard_heartbeats"], 0);
-  guard["guard_answer"] = 3;
-  EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_FAILED);
+  EXPECT_EQ(guard("guard_heartbeats"), 0);
+  guard("guard_answer") = 3;
+  EXPECT_CODES((Codes{QURN_FAILED, 0}), FrameKeepAliveByNotifySendReady(), g_FrameReady);
   EXPECT_ERROR("bexlin notify ready unsuccessfully. (ret = 0x3)");
-  EXPECT_EQ(g_FrameReady, 0U);
-  guard["guard_answer"] = 0;
-  EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
-  EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
-  EXPECT_EQ(guard["guard_readies"], 2) << "one refused, one accepted, none repeated";
+  guard("guard_answer") = 0;
+  EXPECT_CODES(Codes(2, 0), FrameKeepAliveByNotifySendReady(), FrameKeepAliveByNotifySendReady());
+  EXPECT_EQ(guard("guard_readies"), 2) << "one refused, one accepted, none repeated";
   EXPECT_EQ(g_FrameReady, 1U);
   reportAfter(0);
-  EXPECT_EQ(guard["guard_heartbeats"], 0) << "the report before readiness counted";
+  EXPECT_EQ(guard("guard_heartbeats"), 0) << "the report before readiness counted";
   reportAfter(15000);
-  EXPECT_EQ(guard["guard_heartbeats"], 1);
-  guard["guard_answer"] = 9;
+  EXPECT_EQ(guard("guard_heartbeats"), 1);
+  guard("guard_answer") = 9;
   reportAfter(15000);
   EXPECT_ERROR("bexlin notify heartbeat unsuccessfully. (ret = 0x9)");
   EXPECT_TRUE(recorded::has(80, "User keep alive hook proc unsuccessfully. (ret = 0xffffffff)"));
 }
 
 TEST_F(Guarded, AMissingGuardCountsAsReachedAndIsLookedUpAnewEachTime) {
-  EXPECT_EQ(FrameKeepAliveByNotifySendReady(), QURN_OK);
-  EXPECT_EQ(g_FrameReady, 1U);
+  EXPECT_CODES((Codes{QURN_OK, 1}), FrameKeepAliveByNotifySendReady(), g_FrameReady);
   reportAfter(15000);
   reportAfter(0);
-  EXPECT_EQ(recorded::texts(40), std::vector<std::string>(2, "bexlin notify func not found."));
-  LateLibrary guard;
+  EXPECT_EQ(recorded::texts(40), Texts(2, "bexlin notify func not found."));
+  const auto guard = loadLate();
   reportAfter(15000);
-  EXPECT_EQ(guard["guard_heartbeats"], 1);
+  EXPECT_EQ(guard("guard_heartbeats"), 1);
 }
 
 class PluginRepair : public testing::TestWithParam<std::pair<uint32_t, int>> {};
 
 TEST_P(PluginRepair, RunsAboutEveryTenSecondsOfTicks) {
   const auto [periodMs, runsInSixTicks] = GetParam();
-  LateLibrary plugin;
+  const auto plugin = loadLate();
   FrameSetDeadloopPeriodDelay(periodMs);
   for (int tick = 0; tick < 6; ++tick) {
     FrameDeadloopDetectCallback(nullptr);
   }
-  EXPECT_EQ(plugin["repair_runs"], runsInSixTicks);
+  EXPECT_EQ(plugin("repair_runs"), runsInSixTicks);
 }
 
 INSTANTIATE_TEST_SUITE_P(Periods, PluginRepair,
@@ -176,9 +162,9 @@ INSTANTIATE_TEST_SUITE_P(Periods, PluginRepair,
 
 TEST(PluginRepair, IsLookedUpOnceEvenWhenItIsMissing) {
   FrameRuloPluginCheckAndRepairDeadloop();
-  LateLibrary plugin;
+  const auto plugin = loadLate();
   FrameRuloPluginCheckAndRepairDeadloop();
-  EXPECT_EQ(plugin["repair_runs"], 0);
+  EXPECT_EQ(plugin("repair_runs"), 0);
 }
 
 }  // namespace

@@ -1,24 +1,17 @@
 // Legacy handles and memory on the stand-in's accounts.
-#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <tovplatform/stand_in.h>
 
-#include <cerrno>
 #include <regex>
-#include <thread>
 
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 Texts held() {
   static Texts lines;
   lines.clear();
   TovStandInMemoryPrint([](const char* line) -> uint32_t {
-    lines.emplace_back(line);
+    lines.push_back(std::regex_replace(line, std::regex("qurn_memory:[0-9]+"), "a record"));
     return 0;
   });
   return lines;
@@ -43,14 +36,10 @@ TEST(LegacyHandle, IsARecordOfTheHandleBlocksAroundAModuleNamedAfterItsNumber) {
   g_aucZotMemPt[0] = 3;
   ASSERT_EQ(ZOT_HandleInitialize(nullptr, 0xFFFFFFFF, &second), QURN_OK);
   void* other = ZOT_Malloc_F(valueOf(second), 0, 8, "component", 1);
-  Texts lines = held();
-  for (std::string& line : lines) {
-    line = std::regex_replace(line, std::regex("qurn_memory:[0-9]+"), "a record");
-  }
-  EXPECT_EQ(lines, (Texts{"handle 0 (-), partition 0, a record: 1 blocks, 16 bytes",
-                          "handle 1 (0000001a), partition 2, component:7: 1 blocks, 100 bytes",
-                          "handle 1 (0000001a), partition 3, a record: 1 blocks, 16 bytes",
-                          "handle 2 (ffffffff), partition 0, component:1: 1 blocks, 8 bytes"}));
+  EXPECT_EQ(held(), (Texts{"handle 0 (-), partition 0, a record: 1 blocks, 16 bytes",
+                           "handle 1 (0000001a), partition 2, component:7: 1 blocks, 100 bytes",
+                           "handle 1 (0000001a), partition 3, a record: 1 blocks, 16 bytes",
+                           "handle 2 (ffffffff), partition 0, component:1: 1 blocks, 8 bytes"}));
   EXPECT_EQ(ZOT_Free_F(block, "component", 8) | ZOT_Free_F(other, "component", 2), QURN_OK);
   EXPECT_EQ(ZOT_HandleFinalize(second) | ZOT_HandleFinalize(first), QURN_OK);
   EXPECT_EQ(held(), Texts{});
@@ -58,9 +47,8 @@ TEST(LegacyHandle, IsARecordOfTheHandleBlocksAroundAModuleNamedAfterItsNumber) {
 }
 
 TEST(LegacyHandle, OnlyRawIdsAndLiveRecordsAreHandles) {
-  for (const uintptr_t raw : {0U, 1U, 0x04048000U}) {
-    EXPECT_EQ(ZOT_GetRelHandle(raw), raw);
-  }
+  EXPECT_CODES((Codes{0, 1, 0x04048000}), ZOT_GetRelHandle(0), ZOT_GetRelHandle(1),
+               ZOT_GetRelHandle(0x04048000));
   void* unreadable = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   ZotHandleRecord forged{&forged, 5};
   for (const uintptr_t value :
@@ -87,20 +75,17 @@ TEST(LegacyHandle, OnlyRawIdsAndLiveRecordsAreHandles) {
 TEST(LegacyHandle, MistakesAreAnsweredWithTheirLines) {
   ZotHandleRecord* record = nullptr;
   fault::arm("KEM_HandleInitialize", 0);
-  EXPECT_EQ(ZOT_HandleInitializeByName("module", &record), QURN_FAILED);
-  EXPECT_EQ(ZOT_HandleInitializeByName("module", nullptr), QURN_FAILED);
-  EXPECT_EQ(ZOT_HandleInitializeByName(nullptr, &record), QURN_FAILED);
-  EXPECT_EQ(ZOT_HandleInitialize(nullptr, 1, nullptr), QURN_FAILED);
-  EXPECT_EQ(ZOT_HandleFinalize(nullptr), QURN_FAILED);
-  EXPECT_EQ(
-      recorded::texts(100),
-      (Texts{"Get ZOT handle by name, kelva handle init unsuccessfully. (ret = 0x7)",
-             "Get ZOT handle by name, input invalid.", "Get ZOT handle by name, input invalid.",
-             "pHandle NULL", "Para pstHandle is NULL."}));
+  EXPECT_CODES(Codes(5, QURN_FAILED), ZOT_HandleInitializeByName("module", &record),
+               ZOT_HandleInitializeByName("module", nullptr),
+               ZOT_HandleInitializeByName(nullptr, &record),
+               ZOT_HandleInitialize(nullptr, 1, nullptr), ZOT_HandleFinalize(nullptr));
+  EXPECT_TEXTS(100, "Get ZOT handle by name, kelva handle init unsuccessfully. (ret = 0x7)",
+               "Get ZOT handle by name, input invalid.", "Get ZOT handle by name, input invalid.",
+               "pHandle NULL", "Para pstHandle is NULL.");
   EXPECT_EQ(record, nullptr);
   EXPECT_EQ(fault::calls("KEM_HandleInitialize"), 1) << "only with all its arguments";
-  EXPECT_EQ(ZOT_MemCheckSwitch(0) | ZOT_MemCheckSwitch(1), QURN_OK);
-  EXPECT_EQ(ZOT_MemCheckSwitch(2), QURN_INVALID_VALUE);
+  EXPECT_CODES((Codes{0, 0, QURN_INVALID_VALUE}), ZOT_MemCheckSwitch(0), ZOT_MemCheckSwitch(1),
+               ZOT_MemCheckSwitch(2));
 }
 
 TEST(LegacyHandle, ThousandsOfRecordsAreToldFromEverythingElse) {

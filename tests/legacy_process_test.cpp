@@ -1,27 +1,12 @@
 // Legacy logging, exit and environment, fixed results and forwarders, and the pointer stack.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <array>
-#include <cstdlib>
-#include <fstream>
-#include <memory>
 #include <regex>
 
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 
-namespace {
-
-using Texts = std::vector<std::string>;
-
-uint32_t g_showAnswer = 0;
-uint32_t g_redirectAnswer = 0;
-KemPrintHook g_printHook = nullptr;
-KemBoxRedirectHook g_redirectHook = nullptr;
-
-}  // namespace
+static uint32_t g_showAnswer = 0;
+static uint32_t g_redirectAnswer = 0;
+static KemPrintHook g_printHook = nullptr;
+static KemBoxRedirectHook g_redirectHook = nullptr;
 
 using Pair = std::array<uint64_t, 2>;
 using Key = std::array<char, 40>;
@@ -71,37 +56,32 @@ namespace {
 
 TEST(LegacyLog, ShowsAndCleansBothBoxesEvenWhenTheyCannotBeShown) {
   EXPECT_EQ(ZotKemBoxRecordDump(), 104U);
-  EXPECT_EQ(recorded::texts(), (Texts{"record of box 3", "record of box 4"}));
+  EXPECT_TEXTS(0, "record of box 3", "record of box 4");
   g_showAnswer = 0x1F;
   EXPECT_EQ(ZotKemBoxRecordDump(), 104U);
   EXPECT_EQ(recorded::events(), (Texts{"clean 3", "clean 4", "clean 3", "clean 4"}));
-  EXPECT_EQ(recorded::texts(100),
-            (Texts{"Get Kelva box record mistake log unsuccessfully. RetCode(0x1f).",
-                   "Get Kelva box record except log unsuccessfully. RetCode(0x1f)."}));
+  EXPECT_TEXTS(100, "Get Kelva box record mistake log unsuccessfully. RetCode(0x1f).",
+               "Get Kelva box record except log unsuccessfully. RetCode(0x1f).");
 }
 
 TEST(LegacyLog, RoutesRunLogsOnceTheHookIsInstalled) {
   g_redirectAnswer = 5;
   EXPECT_EQ(ZotKemLogInit(), QURN_FAILED);
-  EXPECT_EQ(recorded::texts(100),
-            (Texts{"Frame Kelva run log func register unsuccessfully, RetCode(0x5).",
-                   "Frame kelva log init unsuccessfully. (ret = 0xffffffff)"}));
+  EXPECT_TEXTS(100, "Frame Kelva run log func register unsuccessfully, RetCode(0x5).",
+               "Frame kelva log init unsuccessfully. (ret = 0xffffffff)");
   g_redirectAnswer = 0;
-  EXPECT_EQ(ZotKemLogInit(), QURN_OK);
-  EXPECT_EQ(g_redirectHook(nullptr, "100% run log"), 1U);
-  EXPECT_EQ(ZotKemLogPrintHook("100% printed"), 0U);
-  EXPECT_EQ(recorded::texts(40),
-            (Texts{"Frame kelva log init successful.", "100% run log", "100% printed"}));
+  EXPECT_CODES((Codes{0, 1, 0}), ZotKemLogInit(), g_redirectHook(nullptr, "100% run log"),
+               ZotKemLogPrintHook("100% printed"));
+  EXPECT_TEXTS(40, "Frame kelva log init successful.", "100% run log", "100% printed");
 }
 
 TEST(LegacyExit, DumpsTheBoxesLogsAndEndsTheProcessAtOnce) {
-  EXPECT_EXIT(
-      {
-        atexit([] { _exit(1); });  // must not run
-        ZOT_Exit(88);
-      },
-      testing::ExitedWithCode(88),
-      "record of box 4.*100 ZOT_Exit with code 88. .process id = [0-9]+.");
+  const auto leave = [] {
+    atexit([] { _exit(1); });  // must not run
+    ZOT_Exit(88);
+  };
+  EXPECT_EXIT(leave(), testing::ExitedWithCode(88),
+              "record of box 4.*100 ZOT_Exit with code 88. .process id = [0-9]+.");
 }
 
 TEST(LegacyEnvironment, ReadsIdentifiersAsDecimalNumbers) {
@@ -112,12 +92,10 @@ TEST(LegacyEnvironment, ReadsIdentifiersAsDecimalNumbers) {
   for (const char* name : {"ZOT_DB_ID", "ZOT_NODE_ID", "ZOT_LR_ID", "ZOT_VR_ID"}) {
     unsetenv(name);
     value = 99;
-    EXPECT_EQ(ZOT_GetEnvValue(selector, &value), QURN_FAILED);
-    EXPECT_EQ(value, 99U);
+    EXPECT_CODES((Codes{QURN_FAILED, 99}), ZOT_GetEnvValue(selector, &value), value);
     for (const auto& [text, number] : values) {
       setenv(name, text, 1);
-      EXPECT_EQ(ZOT_GetEnvValue(selector, &value), QURN_OK);
-      EXPECT_EQ(value, number) << text;
+      EXPECT_CODES((Codes{QURN_OK, number}), ZOT_GetEnvValue(selector, &value), value) << text;
     }
     EXPECT_EQ(ZOT_GetEnvValue(selector++, nullptr), QURN_FAILED);
   }
@@ -130,9 +108,8 @@ TEST(LegacyEnvironment, ReadsIdentifiersAsDecimalNumbers) {
 TEST(PointerStack, GivesBackInReverseOrderAndFreesWhatIsLeft) {
   RpmStack* stack = RPM_CreateStack();
   uintptr_t element = 99;
-  EXPECT_EQ(RPM_IsStackEmpty(stack), 1U);
-  EXPECT_EQ(RPM_PopStack(stack, &element), QURN_FAILED);
-  EXPECT_EQ(RPM_GetStackTopElement(stack, &element), QURN_FAILED);
+  EXPECT_CODES((Codes{1, QURN_FAILED, QURN_FAILED}), RPM_IsStackEmpty(stack),
+               RPM_PopStack(stack, &element), RPM_GetStackTopElement(stack, &element));
   EXPECT_EQ(element, 99U);
   fault::arm("TOV_MemAllocF", ENOMEM, 3);
   for (uintptr_t pushed = 1; pushed <= 4; ++pushed) {
@@ -189,8 +166,8 @@ TEST(Encryption, HandsOnEveryArgumentThoseOnTheStackIncluded) {
 TEST(Process, LogsItsSlotIdEachTimeAndKnowsItsVersion) {
   TOV_SetProcessSlotId(5);
   TOV_SetProcessSlotId(4294967295);
-  EXPECT_EQ(recorded::texts(40), (Texts{"tOV process slot id (5) set success.",
-                                        "tOV process slot id (4294967295) set success."}));
+  EXPECT_TEXTS(40, "tOV process slot id (5) set success.",
+               "tOV process slot id (4294967295) set success.");
   EXPECT_STREQ(g_pcMorlaadaptMiniVer, "2.2.0");
   EXPECT_STREQ(g_pcMorlaadaptInterSubVer, "B137");
   EXPECT_EQ(std::string(g_pcMorlaadaptOuterVer).find("TOV "), 0U);

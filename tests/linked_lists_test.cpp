@@ -1,11 +1,7 @@
 // Both kinds of list against a plain sequence of numbers, and the cases where they differ.
-#include <gtest/gtest.h>
-#include <qurnadapt/linked_lists.h>
-
 #include <algorithm>
-#include <array>
-#include <random>
-#include <vector>
+
+#include "support/library_test.h"
 
 namespace {
 
@@ -43,10 +39,9 @@ DllNode* previous(const DllList* list, const DllNode* node) {
   return before == &list->head ? nullptr : before;
 }
 
-template <typename List, typename Node, typename Find, typename Walk, typename FreeAll>
-void expectASequence(List& list, Node*& last, void (*insert)(List*, Node*, Node*),
-                     void (*erase)(List*, Node*), Node* (*get)(List*), Find find, Walk walk,
-                     FreeAll freeAll, Node* (*before)(const List*, const Node*)) {
+template <typename List, typename Node>
+void expectASequence(List& list, Node*& last, auto insert, auto erase, auto get, auto find,
+                     auto walk, auto freeAll, auto before) {
   std::array<Item<Node>, 40> items{};
   std::vector<int> expected;
   std::mt19937 random(7);
@@ -99,16 +94,13 @@ void expectASequence(List& list, Node*& last, void (*insert)(List*, Node*, Node*
   }
 }
 
-TEST(LinkedLists, DoublyLinkedHoldWhatASequenceWould) {
-  DllList list{{&list.head, &list.head}, 0x5A5A, 0};
-  expectASequence(list, list.head.prev, DLL_Insert, DLL_Delete, DLL_Get, DLL_Find, DLL_Walk,
+TEST(LinkedLists, OfBothKindsHoldWhatASequenceWould) {
+  DllList doubly{{&doubly.head, &doubly.head}, 0x5A5A, 0};
+  expectASequence(doubly, doubly.head.prev, DLL_Insert, DLL_Delete, DLL_Get, DLL_Find, DLL_Walk,
                   DLL_FreeAll, previous);
-}
-
-TEST(LinkedLists, SinglyLinkedHoldWhatASequenceWould) {
-  SllList list{{&list.head}, 0x5A5A, &list.head, 0};
-  expectASequence(list, list.tail, SLL_Insert, SLL_Delete, SLL_Get, SLL_Find, SLL_Walk, SLL_FreeAll,
-                  SLL_Previous);
+  SllList singly{{&singly.head}, 0x5A5A, &singly.head, 0};
+  expectASequence(singly, singly.tail, SLL_Insert, SLL_Delete, SLL_Get, SLL_Find, SLL_Walk,
+                  SLL_FreeAll, SLL_Previous);
 }
 
 TEST(LinkedLists, TolerateNullWhereTheySaySo) {

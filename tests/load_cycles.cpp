@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 namespace {
 
@@ -25,8 +24,7 @@ std::array<long, 3> held() {
 
 void cycle(const char* library, int times) {
   for (int i = 0; i < times; ++i) {
-    void* handle = dlopen(library, RTLD_NOW);
-    if (handle == nullptr || dlclose(handle) != 0) {
+    if (void* handle = dlopen(library, RTLD_NOW); handle == nullptr || dlclose(handle) != 0) {
       std::fprintf(stderr, "%s\n", dlerror());
       std::exit(1);
     }

@@ -8,7 +8,6 @@
 #include <sys/syscall.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <random>
 #include <thread>
@@ -22,9 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-uint32_t goOn(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
-  return 0;
-}
+uint32_t goOn(FrameDeadloopHandle*, uint64_t, uint32_t) { return 0; }
 
 // A thread's life in the monitor, over and over.
 void workUntil(const std::stop_token& stop, unsigned seed) {
@@ -63,8 +60,8 @@ TEST(Load, AllSlotsInUseUnderTicksEveryMillisecond) {
   for (unsigned i = 0; i < FRAME_MONITOR_CAPACITY; ++i) {
     workers.emplace_back(workUntil, i);
   }
-  std::this_thread::sleep_for(kSanitizers.empty() ? 3s
-                                                  : 60s);  // a minute where a sanitizer looks on
+  // A minute where a sanitizer looks on.
+  std::this_thread::sleep_for(kSanitizers.empty() ? 3s : 60s);
   workers.clear();
   const uint32_t beats = g_beats;
   std::this_thread::sleep_for(1s);

@@ -1,21 +1,12 @@
 // The monitor beyond its model: real threads that are watched, end and are handled, its
 // initialisation, the legacy heart calls, and dead-loop sections.
-#include <gtest/gtest.h>
-#include <tovplatform/stand_in.h>
-
-#include <cerrno>
 #include <filesystem>
-#include <utility>
 
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/library_test.h"
 #include "support/run_program.h"
 #include "support/silent_thread.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
-using Codes = std::vector<uint32_t>;
 
 Codes useTheMonitor(FrameDeadloopHandle* handle, const char* name) {
   return {Frame_SetHeartbeatToMon(handle, 1, 2, 3), Frame_SendHeartbeatToMon(handle),
@@ -28,11 +19,6 @@ Codes useTheHeartBridge(FrameDeadloopHandle* handle) {
           ZOT_RegThreadDeadloopHook(handle, nullptr), ZOT_StopHeartToMon(handle)};
 }
 
-TEST(Registration, RefusesNull) {
-  EXPECT_EQ(useTheMonitor(nullptr, nullptr), Codes(5, QURN_INVALID_ARGUMENT));
-  EXPECT_EQ(recorded::count("Frame task deadloop detect, handle invalid."), 3U);
-}
-
 TEST(Registration, ARenewalFindsAndChangesItsRecordUnderOneHoldOfItsLock) {
   FrameDeadloopHandle self = 9;
   ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
@@ -41,33 +27,32 @@ TEST(Registration, ARenewalFindsAndChangesItsRecordUnderOneHoldOfItsLock) {
   EXPECT_EQ(fault::calls("pthread_mutex_lock"), locks + 1);
 }
 
-TEST(Registration, KeepsThresholdsInMillisecondsAsFarAsTheyFit) {
+TEST(Registration, RefusesNullAndKeepsThresholdsInMillisecondsAsFarAsTheyFit) {
+  EXPECT_EQ(useTheMonitor(nullptr, nullptr), Codes(5, QURN_INVALID_ARGUMENT));
+  EXPECT_EQ(recorded::count("Frame task deadloop detect, handle invalid."), 3U);
   const std::pair<uint32_t, uint32_t> thresholds[] = {
       {1, 1000}, {4294966, 4294966000}, {4294967, 0xFFFFFFFF}, {0xFFFFFFFF, 0xFFFFFFFF}};
   for (const auto& [seconds, milliseconds] : thresholds) {
     FrameMonitorTaskInfo info{};
     info.ucTimeoutLevel = 2;
     ASSERT_EQ(FrameUpdateMonitorTaskKeyInfo(&info, seconds, seconds, seconds), QURN_OK);
-    EXPECT_EQ(info.uiFirstThreshold, milliseconds);
-    EXPECT_EQ(info.uiThirdThreshold, milliseconds);
-    EXPECT_EQ(info.ucTimeoutLevel, 0);
+    EXPECT_CODES((Codes{milliseconds, milliseconds, 0}), info.uiFirstThreshold,
+                 info.uiThirdThreshold, info.ucTimeoutLevel);
   }
 }
 
 TEST(HeartBridge, ReachesTheMonitorFromTheLoadOnAndKeepsItsSetWhole) {
   FrameDeadloopHandle self = 9;
   EXPECT_EQ(useTheHeartBridge(&self), Codes(4, QURN_OK));
-  EXPECT_TRUE(recorded::has(
-      40, "ZOT set heart monitor of thread (" + std::to_string(pthread_self()) + ")."));
-  ASSERT_EQ(ZOT_SetHeartMon(&self, 1, 2, 3), QURN_OK);
-  EXPECT_EQ(FRAME_TaskDeadloopInit(), QURN_OK);
-  EXPECT_EQ(ZOT_SendHeartToMon(&self), QURN_OK) << "a second initialisation changes nothing";
+  EXPECT_TEXTS(40, "ZOT set heart monitor of thread (" + std::to_string(pthread_self()) + ").");
+  EXPECT_CODES(Codes(3, 0), ZOT_SetHeartMon(&self, 1, 2, 3), FRAME_TaskDeadloopInit(),
+               ZOT_SendHeartToMon(&self))
+      << "a second initialisation changes nothing";
 
   const TovHeartFunSet full = g_stTovHeartFunSet;
   TovHeartFunSet incomplete = full;
   incomplete.pfnReboot = nullptr;
-  EXPECT_EQ(ZotHeartFunReg(&incomplete), QURN_FAILED);
-  EXPECT_EQ(ZotHeartFunReg(nullptr), QURN_FAILED);
+  EXPECT_CODES(Codes(2, QURN_FAILED), ZotHeartFunReg(&incomplete), ZotHeartFunReg(nullptr));
   EXPECT_EQ(useTheHeartBridge(&self), Codes(4, QURN_OK));
 
   recorded::forget();
@@ -95,10 +80,9 @@ TEST(Uninitialised, DISABLED_MonitorRefusesEverything) {
   EXPECT_EQ(recorded::texts(100), recorded::texts());
   fault::arm("pthread_rwlock_init", EAGAIN);
   EXPECT_EQ(FRAME_MntInit(), QURN_FAILED);
-  EXPECT_EQ(recorded::texts(100).back(),
-            "Frame task deadloop init unsuccessfully, ret=0xffffffff.");
-  EXPECT_EQ(FRAME_TaskDeadloopInit(), QURN_OK) << "the whole initialisation is repeated";
-  EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
+  EXPECT_ERROR("Frame task deadloop init unsuccessfully, ret=0xffffffff.");
+  // The whole initialisation is repeated.
+  EXPECT_CODES(Codes(2, 0), FRAME_TaskDeadloopInit(), Frame_SetHeartbeatToMon(&self, 1, 2, 3));
 }
 
 TEST(Monitor, RefusesEverythingUntilItsInitialisationHasSucceeded) {
@@ -108,8 +92,7 @@ TEST(Monitor, RefusesEverythingUntilItsInitialisationHasSucceeded) {
     const ProgramRun run = runProgram(
         "env " + std::string(fault::kAtLoadVariable) + "=" + failing + " " QURN_EMULATOR + self +
         " --gtest_also_run_disabled_tests --gtest_filter=Uninitialised.*");
-    EXPECT_EQ(run.status, 0) << run.output;
-    EXPECT_TRUE(run.has("[  PASSED  ] 1 test")) << run.output;
+    EXPECT_TRUE(run.status == 0 && run.has("[  PASSED  ] 1 test")) << run.output;
     EXPECT_LT(run.at("Frame task deadloop ctrl init, " + std::string(lock) +
                      " init unsuccessfully. (errno: 11)"),
               run.at("Frame task deadloop init, ctrl init unsuccessfully. (ret = 0xffffffff)"));
@@ -120,20 +103,17 @@ class DetectionPass : public testing::Test {
  protected:
   void SetUp() override {
     frozen_clock::start();
-    ASSERT_EQ(FrameSetDeadloopPeriodDelay(1), QURN_OK) << "every heartbeat is due";
-    ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
-    ASSERT_EQ(FrameRegDeadloopCapability(), QURN_OK);
+    // With this period every heartbeat is due.
+    EXPECT_CODES(Codes(3, 0), FrameSetDeadloopPeriodDelay(1), FrameDeadloopInit(),
+                 FrameRegDeadloopCapability());
     recorded::forget();
   }
   // Answers how many threshold lines this pass writes after so much more silence.
-  static size_t passAfter(int64_t milliseconds) {
+  static uint32_t passAfter(int64_t milliseconds) {
     const size_t before = recorded::count("trigger");
     frozen_clock::advance(milliseconds);
     FRAME_TaskDeadloopMonitorEntry();
-    return recorded::count("trigger") - before;
-  }
-  static bool getsCaptured() {
-    return eventually([] { return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED; });
+    return static_cast<uint32_t>(recorded::count("trigger") - before);
   }
 };
 
@@ -146,9 +126,8 @@ uint32_t useTheMonitorInAHook(FrameDeadloopHandle* handle, uint64_t /*threadId*/
   recorded::note("thread " + std::to_string(elapsedMs));
   FrameDeadloopHandle own = 0;
   EXPECT_EQ(useTheMonitor(&own, "silent"), Codes(5, QURN_OK));
-  EXPECT_EQ(FrameSetDetectSwitch(*handle, 0), QURN_OK);
-  EXPECT_EQ(Frame_SetHeartExceptionPolicy(*handle, 1), QURN_OK);
-  EXPECT_EQ(Frame_UnRegDeadloopInfoHook(handle), QURN_OK);
+  EXPECT_CODES(Codes(3, 0), FrameSetDetectSwitch(*handle, 0),
+               Frame_SetHeartExceptionPolicy(*handle, 1), Frame_UnRegDeadloopInfoHook(handle));
   Frame_RegThreadDeadloopWarningHook(nullptr);
   Frame_RegThreadDeadloopHook(noteProcessHook);
   return 0;
@@ -163,7 +142,7 @@ TEST_F(DetectionPass, HooksRunBetweenHeartbeatsAndTheThreadsMayUseTheWholeMonito
   };
   ASSERT_EQ(FRAME_KeepAliveProcSet(1, noteBeat, nullptr), QURN_OK);
   passAfter(2500);
-  ASSERT_TRUE(getsCaptured());
+  ASSERT_TRUE(eventually(isCaptured));
   frozen_clock::advance(20000);
   recorded::forget();
   FrameWriteDeadloopInfo();
@@ -171,7 +150,7 @@ TEST_F(DetectionPass, HooksRunBetweenHeartbeatsAndTheThreadsMayUseTheWholeMonito
             (Texts{"beat", "beat", "thread 2500", "beat", "process 2500 1", "beat"}));
   Frame_RegDeadloopInfoHook(stuck.slot(), useTheMonitorInAHook);
   stuck.interrupt();
-  ASSERT_TRUE(getsCaptured());
+  ASSERT_TRUE(isCaptured());
   recorded::forget();
   FrameWriteDeadloopInfo();
   EXPECT_EQ(recorded::events(), (Texts{"beat", "beat"})) << "no second action for the one event";
@@ -232,10 +211,9 @@ TEST_F(DetectionPass, ARecordOfTheCallersOwnIsSignalledByItsPosixIdAloneAndNever
   fault::arm("pthread_kill", ESRCH);
   FrameFatalThresholdTimeoutAction(64, &own, 5);
   FrameDeadloopFatalAction();  // of a slot that is none
-  EXPECT_EQ(own.ucTimeoutLevel, 3);
-  EXPECT_EQ(recorded::count("Check thread exist"), 0U);
+  EXPECT_TRUE(own.ucTimeoutLevel == 3 && recorded::count("Check thread exist") == 0);
   FrameFatalThresholdTimeoutAction(0, &own, 5);
-  EXPECT_TRUE(getsCaptured());
+  EXPECT_TRUE(eventually(isCaptured));
 }
 
 TEST_F(DetectionPass, AnEndedThreadIsReleasedAndItsIdentifierNeverUsed) {
@@ -247,9 +225,8 @@ TEST_F(DetectionPass, AnEndedThreadIsReleasedAndItsIdentifierNeverUsed) {
     return 0;
   };
   ASSERT_EQ(FRAME_KeepAliveProcSet(1, endOnceReported, &leaving), QURN_OK);
-  EXPECT_EQ(passAfter(1000), 3U);
+  EXPECT_CODES((Codes{3, FRAME_DEADLOOP_STATUS_IDLE}), passAfter(1000), FrameGetDeadloopStatus());
   EXPECT_EQ(recorded::count("terminated"), 1U);
-  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
 }
 
 TEST_F(DetectionPass, SectionsAloneAreWatchedAndAThresholdIsReportedOnce) {
@@ -267,8 +244,7 @@ TEST_F(DetectionPass, SectionsAloneAreWatchedAndAThresholdIsReportedOnce) {
     TovStandInSectionClose();
     EXPECT_EQ(passAfter(60000), 0U);
     TovStandInSectionOpen();
-    EXPECT_EQ(passAfter(3999), 0U) << "the first threshold has been reported";
-    EXPECT_EQ(passAfter(1), 1U);
+    EXPECT_CODES((Codes{0, 1}), passAfter(3999), passAfter(1)) << "the first has been reported";
     TovStandInSectionUnregister();
     EXPECT_EQ(recorded::count("sdk deadloop"), 1U);
   });
@@ -290,16 +266,14 @@ TEST_F(DetectionPass, SectionOperationsLogTheirFailures) {
   EXPECT_EQ(Frame_StopHeartbeatToMon(&handle), QURN_OK) << "the registration stays";
 }
 
-TEST_F(DetectionPass, ASectionsActionIsTheFrameworksHookOfTheThreadOrTheProcessesEnd) {
+TEST_F(DetectionPass, TheFrameworksHookIsASectionsActionAndItsLogTextsKeepTheirLevel) {
   EXPECT_EXIT(FrameSdkDeadloopAction(nullptr, 1, 2), testing::ExitedWithCode(88), "code 88");
   const auto sum = [](uint64_t threadId, uint32_t elapsedMs) {
     return static_cast<uint32_t>(threadId) + elapsedMs;
   };
   ASSERT_EQ(TovStandInDeadloopHookSet(77, sum), QURN_OK);
   EXPECT_EQ(FrameSdkDeadloopAction(nullptr, 77, 1000), 1077U);
-}
 
-TEST_F(DetectionPass, TheFrameworksLogTextsKeepTheirLevel) {
   for (uint32_t level = 0; level < 4; ++level) {
     FrameDeadloopLogoutHook(level, "100%s");
   }

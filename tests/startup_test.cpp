@@ -1,38 +1,16 @@
 // Start-up, the signals that it ignores, the detection thread's set-up, and the order of a tick.
-#include <gtest/gtest.h>
-#include <sys/eventfd.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <fstream>
-#include <thread>
-
-#include "support/faults.h"
-#include "support/recording_platform.h"
+#include "support/in_child.h"
+#include "support/library_test.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 uint32_t noteKeepAlive(void* /*param*/) {
   char thread[16];
   prctl(PR_GET_NAME, thread);
   recorded::note("keep-alive on " + std::string(thread));
   return 0;
-}
-
-bool holdsInAChild(const std::function<bool()>& condition) {
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(condition() ? 0 : 1);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  return status == 0;
 }
 
 TEST(Startup, RunsOneDetectionThreadUnderItsNameWhichTicksAtItsPeriod) {
@@ -46,21 +24,18 @@ TEST(Startup, RunsOneDetectionThreadUnderItsNameWhichTicksAtItsPeriod) {
 }
 
 TEST(Startup, APeriodCanBeSetOnceAndOnlyBefore) {
-  EXPECT_EQ(FrameSetDeadloopPeriodDelay(0), QURN_FAILED);
-  EXPECT_EQ(FrameSetDeadloopPeriodDelay(3000), QURN_OK);
-  EXPECT_EQ(FrameSetDeadloopPeriodDelay(4000), QURN_FAILED);
-  ASSERT_EQ(FrameDeadloopInit(), QURN_OK);
-  EXPECT_EQ(FrameSetDeadloopPeriodDelay(4000), QURN_FAILED);
-  EXPECT_EQ(recorded::texts(100),
-            (Texts{"Deadloop periodDelay is invalid. (value = 0)",
-                   "Deadloop periodDelay is already inited, set periodDelay unsuccessfully.",
-                   "Deadloop is already inited, set periodDelay unsuccessfully."}));
+  EXPECT_CODES((Codes{QURN_FAILED, 0, QURN_FAILED, 0, QURN_FAILED}), FrameSetDeadloopPeriodDelay(0),
+               FrameSetDeadloopPeriodDelay(3000), FrameSetDeadloopPeriodDelay(4000),
+               FrameDeadloopInit(), FrameSetDeadloopPeriodDelay(4000));
+  EXPECT_TEXTS(100, "Deadloop periodDelay is invalid. (value = 0)",
+               "Deadloop periodDelay is already inited, set periodDelay unsuccessfully.",
+               "Deadloop is already inited, set periodDelay unsuccessfully.");
   EXPECT_EQ(FrameChooseDeadloopDetectTime(), 3000U);
 }
 
 TEST(Startup, OfTwoThatSetThePeriodAtOnceOneWinsAndTheOtherIsTold) {
   for (int run = 0; run < 200 && !HasFailure(); ++run) {
-    EXPECT_TRUE(holdsInAChild([] {
+    EXPECT_TRUE(inChild([] {
       std::atomic<int> ready{0};
       std::atomic<int> accepted{0};
       const auto set = [&] {
@@ -84,9 +59,8 @@ TEST(Startup, TakesTurnsSharesItsResultAndCanBeTriedAgain) {
     second = std::thread([] { shared = FRAME_MntInit(); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(shared, 0U) << "it waits";
-#if !defined(__SANITIZE_THREAD__)  // where such a child may start no thread
-    EXPECT_TRUE(holdsInAChild([] { return FRAME_MntInit() == QURN_OK; })) << "it begins afresh";
-#endif
+    const auto beginsAfresh = [] { return FRAME_MntInit() == QURN_OK; };
+    EXPECT_TRUE(kSanitizers == "thread" || inChild(beginsAfresh));
   });
   fault::arm("TOV_DeadLoopRegCapability", EIO);
   EXPECT_EQ(FRAME_MntInit(), 0x77U);
@@ -98,16 +72,13 @@ TEST(Startup, TakesTurnsSharesItsResultAndCanBeTriedAgain) {
 
 TEST(Startup, EachStepTellsOfItsFailureOnALineOfItsOwn) {
   configure("{}");
-  const std::pair<const char*, int> failures[] = {{"TovYamlLoadFile", 0},
-                                                  {"TovYamlLoadFile", 1},
-                                                  {"TOV_DeadLoopRegCapability", 0},
-                                                  {"TOV_MemAllocF", 0},
-                                                  {"pthread_create", 0}};
-  for (const auto& [call, after] : failures) {
-    fault::arm(call, EIO, after);
-    EXPECT_NE(FRAME_MntInit(), QURN_OK) << call;
+  // How often the call succeeds before, and the call.
+  for (const char* step : {"0TovYamlLoadFile", "1TovYamlLoadFile", "0TOV_DeadLoopRegCapability",
+                           "0TOV_MemAllocF", "0pthread_create"}) {
+    fault::arm(step + 1, EIO, *step - '0');
+    EXPECT_NE(FRAME_MntInit(), QURN_OK) << step;
   }
-  EXPECT_EQ(recorded::sourceLines("unsuccessfully, ret="), std::size(failures));
+  EXPECT_EQ(recorded::sourceLines("unsuccessfully, ret="), 5U);
   EXPECT_EQ(recorded::count("cannot get yaml handle. (path = " + testing::TempDir() + "/qurn"), 2U);
 }
 
@@ -137,9 +108,9 @@ TEST(DetectionThread, GivesBackWhatOthersRegisteredWhenItsSetUpFails) {
   FrameSetDeadloopPeriodDelay(1000);
   fault::onStrike([] {
     epoll_event event{};
-    EXPECT_EQ(FRAME_MntRegSetAndEventProc("set", FrameTimerEventProc, nullptr), QURN_OK);
-    EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event), QURN_OK);
-    EXPECT_EQ(FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event), QURN_OK);
+    EXPECT_CODES(Codes(3, 0), FRAME_MntRegSetAndEventProc("set", FrameTimerEventProc, nullptr),
+                 FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event),
+                 FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event));
   });
   fault::arm("timerfd_create", EMFILE);
   onThread("set-up", [] { FrameDeadloopTaskProcEntry(nullptr); });

@@ -1,27 +1,21 @@
-// What fuzz targets share: the entry that the fuzzer calls, a reader of its bytes, and a demand
-// that stops it.
+// What fuzz targets share: the entry that the fuzzer calls, a reader of its bytes, and assertions
+// that stop it. For the one source of a program.
 #pragma once
 
 #include <sys/mman.h>
 #include <unistd.h>
 
+#undef NDEBUG  // whose demands stop the fuzzer
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-
-#define DEMAND(condition)                                                          \
-  do {                                                                             \
-    if (!(condition)) {                                                            \
-      std::fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition); \
-      std::abort();                                                                \
-    }                                                                              \
-  } while (false)
 
 class Bytes {
  public:
@@ -37,12 +31,7 @@ class Bytes {
     return value;
   }
   // All that is left, in memory that ends with it.
-  std::vector<char> text() {
-    std::vector<char> all(data_, data_ + rest_);
-    rest_ = 0;
-    all.shrink_to_fit();
-    return all;
-  }
+  std::vector<char> text() { return {data_, data_ + std::exchange(rest_, 0)}; }
   // All that is left up to a NUL.
   std::string string() {
     const std::vector<char> all = text();
@@ -54,10 +43,17 @@ class Bytes {
   size_t rest_;
 };
 
+// What a target does with an input.
+void tryInput(Bytes bytes);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  tryInput(Bytes(data, size));
+  return 0;
+}
+
 // A readable file with this content, as a path; one at a time.
 inline std::string fileWith(const std::vector<char>& content) {
   static const int fd = memfd_create("fuzz", 0);
-  DEMAND(ftruncate(fd, 0) == 0);
-  DEMAND(pwrite(fd, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()));
+  assert(ftruncate(fd, 0) == 0);
+  assert(pwrite(fd, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()));
   return "/proc/self/fd/" + std::to_string(fd);
 }

@@ -1,6 +1,5 @@
 // The reader of reports: whatever a log holds, it is told without harm to the terminal, and as
 // JSON.
-#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -8,16 +7,16 @@
 #include "../../tools/report/output.h"
 #include "fuzz_target.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::istringstream log(std::string(data, data + size));
+void tryInput(Bytes bytes) {
+  const std::vector<char> bytesOfLog = bytes.text();
+  std::istringstream log(std::string(bytesOfLog.begin(), bytesOfLog.end()));
   const auto loops = qurn::report::readLog(log);
   std::ostringstream text;
   qurn::report::writeText(text, loops, false);
   const std::string shown = text.str();
-  DEMAND(std::none_of(shown.begin(), shown.end(),
+  assert(std::none_of(shown.begin(), shown.end(),
                       [](unsigned char c) { return (c < ' ' && c != '\n') || c == 0x7F; }));
   std::ostringstream json;
   qurn::report::writeJson(json, loops);
-  DEMAND(nlohmann::json::parse(json.str()).size() == loops.size());
-  return 0;
+  assert(nlohmann::json::parse(json.str()).size() == loops.size());
 }

@@ -18,10 +18,9 @@ bool strikes(const char* call, const void* caller = __builtin_return_address(0))
 int calls(const char* call);
 
 // The call of this number that the library makes from now on, of whatever kind, counted from 1,
-// fails with EIO.
-void sweep(uint32_t number);
-// Ends that. Returns what failed, null when the library made fewer calls.
-const char* endSweep();
+// fails with EIO; none for 0. Returns what failed so before, null when the library made fewer
+// calls.
+const char* sweep(int number);
 
 // Before the library is loaded a test can only speak through the environment: "AFTER:CALL".
 constexpr char kAtLoadVariable[] = "QURN_TEST_FAIL_AT_LOAD";

@@ -3,11 +3,7 @@
 
 #include <qurnadapt/monitor.h>
 
-#include <algorithm>
-#include <array>
 #include <csignal>
-#include <cstdint>
-#include <string>
 
 #include "pretended_threads.h"
 

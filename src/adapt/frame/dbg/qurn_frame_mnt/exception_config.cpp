@@ -37,7 +37,7 @@ uint32_t ignoreSignal(const char* sigName) noexcept {
     MNT_LOG(TOV_LOG_ERROR, "Signal ignore operation, sigName invalid. (sigName = %s)", sigName);
     return QURN_INVALID_ARGUMENT;
   }
-  qurn::mnt::bindForSignals(FrameSignalIgnoreFunc, 0, nullptr, nullptr);
+  qurn::mnt::bindForSignals(FrameSignalIgnoreFunc, 0U, nullptr, nullptr);
   if (const uint32_t ret = KEM_SigcapHandleReg(sigId, FrameSignalIgnoreFunc); ret != QURN_OK) {
     MNT_LOG(TOV_LOG_ERROR, "Signal ignore operation, kem reg unsuccessfully. (ret = %u)", ret);
     return QURN_FAILED;
