@@ -150,7 +150,7 @@ TEST_F(DetectionPass, HooksRunBetweenHeartbeatsAndTheThreadsMayUseTheWholeMonito
             (Texts{"beat", "beat", "thread 2500", "beat", "process 2500 1", "beat"}));
   Frame_RegDeadloopInfoHook(stuck.slot(), useTheMonitorInAHook);
   stuck.interrupt();
-  ASSERT_TRUE(isCaptured());
+  ASSERT_TRUE(eventually(isCaptured));
   recorded::forget();
   FrameWriteDeadloopInfo();
   EXPECT_EQ(recorded::events(), (Texts{"beat", "beat"})) << "no second action for the one event";

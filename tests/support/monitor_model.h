@@ -31,6 +31,8 @@ struct MonitorModel {
   uint64_t fatalSlot = 0;
   uint32_t fatalElapsed = 0;
   uint32_t signalledTid = 0;
+  int64_t signalledAt = 0;
+  int passesSince = 0;
   bool warningHook = false;
   bool processHook = false;
   std::string said;  // lines, and what hooks were told
@@ -156,6 +158,8 @@ struct MonitorModel {
     fatalSlot = static_cast<uint64_t>(&node - nodes.data());
     fatalElapsed = static_cast<uint32_t>(elapsed);
     signalledTid = tid;
+    signalledAt = world.now;
+    passesSince = 0;
     return true;
   }
 
@@ -166,8 +170,14 @@ struct MonitorModel {
     } else if (state == State::kSignalled) {
       // A thread that was to be captured and is there no more sets the monitor free again.
       Node& node = nodes[fatalSlot];
-      if (node.thread.tid == signalledTid ? isReleased(node) : isEnded(signalledTid)) {
+      const bool registered = node.thread.tid == signalledTid;
+      ++passesSince;
+      if (registered ? isReleased(node) : isEnded(signalledTid)) {
         state = State::kIdle;
+      } else if (registered && passesSince >= 10 && world.now - signalledAt >= 10000) {
+        said += line("100 Dead-loop signal not handled, detection suspended. (task [%s:%u])\n",
+                     node.thread.name.c_str(), signalledTid);
+        passesSince = std::numeric_limits<int>::min();  // once
       }
     }
   }
