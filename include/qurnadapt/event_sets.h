@@ -39,10 +39,10 @@ QURN_API uint32_t FRAME_MntRegSetAndEventProc(const char* setName, FrameMntEvent
  * overwritten with a record of the library's, and a mask of 0 becomes EPOLLIN | EPOLLET, once there
  * is a record; data.ptr is null after epoll_ctl has failed. Take a descriptor out with
  * EPOLL_CTL_DEL before closing it: that also releases its record. (Where a duplicate keeps a closed
- * descriptor alive and its number is registered anew, a record may stay until the clean-up.) An event that the loop has
- * fetched by then is still handed to the set, so its param must outlive that. Returns 0, or
- * 0xFFFFFFFF while the loop does not exist, for a name that does not fit, without memory, or when
- * epoll_ctl fails. Thread-safe. */
+ * descriptor alive and its number is registered anew, a record may stay until the clean-up.) An
+ * event that the loop has fetched by then is still handed to the set, so its param must outlive
+ * that. Returns 0, or 0xFFFFFFFF while the loop does not exist, for a name that does not fit,
+ * without memory, or when epoll_ctl fails. Thread-safe. */
 QURN_API uint32_t FRAME_MntEpollCtl(const char* setName, int32_t op, int32_t fd,
                                     struct epoll_event* event);
 

@@ -59,8 +59,8 @@ typedef struct FrameMonitorTaskInfo {
  * handle. A thread that registers again keeps its slot, hook, policy and switch, and starts its
  * silence and its thresholds anew. Returns 0, 2 for a null handle or bad thresholds, 0xFFFFFFFF
  * when the monitor is not initialised or all 64 slots are taken. On success the calling thread's
- * signal mask lets SIGRTMIN + 2 through, so that the thread can be captured; no other signal changes.
- * Thread-safe; waits for a running pass. */
+ * signal mask lets SIGRTMIN + 2 through, so that the thread can be captured; no other signal
+ * changes. Thread-safe; waits for a running pass. */
 QURN_API uint32_t Frame_SetHeartbeatToMon(FrameDeadloopHandle* handle, uint32_t firstThreshold,
                                           uint32_t secondThreshold, uint32_t thirdThreshold);
 

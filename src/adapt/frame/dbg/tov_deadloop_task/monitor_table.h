@@ -44,11 +44,12 @@ struct FrameTaskDeadloopCtrl {
   // The thread that runs a pass, and the node that it handles and has locked.
   std::atomic<pthread_t> passThread;
   std::atomic<const FrameDeadloopMonitorNode*> handledNode;
-  // 1 while a registration or a stop holds stCtrlLock. On a line of its own, which every heartbeat
-  // reads and which is written at registrations and stops alone.
-  alignas(64) std::atomic<uint32_t> changing;
+  // 1 while a registration or a stop holds stCtrlLock. Every heartbeat reads it, so it lies among
+  // what is seldom written, away from the lock itself.
+  std::atomic<uint32_t> changing;
   FrameDeadloopMonitorNode astNode[FRAME_MONITOR_CAPACITY];
 };
+static_assert(offsetof(FrameTaskDeadloopCtrl, changing) >= 64);
 static_assert(offsetof(FrameMonitorTaskInfo, uiTid) == 4);
 static_assert(offsetof(FrameMonitorTaskInfo, ulThreadId) == 8);
 static_assert(offsetof(FrameMonitorTaskInfo, uiFirstThreshold) == 16);
