@@ -39,7 +39,7 @@ Program hardCase(const std::string& arguments, size_t count, const std::string& 
     }
     const bool painted = arguments.find("end_of_stack") == std::string::npos;
     // A walk that meets a fault takes a second signal frame.
-    const bool faults = arguments.find("smashed_frame") != std::string::npos;
+    const bool faults = arguments.find("smashed_") != std::string::npos;
     expectSafeHandler(output, std::max(count, size_t{1}), painted ? 1001 : 0,
                       kMostHandlerStack * (faults ? 2 : 1));
   };

@@ -136,6 +136,30 @@ TEST(Tick, ReportsKeepAliveThenPassesThenChecksForExit) {
   EXPECT_EQ(recorded::count("trigger first threshold timeout"), 1U);
 }
 
+// As after a stop of the process; the guard gets its heartbeats meanwhile.
+TEST(Tick, GivesThreadsTheTimeByWhichItIsLateBeforeItJudgesThem) {
+  frozen_clock::start();
+  ASSERT_EQ(FrameSetDeadloopPeriodDelay(100), QURN_OK);
+  ASSERT_EQ(FRAME_KeepAliveProcSet(
+                400, [](void*) { return recorded::note("keep-alive"), 0U; }, nullptr),
+            QURN_OK);
+  const auto tickAfter = [](int64_t milliseconds) {
+    frozen_clock::advance(milliseconds);
+    recorded::forget();
+    FrameDeadloopDetectCallback(nullptr);
+    return recorded::events();
+  };
+  const std::string kept = "keep-alive";
+  const std::string over = "exit check";
+  EXPECT_EQ(tickAfter(5000), (Texts{kept, over})) << "the first tick is never late";
+  EXPECT_EQ(tickAfter(120), Texts{over}) << "usual";
+  EXPECT_EQ(tickAfter(121), (Texts{"asleep for 21", over}));
+  EXPECT_EQ(tickAfter(60'000),
+            (Texts{kept, "asleep for 400", kept, "asleep for 400", kept, "asleep for 200", over}))
+      << "a second at most";
+  EXPECT_EQ(tickAfter(100), Texts{over}) << "in time again";
+}
+
 TEST(IgnoredSignals, NoLongerDisturbTheProcessUpToTheFirstBadEntry) {
   const std::string bad = "Signal ignore operation, signame not support ignore. (sigName = ";
   const std::string empty = "Signal ignore operation, signame empty.";

@@ -29,7 +29,8 @@ constexpr char kAtLoadVariable[] = "QURN_TEST_FAIL_AT_LOAD";
 
 namespace frozen_clock {
 
-// CLOCK_MONOTONIC_COARSE stands at this time, far from its origin, until it is advanced.
+// CLOCK_MONOTONIC_COARSE stands at this time, far from its origin, until it is advanced; a
+// nanosleep takes no other time than that, and is noted as an event.
 void start();
 void advance(int64_t milliseconds);
 

@@ -330,6 +330,14 @@ INTERPOSE(
       return 0;
     })
 
+INTERPOSE(
+    int, nanosleep, (const timespec* span, timespec* rest), (span, rest), if (g_frozenMs >= 0) {
+      const int64_t ms = span->tv_sec * 1000 + span->tv_nsec / 1'000'000;
+      frozen_clock::advance(ms);
+      recorded::note("asleep for " + std::to_string(ms));
+      return 0;
+    })
+
 INTERPOSE(char**, backtrace_symbols, (void* const* addresses, int count), (addresses, count),
           if (fault::strikes("backtrace_symbols")) return nullptr;
           if (g_symbolLine != nullptr) return linesOfSymbol();)

@@ -244,8 +244,9 @@ void FRAME_MntDispatch(void) {
       MNT_LOG(TOV_LOG_ERROR, "Epoll wait unsuccessfully. (errno = %d)", errno);
     }
     for (int i = 0; i < count; ++i) {
-      if ((events[i].events & EPOLLIN) != 0) {
-        FrameMntEventProcBySet(&events[i]);
+      // A copy: the function may write to it, and the batch's end needs what was fetched.
+      if (epoll_event event = events[i]; (event.events & EPOLLIN) != 0) {
+        FrameMntEventProcBySet(&event);
       }
     }
     qurn::mnt::endBatch(events, count);

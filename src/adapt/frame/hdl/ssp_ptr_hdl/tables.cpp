@@ -115,7 +115,7 @@ constinit std::atomic<pthread_t> g_forker{0};
 // Whoever went in before the forks were announced is seen by now, on whatever processor it runs.
 void announceFork() noexcept {
   ++g_tableUse.forks;
-  if (syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0) {
+  if (g_pTblLock != 0 && syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0) {
     qurn::sleepAMillisecond();
   }
 }
@@ -134,8 +134,8 @@ bool waitUntilEmpty() noexcept {
 // cannot be waited for keeps the lock, as does the one that forks.
 void holdTables() noexcept {
   g_moduleMutex.beforeFork();
+  announceFork();
   if (g_pTblLock != 0) {
-    announceFork();
     if (g_tableUse.thread.load() != pthread_self() && waitUntilEmpty() &&
         KEM_MutexLock(&g_pTblLock) == QURN_OK) {
       g_forker = pthread_self();
@@ -151,10 +151,8 @@ bool letTablesGo() noexcept {
 
 void releaseTables() noexcept {
   g_leftovers.mutex().afterForkInParent();
-  if (g_pTblLock != 0) {
-    letTablesGo();
-    --g_tableUse.forks;
-  }
+  letTablesGo();
+  --g_tableUse.forks;  // even if the module came or went meanwhile
   g_moduleMutex.afterForkInParent();
 }
 
