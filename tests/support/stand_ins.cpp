@@ -331,7 +331,8 @@ INTERPOSE(
     })
 
 INTERPOSE(
-    int, nanosleep, (const timespec* span, timespec* rest), (span, rest), if (g_frozenMs >= 0) {
+    int, nanosleep, (const timespec* span, timespec* rest), (span, rest),
+    if (g_frozenMs >= 0 && isLibraryCode(__builtin_return_address(0))) {
       const int64_t ms = span->tv_sec * 1000 + span->tv_nsec / 1'000'000;
       frozen_clock::advance(ms);
       recorded::note("asleep for " + std::to_string(ms));
