@@ -138,6 +138,36 @@ TEST_F(EventSets, ARecordOfANumberUsedTwiceIsReleasedWhenTheKernelTellsWhichOneW
   EXPECT_TRUE(eventually([] { return seen.calls == 1; }));
 }
 
+TEST_F(EventSets, NumbersUsedTwiceAreSettledForMostOfThemAtOnce) {
+  constexpr size_t kNumbers = 300;
+  std::vector<int> numbers(kNumbers);
+  for (int& fd : numbers) {
+    fd = eventfd(0, EFD_NONBLOCK);
+    epoll_event event{EPOLLIN, {}};
+    ASSERT_EQ(FRAME_MntEpollCtl("older", EPOLL_CTL_ADD, fd, &event), QURN_OK);
+    ASSERT_TRUE(dup(fd) >= 0 && dup2(fd_, fd) == fd);
+    ASSERT_EQ(FRAME_MntEpollCtl("newer", EPOLL_CTL_ADD, fd, &event), QURN_OK);
+  }
+  for (const int fd : numbers) {
+    ASSERT_EQ(FRAME_MntEpollCtl("newer", EPOLL_CTL_DEL, fd, nullptr), QURN_OK);
+    EXPECT_GE(recorded::blocksHeld() - held_, kNumbers);
+  }
+  EXPECT_LE(recorded::blocksHeld() - held_, kNumbers + kNumbers / 10);
+}
+
+TEST_F(EventSets, AFunctionMayUseItsEventToRemoveTheDescriptor) {
+  static std::atomic<uint32_t> answer{QURN_FAILED};
+  static const int fd = fd_;
+  const auto remove = [](epoll_event* event, void*) -> uint32_t {
+    return answer = FRAME_MntEpollCtl("set", EPOLL_CTL_DEL, fd, event);
+  };
+  ASSERT_EQ(FRAME_MntRegSetAndEventProc("set", remove, nullptr), QURN_OK);
+  held_ = recorded::blocksHeld();
+  ASSERT_EQ(change(EPOLL_CTL_ADD), QURN_OK);
+  eventfd_write(fd_, 1);
+  EXPECT_TRUE(eventually([this] { return answer == QURN_OK && recorded::blocksHeld() == held_; }));
+}
+
 // The sanitizers see a record that is released under the dispatcher's hands.
 TEST_F(EventSets, DescriptorsMayChangeWhileTheirEventsAreBeingDispatched) {
   static std::atomic<int> calls{0};

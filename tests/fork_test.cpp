@@ -1,11 +1,15 @@
 // Forks while the monitor runs and every lock of the library and its platform may be held: the
 // child goes on, is not reported, and can start up anew.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <qurnadapt/qurnadapt.h>
 #include <sys/epoll.h>
+#include <sys/single_threaded.h>
+#include <sys/time.h>
 #include <tovplatform/stand_in.h>
 
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <semaphore>
 #include <string>
@@ -154,6 +158,30 @@ bool startsAnew() {
   return good;
 }
 
+// Also of a fork, in which the handler may use the tables. With a second thread the C library
+// itself would hang: it holds the allocator's locks meanwhile.
+TEST(ForkOfOneThread, FromAHandlerAtAnyMomentTheChildGoesOn) {
+  if (__libc_single_threaded == 0) {
+    GTEST_SKIP();
+  }
+  static std::atomic<int> forks{0};
+  ASSERT_NE(nbb_handle_initialize(), 0U);
+  g_oldHandle = nbb_create_handle(&g_oldHandle);
+  signal(SIGPROF, [](int) {
+    const bool isWhole = forks < 100 || nbb_validate_handle(g_oldHandle) != nullptr;
+    g_isGood = inChild(findsTablesWhole) && isWhole && (g_isGood || forks == 0);
+    ++forks;
+  });
+  const itimerval soon{{}, {0, 500}};
+  while (forks < 200) {
+    setitimer(ITIMER_PROF, &soon, nullptr);
+    for (const int done = forks; done == forks;) {
+      forks < 100 ? nbb_validate_handle(g_oldHandle) != nullptr : inChild([] { return true; });
+    }
+  }
+  EXPECT_TRUE(g_isGood);
+}
+
 class Fork : public testing::Test {
  protected:
   void SetUp() override {
@@ -206,6 +234,20 @@ TEST_F(Fork, BesideAThreadThatNeverLeavesATableTheChildGoesOn) {
       return inChild(isGood);
     }));
   }
+}
+
+// Its line does not fit into what standard error leads to.
+TEST_F(Fork, BesideAThreadThatNeverEndsItsLogLineTheChildGoesOn) {
+  EXPECT_TRUE(inChild([] {
+    int ends[2];
+    const bool isFull = pipe2(ends, O_NONBLOCK) == 0 && dup2(ends[1], STDERR_FILENO) > 0 &&
+                        write(ends[1], std::string(1U << 20U, '.').data(), 1U << 20U) > 0;
+    fcntl(ends[1], F_SETFL, 0);
+    std::thread([] { ZotKemLogPrint("for good"); }).detach();
+    usleep(50000);
+    return isFull &&
+           inChild([] { return dup2(open("/dev/null", O_WRONLY), 2) == 2 && useEverything(); });
+  }));
 }
 
 TEST_F(Fork, FromWithinATableOrTheLogTheChildGoesOn) {

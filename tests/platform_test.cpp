@@ -1,5 +1,6 @@
 // The stand-in platform on its own, beyond what the library's tests and the fuzz targets use of it.
 #include <qurnadapt/qurnadapt.h>
+#include <sys/mman.h>
 #include <tovplatform/stand_in.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <thread>
 
 #include "internal/machine_context.h"
+#include "support/in_child.h"
 #include "support/run_program.h"
 
 namespace {
@@ -104,40 +106,90 @@ TEST(CallStack, SurvivesGarbageRegisters) {
   }
 }
 
-sigjmp_buf g_backInTheWorker;
-volatile int* volatile g_nowhere = nullptr;
-int g_faults = 0;
+// A walk is going on nearly all the time; what this thread does meanwhile is none of its business.
+class BesideWalks : public testing::Test {
+ protected:
+  BesideWalks() { setHandler(recover); }
 
-// Another thread's faults, while this one walks, are its own handler's.
-TEST(CallStack, LeavesOtherThreadsFaultsToTheirHandler) {
-  struct sigaction own {};
-  own.sa_handler = [](int) {
+  static void setHandler(void (*handler)(int), int flags = 0) {
+    struct sigaction own {};
+    own.sa_handler = handler;
+    own.sa_flags = flags;
+    sigaction(SIGSEGV, &own, nullptr);
+  }
+  static struct sigaction current() {
+    struct sigaction now {};
+    sigaction(SIGSEGV, nullptr, &now);
+    return now;
+  }
+  static void recover(int) {
     ++g_faults;
-    siglongjmp(g_backInTheWorker, 1);
-  };
-  sigaction(SIGSEGV, &own, nullptr);
-  std::atomic<bool> stop{false};
-  std::atomic<int> done{0};
-  std::thread worker([&] {
-    for (; !stop; ++done) {
-      if (sigsetjmp(g_backInTheWorker, 1) == 0) {
-        *g_nowhere = 1;
+    siglongjmp(g_back, 1);
+  }
+  static void fault() {
+    static volatile int* volatile nowhere = nullptr;
+    *nowhere = 1;
+  }
+  // Whether each fault has reached the handler that recovers.
+  static bool recovers(int faults) {
+    g_faults = 0;
+    for (g_done = 0; g_done < faults; ++g_done) {
+      if (sigsetjmp(g_back, 1) == 0) {
+        fault();
       }
     }
-  });
-  for (int walk = 0; walk < 2000 || done < 2000; ++walk) {
-    uint64_t addresses[20];
-    uint32_t depth = 0;
-    ucontext_t context;
-    getcontext(&context);
-    EXPECT_EQ(KEM_ExceptCallStackGetEx(&context, 20, 0, addresses, &depth), QURN_OK);
+    return g_faults == faults;
   }
-  stop = true;
-  worker.join();
-  EXPECT_EQ(g_faults, done);
-  struct sigaction now {};
-  sigaction(SIGSEGV, nullptr, &now);
-  EXPECT_EQ(now.sa_handler, own.sa_handler);
+
+  static inline sigjmp_buf g_back{};
+  static inline int g_faults = 0;
+  static inline int g_done = 0;
+  static inline struct sigaction g_chained {};
+  static void walk(const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      uint64_t addresses[20];
+      uint32_t depth = 0;
+      ucontext_t context;
+      getcontext(&context);
+      EXPECT_EQ(KEM_ExceptCallStackGetEx(&context, 20, 0, addresses, &depth), QURN_OK);
+    }
+  }
+  std::jthread walker_{walk};
+};
+
+TEST_F(BesideWalks, FaultsReachTheirHandlerAndSoTheyDoThroughOneThatHandsOn) {
+  EXPECT_TRUE(recovers(2000));
+  while (current().sa_handler == recover) {
+  }
+  struct sigaction handingOn {};
+  handingOn.sa_flags = SA_SIGINFO;
+  handingOn.sa_sigaction = [](int sig, siginfo_t* info, void* context) {
+    (g_chained.sa_flags & SA_SIGINFO) != 0 ? g_chained.sa_sigaction(sig, info, context)
+                                           : g_chained.sa_handler(sig);
+  };
+  sigaction(SIGSEGV, &handingOn, &g_chained);
+  EXPECT_TRUE(recovers(2000));
+  walker_ = {};
+  EXPECT_EQ(current().sa_sigaction, handingOn.sa_sigaction);
+}
+
+TEST_F(BesideWalks, AChildHasItsOwnHandlersAndOneThatIsToRunOnceRunsOnce) {
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_TRUE(inChild([] { return current().sa_handler == recover; }));
+  }
+  static std::atomic<int>& runs = *static_cast<std::atomic<int>*>(
+      mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  for (int i = 0; kThreadsInChild && i < 20; ++i) {
+    runs = 0;
+    EXPECT_FALSE(inChild([] {
+      setHandler([](int) { ++runs; }, static_cast<int>(SA_RESETHAND | SA_NODEFER));
+      const std::jthread walker(walk);
+      usleep(1000);
+      fault();
+      return true;
+    }));
+    EXPECT_TRUE(runs == 1 || runs == 2) << runs << ", the second just when a walk ended";
+  }
 }
 
 TEST(StackBounds, AreThoseOfTheCallersStack) {

@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <csetjmp>
@@ -12,34 +13,66 @@
 namespace tov {
 namespace {
 
+using Action = struct sigaction;
+
+// What the process has for a signal.
+struct Theirs {
+  Action action;
+  std::atomic<bool> isSpent;  // it asked to be run once, and was
+};
+
+// A handler that is set during a walk may hand on to ours, and be what ours hands on to in the next
+// walk: each time the process has changed its mind, another function of ours stands for what was
+// there before.
+constexpr size_t kGenerations = 4;
+
 struct Guarded {
   int sig;
-  struct sigaction before;  // what the process has for it
+  size_t generation;
+  std::array<Theirs, kGenerations> theirs;
   std::atomic<bool> isHeldBack;
   siginfo_t heldBack;  // sent by somebody while the walk went on: no fault
 };
 
-constinit std::array<Guarded, 2> g_signals{{{SIGSEGV, {}, {}, {}}, {SIGBUS, {}, {}, {}}}};
-constinit std::atomic<pthread_t> g_walker{0};
+constinit std::array<Guarded, 2> g_signals{{{SIGSEGV, 0, {}, {}, {}}, {SIGBUS, 0, {}, {}, {}}}};
+constinit std::atomic<pid_t> g_walker{0};
 constinit std::atomic<bool> g_isArmed{false};  // the way out below is known
 constinit sigjmp_buf g_wayOut{};
 constinit sigset_t g_maskBefore{};  // of the walking thread
 
+pid_t ownTid() noexcept { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
 bool isFault(const siginfo_t& info) noexcept { return info.si_code > 0; }
 
 void sendAgain(const Guarded& signal, siginfo_t& info) noexcept {
-  syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), signal.sig, &info);
+  syscall(SYS_rt_tgsigqueueinfo, getpid(), ownTid(), signal.sig, &info);
+}
+
+// The process has the handler back at the moment at which ours runs it.
+void dropIfSpent(const Guarded& signal, const Theirs& theirs) noexcept {
+  Action action{};
+  sigaction(signal.sig, nullptr, &action);
+  if (theirs.isSpent && action.sa_sigaction == theirs.action.sa_sigaction) {
+    action = {};
+    sigaction(signal.sig, &action, nullptr);
+  }
 }
 
 // As if ours were not there. Without a handler the fault happens again once this one has returned.
-void handOn(Guarded& signal, siginfo_t& info, void* context) noexcept {
-  const struct sigaction before = signal.before;
-  if ((before.sa_flags & SA_SIGINFO) != 0) {
-    before.sa_sigaction(signal.sig, &info, context);
-  } else if (before.sa_handler != SIG_DFL && before.sa_handler != SIG_IGN) {
-    before.sa_handler(signal.sig);
-  } else if (isFault(info) || before.sa_handler == SIG_DFL) {
-    struct sigaction standard {};
+void handOn(Guarded& signal, Theirs& theirs, siginfo_t& info, void* context) noexcept {
+  Action action = theirs.action;
+  if ((static_cast<unsigned>(action.sa_flags) & SA_RESETHAND) != 0) {
+    if (theirs.isSpent.exchange(true)) {
+      action = {};
+    }
+    dropIfSpent(signal, theirs);
+  }
+  if ((action.sa_flags & SA_SIGINFO) != 0) {
+    action.sa_sigaction(signal.sig, &info, context);
+  } else if (action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN) {
+    action.sa_handler(signal.sig);
+  } else if (isFault(info) || action.sa_handler == SIG_DFL) {
+    const Action standard{};
     sigaction(signal.sig, &standard, nullptr);
     if (!isFault(info)) {
       sendAgain(signal, info);
@@ -47,10 +80,11 @@ void handOn(Guarded& signal, siginfo_t& info, void* context) noexcept {
   }
 }
 
+template <size_t generation>
 void onSignal(int sig, siginfo_t* info, void* context) {
   Guarded& signal = sig == g_signals[0].sig ? g_signals[0] : g_signals[1];
-  if (g_walker != pthread_self() || !g_isArmed) {
-    handOn(signal, *info, context);
+  if (!g_isArmed || g_walker != ownTid()) {
+    handOn(signal, signal.theirs[generation], *info, context);
   } else if (isFault(*info)) {
     siglongjmp(g_wayOut, 1);
   } else {
@@ -59,23 +93,52 @@ void onSignal(int sig, siginfo_t* info, void* context) {
   }
 }
 
+constexpr std::array kOurs{onSignal<0>, onSignal<1>, onSignal<2>, onSignal<3>};
+static_assert(kOurs.size() == kGenerations);
+
+// What one of ours stands for, else null.
+Theirs* theirsBehind(Guarded& signal, const Action& action) noexcept {
+  const auto* const ours = std::find(kOurs.begin(), kOurs.end(), action.sa_sigaction);
+  return (action.sa_flags & SA_SIGINFO) != 0 && ours != kOurs.end()
+             ? &signal.theirs[static_cast<size_t>(ours - kOurs.begin())]
+             : nullptr;
+}
+
 void putOursInPlace() noexcept {
   for (Guarded& signal : g_signals) {
-    sigaction(signal.sig, nullptr, &signal.before);
-    struct sigaction ours = signal.before;
-    ours.sa_sigaction = onSignal;
-    ours.sa_flags = SA_SIGINFO | SA_ONSTACK | (signal.before.sa_flags & (SA_NODEFER | SA_RESTART));
-    sigaction(signal.sig, &ours, nullptr);
+    Action action{};
+    sigaction(signal.sig, nullptr, &action);
+    if (theirsBehind(signal, action) != nullptr) {  // of a walk that never ended
+      continue;
+    }
+    if (action.sa_sigaction != signal.theirs[signal.generation].action.sa_sigaction) {
+      signal.generation = (signal.generation + 1) % kGenerations;
+    }
+    Theirs& theirs = signal.theirs[signal.generation];
+    theirs.action = action;
+    theirs.isSpent = false;
+    action.sa_sigaction = kOurs[signal.generation];
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | (action.sa_flags & (SA_NODEFER | SA_RESTART));
+    Action replaced{};
+    sigaction(signal.sig, &action, &replaced);
+    if (replaced.sa_sigaction != theirs.action.sa_sigaction) {  // set this very moment
+      theirs.action = replaced;
+    }
   }
 }
 
-// Another thread may have set a handler of its own meanwhile.
+// Another thread may have set a handler of its own meanwhile, or do so this very moment.
 void putTheirsBack() noexcept {
   for (Guarded& signal : g_signals) {
-    struct sigaction now {};
-    sigaction(signal.sig, nullptr, &now);
-    if ((now.sa_flags & SA_SIGINFO) != 0 && now.sa_sigaction == onSignal) {
-      sigaction(signal.sig, &signal.before, nullptr);
+    Action action{};
+    sigaction(signal.sig, nullptr, &action);
+    if (const Theirs* theirs = theirsBehind(signal, action); theirs != nullptr) {
+      const Action back = theirs->isSpent ? Action{} : theirs->action;
+      sigaction(signal.sig, &back, &action);
+      if (theirsBehind(signal, action) == nullptr) {
+        sigaction(signal.sig, &action, nullptr);
+      }
+      dropIfSpent(signal, *theirs);
     }
   }
 }
@@ -97,11 +160,33 @@ void sendWhatWasHeldBack() noexcept {
   }
 }
 
+// A thread may have ended in its walk, by a call that nobody can hinder.
+bool becomeWalker() noexcept {
+  pid_t walker = g_walker;
+  return (walker == 0 || tgkill(getpid(), walker, 0) != 0) &&
+         g_walker.compare_exchange_strong(walker, ownTid());
+}
+
+void disarm() noexcept {
+  g_isArmed = false;
+  putTheirsBack();
+}
+
+// The child has no walk to come back to, be it another thread's or one that a handler interrupted.
+// Its handlers were copied a moment before its memory, from which the walk may have gone meanwhile.
+void endWalkInChild() noexcept {
+  disarm();
+  g_walker = 0;
+}
+
+__attribute__((constructor)) void watchForks() noexcept {
+  static_cast<void>(pthread_atfork(nullptr, nullptr, endWalkInChild));
+}
+
 }  // namespace
 
 bool surviveFaults(void (*walk)(void*), void* argument) noexcept {
-  pthread_t nobody = 0;
-  if (!g_walker.compare_exchange_strong(nobody, pthread_self())) {
+  if (!becomeWalker()) {
     walk(argument);
     return true;
   }
@@ -112,8 +197,7 @@ bool surviveFaults(void (*walk)(void*), void* argument) noexcept {
     openSignals();
     walk(argument);
   }
-  g_isArmed = false;
-  putTheirsBack();
+  disarm();
   pthread_sigmask(SIG_SETMASK, &g_maskBefore, nullptr);
   sendWhatWasHeldBack();
   g_walker = 0;

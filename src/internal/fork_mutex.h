@@ -13,14 +13,28 @@
 
 namespace qurn {
 
-// How long a fork waits for a lock: asked again every millisecond.
-inline constexpr int kForkPatienceMs = 100;
-
 inline void sleepAMillisecond() noexcept {
   const Uncancellable uncancellable;
   const timespec millisecond{0, 1'000'000};
   nanosleep(&millisecond, nullptr);
 }
+
+// How long one of a fork's handlers waits, for whatever it waits.
+class ForkPatience {
+ public:
+  // Returns false, at once, when the time is over.
+  bool waitAMillisecond() noexcept {
+    if (leftMs_ == 0) {
+      return false;
+    }
+    --leftMs_;
+    sleepAMillisecond();
+    return true;
+  }
+
+ private:
+  int leftMs_ = 100;
+};
 
 class ForkMutex {
  public:
@@ -33,17 +47,26 @@ class ForkMutex {
     pthread_mutex_unlock(&mutex_);
   }
 
-  void beforeFork() noexcept {
-    if (owner_.load(std::memory_order_relaxed) == pthread_self() || !lockWithPatience()) {
-      return;
+  // From a signal handler, a thread may fork while it forks.
+  void beforeFork(ForkPatience&& patience = {}) noexcept { beforeFork(patience); }
+  void beforeFork(ForkPatience& patience) noexcept {
+    if (owner_.load(std::memory_order_relaxed) == pthread_self()) {
+      nestedForks_ += isHeldForFork() ? 1 : 0;
+    } else if (lockWithin(patience)) {
+      owner_.store(pthread_self(), std::memory_order_relaxed);
+      forker_ = pthread_self();
     }
-    owner_.store(pthread_self(), std::memory_order_relaxed);
-    forker_ = pthread_self();
   }
-  void afterForkInParent() noexcept { releaseIfHeld(); }
+  void afterForkInParent() noexcept {
+    if (isHeldForFork()) {
+      nestedForks_ == 0 ? release() : static_cast<void>(--nestedForks_);
+    }
+  }
   // Returns whether what it guards is whole.
   bool afterForkInChild() noexcept {
-    if (releaseIfHeld()) {
+    nestedForks_ = 0;
+    if (isHeldForFork()) {
+      release();
       return true;
     }
     pthread_mutex_init(&mutex_, nullptr);
@@ -53,28 +76,29 @@ class ForkMutex {
   }
 
  private:
-  bool lockWithPatience() noexcept {
-    for (int waited = 0; pthread_mutex_trylock(&mutex_) != 0; ++waited) {
-      if (waited == kForkPatienceMs) {
+  bool lockWithin(ForkPatience& patience) noexcept {
+    while (pthread_mutex_trylock(&mutex_) != 0) {
+      if (!patience.waitAMillisecond()) {
         return false;
       }
-      sleepAMillisecond();
     }
     return true;
   }
 
-  bool releaseIfHeld() noexcept {
-    if (owner_.load(std::memory_order_relaxed) != pthread_self() || forker_ != pthread_self()) {
-      return false;
-    }
+  bool isHeldForFork() const noexcept {
+    return owner_.load(std::memory_order_relaxed) == pthread_self() && forker_ == pthread_self();
+  }
+
+  void release() noexcept {
     forker_ = 0;
     unlock();
-    return true;
   }
 
   pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
   std::atomic<pthread_t> owner_{0};
-  pthread_t forker_ = 0;  // who holds it for a fork; written by the owner
+  // Written by the owner.
+  pthread_t forker_ = 0;  // who holds it for a fork
+  int nestedForks_ = 0;   // within that one
 };
 
 // MUTEX is a function that returns one.

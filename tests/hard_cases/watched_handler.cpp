@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -30,12 +31,14 @@ constexpr int kErrno = 4711;
 constinit std::atomic<Handler> g_handler{nullptr};
 constinit std::atomic<size_t> g_stackUsed{0};
 constinit std::atomic<int> g_runs{0};
+constinit std::atomic<int> g_underWay{0};
 constinit std::atomic<bool> g_painting{true};
 constinit thread_local bool t_handling = false;
 
 void forbid(const char* what) {
   if (t_handling) {
     t_handling = false;
+    --g_underWay;
     say("forbidden: ");
     say(what);
     say("\n");
@@ -63,6 +66,7 @@ __attribute__((noinline)) void runPainted(int sig, siginfo_t* info, void* contex
 void watchedHandler(int sig, siginfo_t* info, void* context) {
   const int kept = errno;
   errno = kErrno;
+  ++g_underWay;
   t_handling = true;
   (g_painting ? runPainted : g_handler.load())(sig, info, context);
   if (errno != kErrno) {
@@ -71,12 +75,17 @@ void watchedHandler(int sig, siginfo_t* info, void* context) {
   t_handling = false;
   errno = kept;
   ++g_runs;
+  --g_underWay;
 }
 
 }  // namespace
 
 void say(const char* line) { static_cast<void>(!write(STDERR_FILENO, line, strlen(line))); }
+// The report may be out, and the process ending, before the handler has returned.
 void reportHandler() {
+  while (g_underWay != 0) {
+    sched_yield();
+  }
   std::array<char, 80> line{};
   snprintf(line.data(), line.size(), "%d captures, at most %zu bytes of stack\n", g_runs.load(),
            g_stackUsed.load());

@@ -44,8 +44,8 @@ void sleepMs(int64_t milliseconds) noexcept {
 // A process that was stopped, by a signal, a debugger or with its machine, goes on with every
 // thread silent for that long. They get as long as the tick is late to send their next heartbeat,
 // and the guard gets its own meanwhile.
-void giveThreadsTime() noexcept {
-  int64_t leftMs = std::min(latenessMs(), kLongestWaitMs);
+void giveThreadsTime(int64_t lateMs) noexcept {
+  int64_t leftMs = std::min(lateMs, kLongestWaitMs);
   while (leftMs > 0) {
     const int64_t pieceMs = std::min<int64_t>(leftMs, qurn::mnt::msToNextKeepAlive());
     sleepMs(pieceMs);
@@ -61,8 +61,9 @@ void qurn::mnt::dropTickAfterFork() noexcept { g_lastTickEnd = {}; }
 extern "C" {
 
 uint32_t FrameDeadloopDetectCallback(void* /*param*/) {
+  const int64_t lateMs = latenessMs();
   FRAME_KeepAliveReport();
-  giveThreadsTime();
+  giveThreadsTime(lateMs);
   FRAME_TaskDeadloopMonitorEntry();
   FrameWriteDeadloopInfo();
   FrameRuloPluginCheckAndRepairDeadloop();

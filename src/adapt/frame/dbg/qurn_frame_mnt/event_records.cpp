@@ -7,6 +7,9 @@
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "frame_mnt.h"
@@ -35,9 +38,15 @@ struct Records {
   pthread_mutex_t lock;
   std::array<Record*, kPlaces> live;  // in the kernel's hands, as far as is known; newest first
   Record* retired;                    // no longer, but named by the batch in hand
+  uint32_t doubts;                    // changes of which it is not known what they let go
+  uint32_t listed;                    // how many records the kernel had when it was asked last
 };
 
-constinit Records g_records{PTHREAD_MUTEX_INITIALIZER, {}, nullptr};
+constinit Records g_records{PTHREAD_MUTEX_INITIALIZER, {}, nullptr, 0, 0};
+
+// Reading the kernel's list takes as long as it is. So the number of doubts that lead to it grows
+// with it; what was let go in the meantime stays until then.
+constexpr uint32_t kListedPerDoubt = 64;
 
 Record*& placeOf(int32_t fd) noexcept {
   return g_records.live[static_cast<uint32_t>(fd) % kPlaces];
@@ -54,19 +63,18 @@ void freeList(Record* list) noexcept {
   }
 }
 
-// Takes the records of a descriptor that are to go out of their place, into the list of those to be
-// freed or, where the batch in hand names them, of the retired.
+// Takes the records that are to go out of a place, into the list of those to be freed or, where the
+// batch in hand names them, of the retired.
 template <typename Goes>
-void takeOut(int32_t fd, Record*& toFree, Goes goes) noexcept {
+void takeOut(Record*& place, Record*& toFree, Goes goes) noexcept {
   Record* kept = nullptr;
-  for (Record* record = std::exchange(placeOf(fd), nullptr); record != nullptr;) {
+  for (Record* record = std::exchange(place, nullptr); record != nullptr;) {
     Record* const following = nextOf(record);
-    const bool isLeaving = record->fd == fd && goes(*record);
-    push(!isLeaving ? kept : (record->isInBatch ? g_records.retired : toFree), record);
+    push(!goes(*record) ? kept : (record->isInBatch ? g_records.retired : toFree), record);
     record = following;
   }
   while (kept != nullptr) {  // in their order again
-    push(placeOf(fd), std::exchange(kept, nextOf(kept)));
+    push(place, std::exchange(kept, nextOf(kept)));
   }
 }
 
@@ -81,42 +89,23 @@ void forEachOf(int32_t fd, Visit visit) noexcept {
 
 // ---- the kernel's own list: lines "tfd: NUMBER events: MASK data: ADDRESS ..."
 
-// Finds the hexadecimal numbers behind each "data:" in a text that comes in pieces.
-class AddressScanner {
- public:
-  template <typename Found>
-  void feed(const char* text, size_t length, Found found) noexcept {
-    for (size_t i = 0; i < length; ++i) {
-      step(text[i], found);
-    }
+void noteInKernel(const char* line) noexcept {
+  constexpr std::string_view kNumber = "tfd:";
+  constexpr std::string_view kAddress = "data:";
+  const char* data = strstr(line, kAddress.data());
+  if (data == nullptr || !std::string_view(line).starts_with(kNumber)) {
+    return;
   }
+  const auto fd = static_cast<int32_t>(strtol(line + kNumber.size(), nullptr, 10));
+  const uint64_t address = strtoull(data + kAddress.size(), nullptr, 16);
+  ++g_records.listed;
+  forEachOf(fd, [address](Record& record) {
+    record.isInKernel = record.isInKernel || reinterpret_cast<uint64_t>(&record) == address;
+  });
+}
 
- private:
-  static constexpr char kKey[] = "data:";
-
-  template <typename Found>
-  void step(char c, Found found) noexcept {
-    if (matched_ < sizeof(kKey) - 1) {
-      matched_ = c == kKey[matched_] ? matched_ + 1 : (c == kKey[0] ? 1 : 0);
-      return;
-    }
-    const bool isDigit = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-    if (isDigit) {
-      value_ = value_ * 16 + static_cast<uint64_t>(c <= '9' ? c - '0' : c - 'a' + 10);
-      hasDigits_ = true;
-    } else if (hasDigits_) {
-      found(value_);
-      *this = {};
-    }
-  }
-
-  size_t matched_ = 0;
-  uint64_t value_ = 0;
-  bool hasDigits_ = false;
-};
-
-// Notes which of the descriptor's records the kernel still has. False when it cannot be asked.
-bool askKernel(int32_t epollFd, int32_t fd) noexcept {
+// Notes which records the kernel still has. False when it cannot be asked.
+bool askKernel(int32_t epollFd) noexcept {
   char path[64] = {};
   if (snprintf_s(path, sizeof(path), "/proc/self/fdinfo/%d", epollFd) < 0) {
     return false;
@@ -125,30 +114,42 @@ bool askKernel(int32_t epollFd, int32_t fd) noexcept {
   if (!list.valid()) {
     return false;
   }
-  forEachOf(fd, [](Record& record) { record.isInKernel = false; });
-  AddressScanner scanner;
-  char text[1024];
-  ssize_t length = 0;
-  while ((length = read(list.get(), text, sizeof(text))) > 0) {
-    scanner.feed(text, static_cast<size_t>(length), [fd](uint64_t address) {
-      forEachOf(fd, [address](Record& record) {
-        record.isInKernel = record.isInKernel || reinterpret_cast<uint64_t>(&record) == address;
-      });
-    });
+  for (Record* record : g_records.live) {
+    for (; record != nullptr; record = nextOf(record)) {
+      record->isInKernel = false;
+    }
   }
-  return length == 0;
+  g_records.listed = 0;
+  char line[128];
+  size_t length = 0;
+  char text[4096];
+  ssize_t got = 0;
+  while ((got = read(list.get(), text, sizeof(text))) > 0) {
+    for (ssize_t i = 0; i < got; ++i) {
+      if (text[i] == '\n') {
+        line[std::exchange(length, 0)] = '\0';
+        noteInKernel(line);
+      } else if (length < sizeof(line) - 1) {
+        line[length++] = text[i];
+      }
+    }
+  }
+  return got == 0;
 }
 
 // The kernel has dropped or replaced a record of this descriptor. Where there are several, of
-// earlier uses of the number that duplicates may keep alive, only the kernel knows which; as long
-// as it cannot be asked, they stay until the clean-up.
+// earlier uses of the number that duplicates may keep alive, only the kernel knows which.
 void retireReplaced(int32_t epollFd, int32_t fd, Record*& toFree) noexcept {
   uint32_t count = 0;
   forEachOf(fd, [&count](const Record&) { ++count; });
   if (count == 1) {
-    takeOut(fd, toFree, [](const Record&) { return true; });
-  } else if (count > 1 && askKernel(epollFd, fd)) {
-    takeOut(fd, toFree, [](const Record& record) { return !record.isInKernel; });
+    takeOut(placeOf(fd), toFree, [fd](const Record& record) { return record.fd == fd; });
+  } else if (count > 1 && ++g_records.doubts >= g_records.listed / kListedPerDoubt &&
+             askKernel(epollFd)) {
+    g_records.doubts = 0;
+    for (Record*& place : g_records.live) {
+      takeOut(place, toFree, [](const Record& record) { return !record.isInKernel; });
+    }
   }
 }
 

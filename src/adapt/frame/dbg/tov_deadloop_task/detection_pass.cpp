@@ -14,6 +14,7 @@
 #include "../qurn_frame_mnt/frame_mnt.h"
 #include "internal/safe_strings.h"
 #include "internal/timespec_diff.h"
+#include "internal/uncancellable.h"
 #include "monitor_table.h"
 
 namespace qurn::monitor {
@@ -127,6 +128,7 @@ PassStep measureNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
 void tellOfSuspension(FatalEvent& event, const FrameMonitorTaskInfo& info) noexcept {
   timespec now{};
   if (event.isSuspensionTold || event.ticks < kTicksToHandleSignal ||
+      FrameGetDeadloopStatus() != FRAME_DEADLOOP_STATUS_SIGNALED ||
       clock_gettime(CLOCK_MONOTONIC_COARSE, &now) != 0 ||
       diffMs(event.sentAt, now) < kMsToHandleSignal) {
     return;
@@ -211,6 +213,7 @@ using namespace qurn::monitor;
 extern "C" {
 
 void FRAME_TaskDeadloopMonitorEntry(void) {
+  const qurn::Uncancellable uncancellable;
   FrameTaskDeadloopCtrl* ctrl = monitor();
   if (ctrl == nullptr) {
     return;

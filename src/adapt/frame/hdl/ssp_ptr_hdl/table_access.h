@@ -35,16 +35,16 @@ inline constexpr const char* kBaseName = baseName(kUnit);
     }                                             \
   } while (false)
 
-// Who is in the tables, and what is being changed, for the child of a fork: a mutex of the KEM
-// layer can be taken, but not for a while only.
+// Who is in the tables, and what is being changed. The lock itself cannot tell the child of a fork:
+// it may have been taken a moment before `thread` says so.
 struct TableUse {
   std::atomic<pthread_t> thread;     // that has the lock, else 0
   std::atomic<NbbHndTbl*> changing;  // the table that it changes, else null
-  std::atomic<uint32_t> forks;       // under way: nobody may go in
+  std::atomic<uint32_t> forks;       // under way: nobody else may go in
 };
 extern constinit TableUse g_tableUse;
 
-// Leaves the tables until no fork is under way any more.
+// Leaves the tables until no other thread's fork is under way any more.
 [[gnu::cold]] void makeWayForFork() noexcept;
 
 // Holds the tables' lock for a scope. Work goes on without a lock that cannot be taken, as there is
@@ -84,8 +84,9 @@ class TableChange {
  public:
   explicit TableChange(NbbHndTbl& table) noexcept {
     g_tableUse.changing.store(&table, std::memory_order_relaxed);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
   }
-  ~TableChange() { g_tableUse.changing.store(nullptr, std::memory_order_relaxed); }
+  ~TableChange() { g_tableUse.changing.store(nullptr, std::memory_order_release); }
   TableChange(const TableChange&) = delete;
   TableChange& operator=(const TableChange&) = delete;
 };

@@ -31,6 +31,7 @@ constexpr uint32_t kGenerationBitsMin = 2;
 constexpr uint32_t kGenerationBitsMax = 8;
 constexpr uint32_t kSlotBits = 8;
 constexpr uint32_t kHandleBits = 32;
+constexpr int kMostWayMs = 5000;
 
 // Held while the module starts or ends.
 constinit qurn::ForkMutex g_moduleMutex;
@@ -109,72 +110,55 @@ constinit Leftovers g_leftovers;
 
 // ---- forks: a thread that is in a table at that moment does not exist in the child
 
-// The thread that has the tables' lock for a fork, else 0.
-constinit std::atomic<pthread_t> g_forker{0};
+// Those of this thread: several, if a signal's handler forks during a fork.
+[[gnu::tls_model("initial-exec")]] constinit thread_local uint32_t t_forks = 0;
 
-// Whoever went in before the forks were announced is seen by now, on whatever processor it runs.
+// Whoever went in before the fork was announced is seen by now, on whatever processor it runs.
 void announceFork() noexcept {
+  ++t_forks;
   ++g_tableUse.forks;
   if (g_pTblLock != 0 && syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0) {
     qurn::sleepAMillisecond();
   }
 }
 
-bool waitUntilEmpty() noexcept {
-  for (int waited = 0; g_tableUse.thread.load(std::memory_order_acquire) != 0; ++waited) {
-    if (waited == qurn::kForkPatienceMs) {
-      return false;
-    }
-    qurn::sleepAMillisecond();
-  }
-  return true;
+bool isOtherThreadInside() noexcept {
+  const pthread_t thread = g_tableUse.thread.load(std::memory_order_acquire);
+  return thread != 0 && thread != pthread_self();
 }
 
-// A process that never used the tables has no mutex that the platform could lock. A thread that
-// cannot be waited for keeps the lock, as does the one that forks.
+// The tables' lock stays alone: whoever goes in from now on comes out again.
 void holdTables() noexcept {
-  g_moduleMutex.beforeFork();
+  qurn::ForkPatience patience;
+  g_moduleMutex.beforeFork(patience);
   announceFork();
-  if (g_pTblLock != 0) {
-    if (g_tableUse.thread.load() != pthread_self() && waitUntilEmpty() &&
-        KEM_MutexLock(&g_pTblLock) == QURN_OK) {
-      g_forker = pthread_self();
-    }
+  while (isOtherThreadInside() && patience.waitAMillisecond()) {
   }
-  g_leftovers.mutex().beforeFork();
-}
-
-bool letTablesGo() noexcept {
-  pthread_t self = pthread_self();
-  return g_forker.compare_exchange_strong(self, 0) && KEM_MutexUnlock(&g_pTblLock) == QURN_OK;
+  g_leftovers.mutex().beforeFork(patience);
 }
 
 void releaseTables() noexcept {
   g_leftovers.mutex().afterForkInParent();
-  letTablesGo();
-  --g_tableUse.forks;  // even if the module came or went meanwhile
+  --g_tableUse.forks;
+  --t_forks;
   g_moduleMutex.afterForkInParent();
 }
 
-// A table that was being changed counts as not set up; what it held stays allocated.
-void forgetUser() noexcept {
-  if (NbbHndTbl* changing = g_tableUse.changing.exchange(nullptr); changing != nullptr) {
-    *changing = {};
-  }
-  g_tableUse.thread = 0;
-  g_forker = 0;
-  g_pTblLock = 0;
-  KEM_MutexInit(&g_pTblLock);
-}
-
+// A table that was being changed counts as not set up; what it held stays allocated, as does a lock
+// that may be taken.
 void renewTables() noexcept {
   if (!g_leftovers.mutex().afterForkInChild()) {
     g_leftovers.drop();
   }
-  if (g_pTblLock != 0 && !letTablesGo()) {
-    forgetUser();
+  if (NbbHndTbl* changing = g_tableUse.changing.exchange(nullptr); changing != nullptr) {
+    *changing = {};
   }
-  g_tableUse.forks = 0;
+  g_tableUse.thread = 0;
+  g_tableUse.forks = --t_forks;
+  if (g_pTblLock != 0) {
+    g_pTblLock = 0;
+    KEM_MutexInit(&g_pTblLock);
+  }
   g_moduleMutex.afterForkInChild();
 }
 
@@ -184,17 +168,19 @@ __attribute__((constructor)) void watchForks() noexcept {
 
 }  // namespace
 
+// A fork's own handlers may use the tables. A fork that never comes to its end, as another
+// library's handler waits for what this thread holds, must not stop the tables for good.
 void qurn::hdl::makeWayForFork() noexcept {
   const Uncancellable uncancellable;
-  do {
+  for (int waitedMs = 0; t_forks == 0 && g_tableUse.forks.load() != 0 && waitedMs < kMostWayMs;) {
     TableLock::leave();
     KEM_MutexUnlock(&g_pTblLock);
-    while (g_tableUse.forks.load() != 0) {
+    for (; g_tableUse.forks.load() != 0 && waitedMs < kMostWayMs; ++waitedMs) {
       sleepAMillisecond();
     }
     KEM_MutexLock(&g_pTblLock);
     TableLock::enter();
-  } while (g_tableUse.forks.load() != 0);
+  }
 }
 
 namespace {
