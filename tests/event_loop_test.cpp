@@ -152,7 +152,7 @@ TEST_F(EventSets, NumbersUsedTwiceAreSettledForMostOfThemAtOnce) {
     ASSERT_EQ(FRAME_MntEpollCtl("newer", EPOLL_CTL_DEL, fd, nullptr), QURN_OK);
     EXPECT_GE(recorded::blocksHeld() - held_, kNumbers);
   }
-  EXPECT_LE(recorded::blocksHeld() - held_, kNumbers + kNumbers / 10);
+  EXPECT_LE(recorded::blocksHeld() - held_, kNumbers + kNumbers / 5);
 }
 
 TEST_F(EventSets, AFunctionMayUseItsEventToRemoveTheDescriptor) {

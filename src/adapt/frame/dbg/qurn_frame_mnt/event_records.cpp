@@ -46,7 +46,7 @@ constinit Records g_records{PTHREAD_MUTEX_INITIALIZER, {}, nullptr, 0, 0};
 
 // Reading the kernel's list takes as long as it is. So the number of doubts that lead to it grows
 // with it; what was let go in the meantime stays until then.
-constexpr uint32_t kListedPerDoubt = 64;
+constexpr uint32_t kListedPerDoubt = 16;
 
 Record*& placeOf(int32_t fd) noexcept {
   return g_records.live[static_cast<uint32_t>(fd) % kPlaces];
