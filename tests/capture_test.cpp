@@ -7,7 +7,7 @@
 #include <semaphore>
 
 #include "adapt/frame/dbg/qurn_frame_mnt/capture_record.h"
-#include "internal/machine_context.h"
+#include "common/machine_context.h"
 #include "support/library_test.h"
 
 const int kSignal = SIGRTMIN + 2;

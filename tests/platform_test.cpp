@@ -11,7 +11,7 @@
 #include <sstream>
 #include <thread>
 
-#include "internal/machine_context.h"
+#include "common/machine_context.h"
 #include "support/in_child.h"
 #include "support/run_program.h"
 

@@ -8,7 +8,7 @@
 #include <atomic>
 #include <mutex>
 
-#include "internal/fork_mutex.h"
+#include "common/fork_mutex.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <mutex>
 
-#include "internal/fork_mutex.h"
+#include "common/fork_mutex.h"
 
 namespace {
 

@@ -15,9 +15,9 @@
 
 #include <cerrno>
 
+#include "common/machine_context.h"
+#include "common/scoped_fd.h"
 #include "fault_guard.h"
-#include "internal/machine_context.h"
-#include "internal/scoped_fd.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "internal/fork_mutex.h"
+#include "common/fork_mutex.h"
 
 namespace {
 

@@ -20,8 +20,8 @@
 #include <string>
 #include <string_view>
 
-#include "internal/fork_mutex.h"
-#include "internal/uncancellable.h"
+#include "common/fork_mutex.h"
+#include "common/uncancellable.h"
 
 namespace {
 

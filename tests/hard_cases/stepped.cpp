@@ -8,8 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/machine_context.h"
 #include "hard_case.h"
-#include "internal/machine_context.h"
 
 #if defined(__x86_64__)
 

@@ -16,8 +16,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/machine_context.h"
 #include "hard_case.h"
-#include "internal/machine_context.h"
 #include "support/interpose.h"
 
 namespace {

@@ -6,8 +6,8 @@
 
 #include <cerrno>
 
+#include "common/scoped_fd.h"
 #include "internal/safe_strings.h"
-#include "internal/scoped_fd.h"
 #include "internal/unit_log.h"
 
 namespace {

@@ -12,9 +12,9 @@
 #include <string_view>
 #include <utility>
 
+#include "common/scoped_fd.h"
 #include "frame_mnt.h"
 #include "internal/safe_strings.h"
-#include "internal/scoped_fd.h"
 #include "internal/scoped_lock.h"
 
 namespace qurn::mnt {

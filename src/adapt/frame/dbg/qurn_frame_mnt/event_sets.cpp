@@ -14,11 +14,11 @@
 #include <memory>
 #include <utility>
 
+#include "common/uncancellable.h"
 #include "event_records.h"
 #include "frame_mnt.h"
 #include "internal/safe_strings.h"
 #include "internal/scoped_lock.h"
-#include "internal/uncancellable.h"
 
 namespace {
 

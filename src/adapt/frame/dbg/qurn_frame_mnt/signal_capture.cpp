@@ -12,10 +12,10 @@
 #include <csignal>
 
 #include "capture_record.h"
+#include "common/machine_context.h"
+#include "common/uncancellable.h"
 #include "frame_mnt.h"
-#include "internal/machine_context.h"
 #include "internal/safe_strings.h"
-#include "internal/uncancellable.h"
 
 namespace qurn::mnt {
 

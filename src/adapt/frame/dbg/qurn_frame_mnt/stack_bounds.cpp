@@ -7,8 +7,8 @@
 #include <qurnadapt/platform.h>
 #include <unistd.h>
 
+#include "common/scoped_fd.h"
 #include "internal/safe_strings.h"
-#include "internal/scoped_fd.h"
 
 namespace {
 

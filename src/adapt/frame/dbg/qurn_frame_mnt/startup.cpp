@@ -15,10 +15,10 @@
 #include <atomic>
 #include <cstring>
 
+#include "common/scoped_fd.h"
+#include "common/uncancellable.h"
 #include "frame_mnt.h"
 #include "internal/safe_strings.h"
-#include "internal/scoped_fd.h"
-#include "internal/uncancellable.h"
 #include "start_turns.h"
 
 namespace qurn::mnt {

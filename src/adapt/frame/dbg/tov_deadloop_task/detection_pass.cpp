@@ -12,9 +12,9 @@
 #include <utility>
 
 #include "../qurn_frame_mnt/frame_mnt.h"
+#include "common/uncancellable.h"
 #include "internal/safe_strings.h"
 #include "internal/timespec_diff.h"
-#include "internal/uncancellable.h"
 #include "monitor_table.h"
 
 namespace qurn::monitor {

@@ -9,8 +9,8 @@
 #include <cerrno>
 
 #include "../qurn_frame_mnt/frame_mnt.h"
+#include "common/uncancellable.h"
 #include "internal/safe_strings.h"
-#include "internal/uncancellable.h"
 #include "monitor_table.h"
 
 namespace qurn::monitor {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <optional>
 
-#include "internal/uncancellable.h"
+#include "common/uncancellable.h"
 #include "monitor_table.h"
 #include "node_change.h"
 

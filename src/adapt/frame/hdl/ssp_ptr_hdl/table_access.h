@@ -12,7 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "internal/uncancellable.h"
+#include "common/uncancellable.h"
 #include "internal/unit_log.h"
 
 namespace qurn::hdl {

@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <mutex>
 
-#include "internal/fork_mutex.h"
+#include "common/fork_mutex.h"
 #include "table_access.h"
 
 using namespace qurn::hdl;

@@ -3,7 +3,7 @@
 #include <mutex>
 #include <new>
 
-#include "internal/uncancellable.h"
+#include "common/uncancellable.h"
 #include "memory_unit.h"
 
 namespace qurn::mem {

@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "internal/fork_mutex.h"
+#include "common/fork_mutex.h"
 
 namespace qurn::mem {
 

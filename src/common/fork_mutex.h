@@ -9,7 +9,7 @@
 #include <atomic>
 #include <ctime>
 
-#include "uncancellable.h"
+#include "common/uncancellable.h"
 
 namespace qurn {
 
