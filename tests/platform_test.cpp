@@ -1,18 +1,24 @@
 // The stand-in platform on its own, beyond what the library's tests and the fuzz targets use of it.
 #include <qurnadapt/qurnadapt.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <tovplatform/stand_in.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <csetjmp>
 #include <csignal>
+#include <cstdarg>
 #include <fstream>
 #include <sstream>
 #include <thread>
 
 #include "common/machine_context.h"
 #include "support/in_child.h"
+#include "support/interpose.h"
 #include "support/run_program.h"
 
 namespace {
@@ -192,19 +198,90 @@ TEST_F(BesideWalks, AChildHasItsOwnHandlersAndOneThatIsToRunOnceRunsOnce) {
   }
 }
 
-TEST(StackBounds, AreThoseOfTheCallersStack) {
-  const auto here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
+// ---- stack bounds
+
+std::atomic<bool> g_kernelAnswers{true};
+std::atomic<size_t> g_longestRead{0};
+std::atomic<int> g_seeks{0};
+
+}  // namespace
+
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+  va_list more;
+  va_start(more, request);
+  void* const argument = va_arg(more, void*);
+  va_end(more);
+  errno = ENOTTY;
+  return g_kernelAnswers ? static_cast<int>(syscall(SYS_ioctl, fd, request, argument)) : -1;
+}
+INTERPOSE(ssize_t, read, (int fd, void* bytes, size_t count), (fd, bytes, count),
+          g_longestRead = std::max(g_longestRead.load(), count))
+INTERPOSE(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), ++g_seeks)
+
+namespace {
+
+std::pair<uint64_t, uint64_t> mappingOf(uint64_t address) {
+  std::ifstream maps("/proc/thread-self/maps");
+  uint64_t start = 0;
+  uint64_t end = 0;
+  char hyphen = 0;
+  for (std::string rest; maps >> std::hex >> start >> hyphen >> end && std::getline(maps, rest);) {
+    if (start <= address && address < end) {
+      return {start, end};
+    }
+  }
+  return {};
+}
+
+FrameTaskStackInfo told() {
+  g_longestRead = 0;
+  g_seeks = 0;
   FrameTaskStackInfo info{0, 0};
-  ASSERT_EQ(KEM_TaskStackInfoGet(0, &info), QURN_OK);
-  EXPECT_TRUE(info.start < here && here < info.start + info.size);
+  EXPECT_EQ(KEM_TaskStackInfoGet(0, &info), QURN_OK);
+  EXPECT_TRUE(g_longestRead <= 1024 && g_seeks == 0);
+  return info;
+}
+
+void expectBounds(uint64_t address) {
+  const auto [start, end] = mappingOf(address);
+  for (const bool kernelAnswers : {true, false}) {
+    g_kernelAnswers = kernelAnswers;
+    const FrameTaskStackInfo info = told();
+    EXPECT_TRUE(info.start == start && info.start + info.size == end) << kernelAnswers;
+  }
+}
+
+void expectThoseOfTheStackInUse() {
+  expectBounds(reinterpret_cast<uint64_t>(__builtin_frame_address(0)));
+}
+
+void runOnAnotherStack(void (*action)()) {
+  static thread_local void (*action_)() = nullptr;
+  action_ = action;
+  stack_t other{malloc(1U << 18U), 0, 1U << 18U};
+  sigaltstack(&other, nullptr);
+  struct sigaction on {};
+  on.sa_handler = [](int) { action_(); };
+  on.sa_flags = SA_ONSTACK;
+  sigaction(SIGUSR1, &on, nullptr);
+  raise(SIGUSR1);
+}
+
+TEST(StackBounds, AreTheMappingInUseOnTheFirstThreadAndThatOfTheControlBlockOnOthers) {
+  FrameTaskStackInfo info{0, 0};
   EXPECT_NE(KEM_TaskStackInfoGet(1, &info), QURN_OK);
+  expectThoseOfTheStackInUse();
+  runOnAnotherStack(expectThoseOfTheStackInUse);
   std::thread([] {
-    FrameTaskStackInfo told{0, 0};
-    FrameTaskStackInfo scanned{0, 0};
-    FrameTaskStackInfoGet(&scanned);
-    const bool known = KEM_TaskStackInfoGet(0, &told) == QURN_OK;  // as the kernel is new enough
-    EXPECT_EQ(told.size, known ? scanned.size : 0);
-    EXPECT_EQ(told.start, known ? scanned.start : told.start);
+    const auto expectAsScanned = [] {
+      FrameTaskStackInfo scanned{0, 0};
+      FrameTaskStackInfoGet(&scanned);
+      expectBounds(pthread_self());
+      const FrameTaskStackInfo asked = told();
+      EXPECT_TRUE(asked.start == scanned.start && asked.size == scanned.size);
+    };
+    expectAsScanned();
+    runOnAnotherStack(expectAsScanned);
   }).join();
 }
 

@@ -1,8 +1,9 @@
 // Lines of the memory map, and whole maps: no byte beyond the text is read, the scan ends, and what
-// it finds is what stands there.
+// it finds is what stands there, as what the platform's own scan finds is.
 #include <linux/fcntl.h>  // the flags only: open is declared below
 #include <pthread.h>
 #include <qurnadapt/capture.h>
+#include <qurnadapt/platform.h>
 #include <sys/syscall.h>
 
 #include "fuzz_target.h"
@@ -39,14 +40,30 @@ extern "C" int open(const char* path, int flags, mode_t mode) {
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, map ? g_map : path, flags, mode));
 }
 
+// No thread is the process's first one then: both scans look for the same.
+extern "C" pid_t getpid() noexcept {
+  return g_map != nullptr ? 0 : static_cast<pid_t>(syscall(SYS_getpid));
+}
+
 void tryInput(Bytes bytes) {
   const std::vector<char> text = bytes.text();
   tryLine(text);
   const std::string path = fileWith(text);
   FrameTaskStackInfo info{0, 0};
+  FrameTaskStackInfo told{0, 0};
   g_map = path.c_str();
   FrameTaskStackInfoGet(&info);
+  KEM_TaskStackInfoGet(0, &told);
   g_map = nullptr;
+  size_t lineStart = 0;
+  size_t longest = 0;
+  for (size_t i = 0; i <= text.size(); ++i) {
+    if (i == text.size() || text[i] == '\n') {
+      longest = std::max(longest, i - lineStart);
+      lineStart = i + 1;
+    }
+  }
+  assert(longest >= 511 || (told.start == info.start && told.size == info.size));
   const auto self = static_cast<uint64_t>(pthread_self());
   assert(info.size == 0 ? info.start == 0 : self - info.start < info.size);
 }
