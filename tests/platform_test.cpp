@@ -133,7 +133,8 @@ class BesideWalks : public testing::Test {
     siglongjmp(g_back, 1);
   }
   static void fault() {
-    *reinterpret_cast<volatile int*>(uintptr_t{64}) = 1;
+    static const volatile uintptr_t nowhere = 64;
+    *reinterpret_cast<volatile int*>(nowhere) = 1;
   }
   // Whether each fault has reached the handler that recovers.
   static bool recovers(int faults) {
