@@ -15,6 +15,7 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "common/machine_context.h"
 #include "support/in_child.h"
@@ -258,13 +259,16 @@ void expectThoseOfTheStackInUse() {
 void runOnAnotherStack(void (*action)()) {
   static thread_local void (*action_)() = nullptr;
   action_ = action;
-  stack_t other{malloc(1U << 18U), 0, 1U << 18U};
-  sigaltstack(&other, nullptr);
+  std::vector<char> memory(1U << 18U);
+  const stack_t other{memory.data(), 0, memory.size()};
+  stack_t before{};
+  sigaltstack(&other, &before);
   struct sigaction on {};
   on.sa_handler = [](int) { action_(); };
   on.sa_flags = SA_ONSTACK;
   sigaction(SIGUSR1, &on, nullptr);
   raise(SIGUSR1);
+  sigaltstack(&before, nullptr);
 }
 
 TEST(StackBounds, AreTheMappingInUseOnTheFirstThreadAndThatOfTheControlBlockOnOthers) {
