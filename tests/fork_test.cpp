@@ -161,7 +161,7 @@ bool startsAnew() {
 // Also of a fork, in which the handler may use the tables. With a second thread the C library
 // itself would hang: it holds the allocator's locks meanwhile.
 TEST(ForkOfOneThread, FromAHandlerAtAnyMomentTheChildGoesOn) {
-  if (__libc_single_threaded == 0) {
+  if (__libc_single_threaded == 0 || kSanitizers == "thread") {
     GTEST_SKIP();
   }
   static std::atomic<int> forks{0};
@@ -219,6 +219,9 @@ TEST_F(Fork, DuringAPassTheChildGoesOnUnreportedAndMayStartAnew) {
 
 // The thread that changes a table is in the platform's allocator, the other in its log.
 TEST_F(Fork, BesideAThreadThatNeverLeavesATableTheChildGoesOn) {
+  if (!kThreadsInChild) {
+    GTEST_SKIP();
+  }
   for (const auto& [place, isGood] : {std::pair{Stuck::kReadingATable, &findsTablesWhole},
                                       std::pair{Stuck::kChangingATable, &startsTablesAnew}}) {
     EXPECT_TRUE(inChild([place = place, isGood = isGood] {
@@ -238,6 +241,9 @@ TEST_F(Fork, BesideAThreadThatNeverLeavesATableTheChildGoesOn) {
 
 // Its line does not fit into what standard error leads to.
 TEST_F(Fork, BesideAThreadThatNeverEndsItsLogLineTheChildGoesOn) {
+  if (!kThreadsInChild) {
+    GTEST_SKIP();
+  }
   EXPECT_TRUE(inChild([] {
     int ends[2];
     const bool isFull = pipe2(ends, O_NONBLOCK) == 0 && dup2(ends[1], STDERR_FILENO) > 0 &&

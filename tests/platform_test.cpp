@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csetjmp>
@@ -203,7 +204,7 @@ TEST_F(BesideWalks, AChildHasItsOwnHandlersAndOneThatIsToRunOnceRunsOnce) {
 
 std::atomic<bool> g_kernelAnswers{true};
 std::atomic<size_t> g_longestRead{0};
-std::atomic<int> g_seeks{0};
+std::atomic<size_t> g_seeks{0};
 
 }  // namespace
 
@@ -234,58 +235,61 @@ std::pair<uint64_t, uint64_t> mappingOf(uint64_t address) {
   return {};
 }
 
-FrameTaskStackInfo told() {
-  g_longestRead = 0;
-  g_seeks = 0;
-  FrameTaskStackInfo info{0, 0};
-  EXPECT_EQ(KEM_TaskStackInfoGet(0, &info), QURN_OK);
-  EXPECT_TRUE(g_longestRead <= 1024 && g_seeks == 0);
-  return info;
-}
+// What is told, with the kernel's answer and without.
+struct Asked {
+  uint64_t here;
+  std::array<FrameTaskStackInfo, 2> told;
+  size_t longestRead;
+  size_t seeks;
+};
 
-void expectBounds(uint64_t address) {
-  const auto [start, end] = mappingOf(address);
+Asked askHere() {
+  Asked asked{reinterpret_cast<uint64_t>(__builtin_frame_address(0)), {}, 0, 0};
+  g_longestRead = g_seeks = 0;
   for (const bool kernelAnswers : {true, false}) {
     g_kernelAnswers = kernelAnswers;
-    const FrameTaskStackInfo info = told();
-    EXPECT_TRUE(info.start == start && info.start + info.size == end) << kernelAnswers;
+    KEM_TaskStackInfoGet(0, &asked.told[kernelAnswers ? 0 : 1]);
   }
+  asked.longestRead = g_longestRead;
+  asked.seeks = g_seeks;
+  return asked;
 }
 
-void expectThoseOfTheStackInUse() {
-  expectBounds(reinterpret_cast<uint64_t>(__builtin_frame_address(0)));
-}
-
-void runOnAnotherStack(void (*action)()) {
-  static thread_local void (*action_)() = nullptr;
-  action_ = action;
-  std::vector<char> memory(1U << 18U);
+Asked askOnAnotherStack() {
+  static Asked asked;
+  static std::vector<char> memory(1U << 18U);
   const stack_t other{memory.data(), 0, memory.size()};
   stack_t before{};
   sigaltstack(&other, &before);
   struct sigaction on {};
-  on.sa_handler = [](int) { action_(); };
+  on.sa_handler = [](int) { asked = askHere(); };
   on.sa_flags = SA_ONSTACK;
   sigaction(SIGUSR1, &on, nullptr);
   raise(SIGUSR1);
   sigaltstack(&before, nullptr);
+  return asked;
+}
+
+void expectMappingOf(uint64_t address, const Asked& asked) {
+  const auto [start, end] = mappingOf(address);
+  for (const FrameTaskStackInfo& told : asked.told) {
+    EXPECT_TRUE(told.start == start && told.start + told.size == end);
+  }
+  EXPECT_TRUE(asked.longestRead <= 1024 && asked.seeks == 0) << "in one pass";
 }
 
 TEST(StackBounds, AreTheMappingInUseOnTheFirstThreadAndThatOfTheControlBlockOnOthers) {
-  FrameTaskStackInfo info{0, 0};
-  EXPECT_NE(KEM_TaskStackInfoGet(1, &info), QURN_OK);
-  expectThoseOfTheStackInUse();
-  runOnAnotherStack(expectThoseOfTheStackInUse);
-  std::thread([] {
-    const auto expectAsScanned = [] {
-      FrameTaskStackInfo scanned{0, 0};
+  FrameTaskStackInfo scanned{0, 0};
+  EXPECT_NE(KEM_TaskStackInfoGet(1, &scanned), QURN_OK);
+  for (const Asked& asked : {askHere(), askOnAnotherStack()}) {
+    expectMappingOf(asked.here, asked);
+  }
+  std::thread([&scanned] {
+    for (const Asked& asked : {askHere(), askOnAnotherStack()}) {
+      expectMappingOf(pthread_self(), asked);
       FrameTaskStackInfoGet(&scanned);
-      expectBounds(pthread_self());
-      const FrameTaskStackInfo asked = told();
-      EXPECT_TRUE(asked.start == scanned.start && asked.size == scanned.size);
-    };
-    expectAsScanned();
-    runOnAnotherStack(expectAsScanned);
+      EXPECT_TRUE(asked.told[1].start == scanned.start && asked.told[1].size == scanned.size);
+    }
   }).join();
 }
 

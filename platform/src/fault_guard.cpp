@@ -9,6 +9,7 @@
 #include <atomic>
 #include <csetjmp>
 #include <csignal>
+#include <cstring>
 
 namespace tov {
 namespace {
@@ -104,6 +105,11 @@ Theirs* theirsBehind(Guarded& signal, const Action& action) noexcept {
              : nullptr;
 }
 
+bool isSame(const Action& one, const Action& other) noexcept {
+  return one.sa_sigaction == other.sa_sigaction && one.sa_flags == other.sa_flags &&
+         memcmp(&one.sa_mask, &other.sa_mask, sizeof(one.sa_mask)) == 0;
+}
+
 void putOursInPlace() noexcept {
   for (Guarded& signal : g_signals) {
     Action action{};
@@ -111,11 +117,11 @@ void putOursInPlace() noexcept {
     if (theirsBehind(signal, action) != nullptr) {  // of a walk that never ended
       continue;
     }
-    if (action.sa_sigaction != signal.theirs[signal.generation].action.sa_sigaction) {
+    if (!isSame(action, signal.theirs[signal.generation].action)) {
       signal.generation = (signal.generation + 1) % kGenerations;
+      signal.theirs[signal.generation].action = action;
     }
     Theirs& theirs = signal.theirs[signal.generation];
-    theirs.action = action;
     theirs.isSpent = false;
     action.sa_sigaction = kOurs[signal.generation];
     action.sa_flags = SA_SIGINFO | SA_ONSTACK | (action.sa_flags & (SA_NODEFER | SA_RESTART));
