@@ -67,26 +67,60 @@ TEST(Yaml, AnswersByDottedPathsAndIndexes) {
 }
 
 // The log's destination is fixed when a program is loaded, so each case is a process.
+const std::string kLines = QURN_EMULATOR LOG_LINES;
+
+// What is different each time is taken out of the lines.
+std::string asKnown(const std::string& command, const std::string& known) {
+  return "(" + command + R"() 2>&1 | sed -E "s/[0-9]{4}(-[0-9]{2}){2}T[0-9:]{8}[.][0-9]{3}Z /at /
+                          s/\[)" +
+         processName("log_lines") + R"(:[0-9]+\]/[log_lines]/
+                          s/b:[0-9]+\]/b]/
+                          s/(x|[\]x1b){20,}/.../
+                          s/^(TID|THREAD_NAME)=.*/\1=/
+                          s/(management_stand_in:)[0-9]+/\1/" | diff )" GOLDEN "/" +
+         known + " -";
+}
+
 TEST(Log, WritesALineAMessageDropsRepeatsAndIsRotated) {
-  const std::string lines = QURN_EMULATOR LOG_LINES " 2>&1 ";
-  const std::string times = R"( | sed -E "s/^[0-9]{4}(-[0-9]{2}){2} [0-9:]{8}[.][0-9]{3} /at /
-                                          s/\[)" +
-                            processName("log_lines") +
-                            R"(:[0-9]+\]/[log_lines]/
-                                          s/(management_stand_in:)[0-9]+/\1/" | diff )" GOLDEN
-                            "/log.txt -";
-  expectAll({{"(" + lines + "| head -n 6; TOV_LOG_LEVEL=warning " + lines +
-                  "| head -n 2; TOV_LOG_LEVEL=off " + lines + ")" + times,
-              0, ""},
-             {lines + R"(| awk "/ again/ {again++} / report/ {report++} / different/ {different++}
+  expectAll(
+      {{asKnown(kLines +
+                    " 2>&1 | head -n 5; for level in warning Warning NONE \"\" error OFF; do "
+                    "echo $level:; TOV_LOG_LEVEL=$level " +
+                    kLines +
+                    " report; done; "
+                    "TOV_LOG_TARGET=paper TOV_LOG_FILE_BYTES=10k " +
+                    kLines + " odd; " + kLines + " deaf",
+                "log.txt"),
+        0, ""},
+       {kLines + R"( 2>&1 | awk "/ again/ {again++} / report/ {report++} / different/ {different++}
                                 /identical lines dropped/ {sub(/.*\(/, \"\"); dropped += \$1}
                                 END {print again + dropped, report, different, (dropped > 0), (again > 199)}")",
-              0, "1000 1000 300 1 1\n"},
-             {"d=$(mktemp -d); TOV_LOG_FILE_BYTES=10000 TOV_LOG_TARGET=file:$d/log " + lines +
-                  "; cd $d; find . -size +10000c; echo *; rm -r $d",
-              0, "log log.1 log.2 log.3 log.4 log.5\n", "unit ... ./log"},
-             {"TOV_LOG_TARGET=file:/dev/null/log " + lines, 0,
-              "logging to standard error\n ... information 1"}});
+        0, "1000 1000 300 1 1\n"},
+       {"d=$(mktemp -d); TOV_LOG_FILE_BYTES=10000 TOV_LOG_TARGET=file:$d/log " + kLines +
+            "; cd $d; find . -size +10000c; echo *; rm -r $d",
+        0, "log log.1 log.2 log.3 log.4 log.5\n", "unit ... ./log"},
+       {"TOV_LOG_TARGET=file:/dev/null/log " + kLines, 0,
+        "logging to standard error\n ... information 1"}});
+}
+
+TEST(Log, GivesTheJournalFieldsAndNeverWaitsForIt) {
+  const std::string command = "TOV_LOG_TARGET=journal " + kLines + " journal";
+  if (runProgram(command).has("no namespaces here")) {
+    GTEST_SKIP();
+  }
+  expectAll({{asKnown(command, "journal.txt"), 0, ""}});
+}
+
+// As many as are kept, and the build id that the program itself has.
+TEST(Log, KeepsTheMemoryMapOfAReport) {
+  expectAll(
+      {{"export RUNTIME_DIRECTORY=$(mktemp -d); for i in $(seq 20); do " + kLines +
+            " report 2>/dev/null; done; cd $RUNTIME_DIRECTORY; ls | wc -l; "
+            "for id in *.build-ids; do grep -c tovplatform ${id%.build-ids}.maps >/dev/null && "
+            "grep -q \"^$(file -L " LOG_LINES
+            " | grep -o \"sha1.=[0-9a-f]*\" | cut -d= -f2) \" $id && echo same; "
+            "done | sort | uniq -c; rm -r $RUNTIME_DIRECTORY",
+        0, "32\n ... 16 same"}});
 }
 
 // ---- call stack

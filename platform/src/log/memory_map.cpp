@@ -1,0 +1,234 @@
+#include "memory_map.h"
+
+#include <dirent.h>
+#include <elf.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "common/scoped_fd.h"
+#include "text_builder.h"
+
+namespace tov::log {
+namespace {
+
+constexpr int kMostKept = 16;
+constexpr std::string_view kMapEnding = ".maps";
+constexpr std::string_view kIdsEnding = ".build-ids";
+
+// A file's name in the directory.
+class Name {
+ public:
+  Name(std::string_view process, std::string_view ending) noexcept {
+    TextBuilder(bytes_.data(), bytes_.size() - 1).add(process).add(ending);
+  }
+  [[nodiscard]] const char* get() const noexcept { return bytes_.data(); }
+
+ private:
+  std::array<char, 64> bytes_{};
+};
+
+// A file that takes the place of an older one only when it is whole.
+class NewFile {
+ public:
+  NewFile(int directory, const Name& name) noexcept : directory_(directory), name_(name) {
+    unlinkat(directory_, kTemporary, 0);
+    fd_ = openat(directory_, kTemporary, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  }
+  ~NewFile() {
+    if (fd_ >= 0) {
+      close(fd_);
+      renameat(directory_, kTemporary, directory_, name_.get());
+    }
+  }
+  NewFile(const NewFile&) = delete;
+  NewFile& operator=(const NewFile&) = delete;
+
+  void write(std::string_view text) const noexcept {
+    static_cast<void>(!::write(fd_, text.data(), text.size()));
+  }
+
+ private:
+  static constexpr const char* kTemporary = ".new.maps";
+  int directory_;
+  const Name& name_;
+  int fd_;
+};
+
+// Lines beyond what a path may be long are cut.
+template <typename Visit>
+void forEachLine(int fd, Visit visit) noexcept {
+  std::array<char, 4096> text;  // NOLINT: filled by read
+  std::array<char, 4352> line;  // NOLINT: as far as its length says
+  size_t length = 0;
+  ssize_t got = 0;
+  while ((got = read(fd, text.data(), text.size())) > 0) {
+    for (const char c : std::string_view(text.data(), static_cast<size_t>(got))) {
+      if (c == '\n') {
+        line[std::exchange(length, 0)] = '\0';
+        visit(line.data());
+      } else if (length < line.size() - 1) {
+        line[length++] = c;
+      }
+    }
+  }
+}
+
+// ---- build ids, from memory: the file may have been replaced since
+
+// Unlike a plain read this fails where there is nothing to be read.
+bool readMemory(uint64_t address, void* to, size_t bytes) noexcept {
+  const iovec here{to, bytes};
+  const iovec there{reinterpret_cast<void*>(address), bytes};
+  return process_vm_readv(getpid(), &here, 1, &there, 1, 0) == static_cast<ssize_t>(bytes);
+}
+
+void addIdIn(std::string_view notes, TextBuilder& id) noexcept {
+  constexpr auto aligned = [](size_t bytes) { return (bytes + 3) & ~size_t{3}; };
+  Elf64_Nhdr header{};
+  while (notes.size() >= sizeof(header)) {
+    memcpy(&header, notes.data(), sizeof(header));
+    notes.remove_prefix(sizeof(header));
+    const size_t name = aligned(header.n_namesz);
+    if (header.n_type == NT_GNU_BUILD_ID && notes.starts_with("GNU") &&
+        notes.size() >= name + header.n_descsz) {
+      for (const char c : notes.substr(name, header.n_descsz)) {
+        constexpr std::string_view kHex = "0123456789abcdef";
+        const auto byte = static_cast<unsigned char>(c);
+        id.add(kHex.substr(byte >> 4U, 1)).add(kHex.substr(byte & 15U, 1));
+      }
+      return;
+    }
+    notes.remove_prefix(std::min(notes.size(), name + aligned(header.n_descsz)));
+  }
+}
+
+// Of the object whose first bytes are mapped there; nothing if it is none.
+void addBuildId(uint64_t start, TextBuilder& id) noexcept {
+  Elf64_Ehdr object{};
+  std::array<Elf64_Phdr, 32> parts{};
+  if (!readMemory(start, &object, sizeof(object)) || memcmp(object.e_ident, ELFMAG, SELFMAG) != 0 ||
+      object.e_phnum > parts.size() ||
+      !readMemory(start + object.e_phoff, parts.data(), object.e_phnum * sizeof(Elf64_Phdr))) {
+    return;
+  }
+  const auto first = std::find_if(parts.begin(), parts.end(), [](const Elf64_Phdr& part) {
+    return part.p_type == PT_LOAD && part.p_offset == 0;
+  });
+  const uint64_t base = first == parts.end() ? start : start - first->p_vaddr;
+  for (const Elf64_Phdr& part : parts) {
+    std::array<char, 1024> notes{};
+    const size_t bytes = std::min<size_t>(part.p_filesz, notes.size());
+    if (part.p_type == PT_NOTE && id.length() == 0 &&
+        readMemory(base + part.p_vaddr, notes.data(), bytes)) {
+      addIdIn({notes.data(), bytes}, id);
+    }
+  }
+}
+
+void writeBuildIds(const char* line, const NewFile& file) noexcept {
+  uint64_t start = 0;
+  uint64_t offset = 0;
+  char mayRead = 0;
+  int path = 0;
+  if (std::sscanf(line, "%lx-%*x %c%*s %lx %*s %*s %n", &start, &mayRead, &offset, &path) != 3 ||
+      mayRead != 'r' || offset != 0 || line[path] != '/') {
+    return;
+  }
+  std::array<char, 4096> bytes;  // NOLINT: filled as far as the text goes
+  TextBuilder text(bytes.data(), bytes.size() - 1);
+  addBuildId(start, text);
+  if (text.length() != 0) {
+    text.add(" ").add(line + path);
+    text.addRoom(1);
+    file.write(text.add("\n").text());
+  }
+}
+
+// ---- the newest few stay
+
+std::string_view processOf(std::string_view name) noexcept {
+  const bool isMap = name.ends_with(kMapEnding) && name.front() >= '0' && name.front() <= '9';
+  return isMap ? name.substr(0, name.size() - kMapEnding.size()) : std::string_view();
+}
+
+bool isOlder(const timespec& one, const timespec& other) noexcept {
+  return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
+}
+
+template <typename Visit>
+void forEachEntry(int directory, Visit visit) noexcept {
+  alignas(dirent64) std::array<char, 4096> entries{};
+  lseek(directory, 0, SEEK_SET);
+  ssize_t bytes = 0;
+  while ((bytes = getdents64(directory, entries.data(), entries.size())) > 0) {
+    for (ssize_t at = 0; at < bytes;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(entries.data() + at);
+      visit(entry->d_name);
+      at += entry->d_reclen;
+    }
+  }
+}
+
+// Returns whether one had to go.
+bool removeOldestBeyondLimit(int directory) noexcept {
+  int count = 0;
+  std::array<char, 32> oldest{};
+  timespec oldestAt{};
+  forEachEntry(directory, [&](const char* name) {
+    struct stat file {};
+    const std::string_view process = processOf(name);
+    if (process.empty() || process.size() >= oldest.size() ||
+        fstatat(directory, name, &file, AT_SYMLINK_NOFOLLOW) != 0) {
+      return;
+    }
+    if (count++ == 0 || isOlder(file.st_mtim, oldestAt)) {
+      oldestAt = file.st_mtim;
+      oldest = {};
+      process.copy(oldest.data(), process.size());
+    }
+  });
+  return count > kMostKept && unlinkat(directory, Name(oldest.data(), kMapEnding).get(), 0) == 0 &&
+         (unlinkat(directory, Name(oldest.data(), kIdsEnding).get(), 0), true);
+}
+
+}  // namespace
+
+void keepMemoryMap(const std::string& directory) noexcept {
+  const qurn::ScopedFd target(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const qurn::ScopedFd maps(open("/proc/thread-self/maps", O_RDONLY | O_CLOEXEC));
+  if (!target.valid() || !maps.valid()) {
+    return;
+  }
+  std::array<char, 16> digits{};
+  TextBuilder process(digits.data(), digits.size() - 1);
+  process.addNumber(static_cast<uint64_t>(getpid()));
+  {
+    const Name name(process.text(), kMapEnding);
+    const NewFile map(target.get(), name);
+    forEachLine(maps.get(), [&map](char* line) {
+      const size_t length = strlen(line);
+      line[length] = '\n';
+      map.write({line, length + 1});
+      line[length] = '\0';
+    });
+  }
+  lseek(maps.get(), 0, SEEK_SET);
+  {
+    const Name name(process.text(), kIdsEnding);
+    const NewFile ids(target.get(), name);
+    forEachLine(maps.get(), [&ids](const char* line) { writeBuildIds(line, ids); });
+  }
+  while (removeOldestBeyondLimit(target.get())) {
+  }
+}
+
+}  // namespace tov::log

@@ -1,0 +1,105 @@
+#include "settings.h"
+
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <charconv>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace tov::log {
+namespace {
+
+constexpr size_t kDefaultFileBytes = size_t{10} << 20U;
+
+// An empty value is none.
+const char* valueOf(const char* variable) {
+  const char* value = getenv(variable);
+  return value == nullptr || *value == '\0' ? nullptr : value;
+}
+
+void tellUnknown(const char* variable, const char* value, const char* instead) {
+  std::fprintf(stderr, "%s: unknown value \"%s\", taken as %s\n", variable, value, instead);
+}
+
+void readLevel(Settings& settings) {
+  struct Name {
+    const char* name;
+    bool isOff;
+    Level least;
+  };
+  constexpr std::array<Name, 6> kNames{{{"info", false, Level::kInfo},
+                                        {"warning", false, Level::kWarning},
+                                        {"warn", false, Level::kWarning},
+                                        {"error", false, Level::kError},
+                                        {"err", false, Level::kError},
+                                        {"off", true, Level::kError}}};
+  const char* value = valueOf("TOV_LOG_LEVEL");
+  if (value == nullptr) {
+    return;
+  }
+  for (const Name& one : kNames) {
+    if (strcasecmp(value, one.name) == 0) {
+      settings.isOff = one.isOff;
+      settings.least = one.least;
+      return;
+    }
+  }
+  tellUnknown("TOV_LOG_LEVEL", value, "info");
+}
+
+// The service manager says which descriptor leads to the journal.
+bool standardErrorIsTheJournal() {
+  const char* stream = valueOf("JOURNAL_STREAM");
+  uint64_t device = 0;
+  uint64_t node = 0;
+  struct stat is {};
+  return stream != nullptr && std::sscanf(stream, "%" SCNu64 ":%" SCNu64, &device, &node) == 2 &&
+         fstat(STDERR_FILENO, &is) == 0 && is.st_dev == device && is.st_ino == node;
+}
+
+void readTarget(Settings& settings) {
+  const char* value = valueOf("TOV_LOG_TARGET");
+  if (value == nullptr) {
+    settings.target = standardErrorIsTheJournal() ? "journal" : "stderr";
+    return;
+  }
+  settings.target = value;
+  const std::string& target = settings.target;
+  if (target != "stderr" && target != "syslog" && target != "journal" &&
+      !target.starts_with("file:")) {
+    tellUnknown("TOV_LOG_TARGET", value, "stderr");
+    settings.target = "stderr";
+  }
+}
+
+void readFileBytes(Settings& settings) {
+  const char* value = valueOf("TOV_LOG_FILE_BYTES");
+  if (value == nullptr) {
+    return;
+  }
+  const std::string_view text(value);
+  size_t bytes = 0;
+  const auto [end, mistake] = std::from_chars(text.data(), text.data() + text.size(), bytes);
+  if (mistake == std::errc() && end == text.data() + text.size() && bytes > 0) {
+    settings.fileBytes = bytes;
+  } else {
+    tellUnknown("TOV_LOG_FILE_BYTES", value, std::to_string(kDefaultFileBytes).c_str());
+  }
+}
+
+}  // namespace
+
+Settings readSettings() {
+  Settings settings{false, Level::kInfo, {}, kDefaultFileBytes};
+  readLevel(settings);
+  readTarget(settings);
+  readFileBytes(settings);
+  return settings;
+}
+
+}  // namespace tov::log
