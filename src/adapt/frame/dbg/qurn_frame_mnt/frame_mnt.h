@@ -6,6 +6,7 @@
 #include <qurnadapt/maintenance.h>
 #include <qurnadapt/platform.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdint>
 
@@ -20,6 +21,9 @@ struct FrameProcInfo {
   uint32_t pid;
   char procName[FRAME_PROC_NAME_LEN];
 };
+
+extern constinit FrameProcInfo g_procInfo;
+extern constinit std::atomic<uint32_t> periodDelay;  // of detection, milliseconds; 0 while unset
 
 // Filled once a process at the start of its first start-up, before the detection thread exists.
 const FrameProcInfo& procInfo() noexcept;

@@ -13,29 +13,23 @@
 
 #include "frame_mnt.h"
 #include "internal/timespec_diff.h"
+#include "keep_alive_record.h"
 
 // Plain in the interface, because components read it as a C global; atomic in here.
 constinit uint32_t g_FrameReady = 0;
 
+constinit qurn::mnt::FrameKeepAliveCtrl qurn::mnt::g_keepAlive{};
+constinit timespec qurn::mnt::lastKeepAliveTime{};
+
 namespace {
+
+using qurn::mnt::g_keepAlive;
+using qurn::mnt::lastKeepAliveTime;
 
 constexpr int32_t kGuardHeartbeat = 0;
 constexpr int32_t kGuardReady = 1;
 // A tick that comes this much early still counts as due.
 constexpr uint32_t kDueToleranceMs = 10;
-
-struct FrameKeepAliveCtrl {
-  std::atomic<bool> taken;  // a registration has been accepted
-  std::atomic<uint32_t> keepAlivePeriod;
-  std::atomic<FrameKeepAliveHook>
-      keepAliveHook;  // published last: param and period are set by then
-  std::atomic<void*> keepAliveParam;
-};
-
-constinit FrameKeepAliveCtrl g_keepAlive{};
-
-// When the last report succeeded. Detection thread only.
-constinit timespec lastKeepAliveTime{};
 
 std::atomic_ref<uint32_t> ready() noexcept { return std::atomic_ref<uint32_t>(g_FrameReady); }
 

@@ -22,6 +22,10 @@
 #include "start_turns.h"
 
 namespace qurn::mnt {
+
+constinit FrameProcInfo g_procInfo{};
+constinit std::atomic<uint32_t> periodDelay{0};
+
 namespace {
 
 constexpr char kDetectionThreadName[] = "tovDeadloopTask";
@@ -29,8 +33,6 @@ static_assert(sizeof(kDetectionThreadName) <= FRAME_TASK_NAME_LEN);
 
 constexpr char kTimerSetName[] = "tov_timer";
 
-constinit FrameProcInfo g_procInfo{};
-constinit std::atomic<uint32_t> periodDelay{0};
 constinit std::atomic<bool> g_detectionRuns{false};
 constinit std::atomic<int32_t> g_detectionTimer{-1};  // its descriptor
 

@@ -58,6 +58,8 @@ static_assert(offsetof(FrameMonitorTaskInfo, stDetectTime) == 40);
 static_assert(offsetof(FrameMonitorTaskInfo, acTaskName) == 56);
 static_assert(sizeof(FrameMonitorTaskInfo) == 72);
 
+extern constinit FrameTaskDeadloopCtrl g_ctrl;
+
 // The initialised monitor, or null.
 FrameTaskDeadloopCtrl* monitor() noexcept;
 

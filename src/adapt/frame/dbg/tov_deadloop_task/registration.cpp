@@ -14,13 +14,15 @@
 #include "monitor_table.h"
 
 namespace qurn::monitor {
+
+constinit FrameTaskDeadloopCtrl g_ctrl{};
+
 namespace {
 
 constexpr uint32_t kMillisecondsPerSecond = 1000;
 constexpr uint32_t kFirstUnrepresentableSeconds = 4294967;
 constexpr uint32_t kLongestMs = 0xFFFFFFFF;
 
-constinit FrameTaskDeadloopCtrl g_ctrl{};
 constinit std::atomic<FrameTaskDeadloopCtrl*> g_monitor{nullptr};
 
 uint32_t thresholdMs(uint32_t seconds) noexcept {
