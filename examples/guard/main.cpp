@@ -159,7 +159,7 @@ class Guard {
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     dprintf(STDOUT_FILENO, "guard: ended with status %d after %.1f s%s\n", status_, seconds(life),
             status_ == kDeadLoop ? ": dead loop" : "");
-    // As the unit file beside this file has it.
+    // Much as the unit file beside this file has it.
     const bool restartHelps = silent_ || WIFSIGNALED(status) || status_ == kDeadLoop;
     if (stopAsked_ || !restartHelps) {
       return finish();
@@ -176,7 +176,7 @@ class Guard {
     });
     if (std::ssize(restarts_) >= options_.restarts) {
       if (options_.restarts > 0) {
-        dprintf(STDOUT_FILENO, "guard: no restart, %d within %.1f s are enough\n",
+        dprintf(STDOUT_FILENO, "guard: no restart, the limit is %d within %.1f s\n",
                 options_.restarts, seconds(options_.within));
       }
       return finish();
@@ -195,14 +195,14 @@ class Guard {
   void condemn() {
     silent_ = true;
     condemned_ = Clock::now();
-    command_ = options_.beforeKill == nullptr
-                   ? -1
-                   : startChild([this] { becomeBeforeKill(options_.beforeKill, service_); });
+    if (options_.beforeKill != nullptr) {
+      dprintf(STDOUT_FILENO, "guard: no heartbeat for %.1f s, before-kill command runs\n",
+              seconds(silenceLimit()));
+      command_ = startChild([this] { becomeBeforeKill(options_.beforeKill, service_); });
+    }
     if (command_ < 0) {
       return killSilent();
     }
-    dprintf(STDOUT_FILENO, "guard: no heartbeat for %.1f s, before-kill command runs\n",
-            seconds(silenceLimit()));
     enter(kTakingEvidence, options_.beforeKillTimeout);
   }
 
