@@ -77,7 +77,7 @@ constexpr std::array<Rule, 7> kRules{
       [](const Options& options) {
         return std::string(options.beforeKill == nullptr ? "none" : options.beforeKill);
       },
-      "a shell's, before a silent service is killed"},
+      "let sh run it before a silent service is killed"},
      timeRule<&Options::beforeKillTimeout>("before-kill-timeout",
                                            "kill that command after so long")}};
 
@@ -87,10 +87,11 @@ constexpr std::array<Rule, 7> kRules{
       "\n"
       "Runs COMMAND, a service that tells $NOTIFY_SOCKET READY=1 within 30 s and WATCHDOG=1 from "
       "then\n"
-      "on. Restarts it when it falls silent, ends with status 88 or dies of a signal; ends "
-      "otherwise,\n"
-      "as the last run did. SIGTERM, SIGINT and SIGHUP stop the service by SIGTERM, and the "
-      "guard.\n");
+      "on, and kills it when it falls silent. It is restarted then, after exit status 88 and when "
+      "it\n"
+      "died of a signal; else the guard ends, as the service did. SIGTERM, SIGINT and SIGHUP to "
+      "the\n"
+      "guard end both, the service by SIGTERM.\n");
   for (const Rule& rule : kRules) {
     std::printf("  %-29s %s (default: %s)\n",
                 (std::string("--") + rule.name + " " + rule.value).c_str(), rule.meaning,
