@@ -43,6 +43,18 @@ std::string report(const std::string& frames) {
          "Task(worker-2) deadloop detected with no process hook ... ZOT_Exit with code 88.";
 }
 
+std::string quoted(const std::string& text) {
+  return '"' + std::regex_replace(text, std::regex("[$\"]"), "\\$&") + '"';
+}
+
+std::string shell(const std::string& command) { return "sh -c " + quoted(command); }
+
+// Falls silent and is killed, after the command.
+std::string silentHost(const std::string& command, const std::string& options = "") {
+  return GUARD "--restarts 1 --delay 0.1 --watchdog 1.5 --before-kill " + quoted(command) + " " +
+         options + HOST "freeze";
+}
+
 class Host : public testing::TestWithParam<int> {};
 
 TEST_P(Host, TellsItsStoryInOrderAndEndsAsItShould) {
@@ -89,12 +101,72 @@ TEST(Guarded, WhatMayHelpIsRestartedAndOtherEndsAreHandedOn) {
       // The shell that stands between sends it to the guard, which alone is its child.
       {GUARD HOST "healthy --seconds 0 & sleep 3; kill $!; wait $!", 0,
        "host: done ... guard: ended with status 0", "guard: restart"},
-      {GUARD "sh -c \"exit 3\"", 3, "", "guard: restart"},
-      {GUARD "sh -c \"kill -SEGV \\$\\$\"", 128 + SIGSEGV, "", "guard: restart"},
-      {GUARD "no-such-program", 127, "", "guard: restart"},
-      {GUARD "--watchdog 0 true", 2, "", "guard: restart"}};
+      {"timeout -s KILL 50 env --ignore-signal=CHLD " GUARD + shell("exit 3"), 3, "",
+       "guard: restart"},
+      {"env --block-signal=USR1 " GUARD "grep SigBlk /proc/self/status", 0,
+       "SigBlk:\t0000000000000000"},
+      {GUARD "--restarts 1 --delay 0.1 " + shell("kill -SEGV $$"), 128 + SIGSEGV,
+       "guard: ended with status 139 ... guard: restart 1 of 1 ... guard: ended with status 139 "
+       "... "
+       "guard: no restart, the limit is 1 within"},
+      // The pauses alone are longer than the window.
+      {"export lives=$(mktemp); " GUARD "--restarts 1 --within 0.2 --delay 0.5 " +
+           shell("echo >>$lives; [ $(wc -l <$lives) -eq 3 ] || exit 88") +
+           "; e=$?; rm $lives; exit $e",
+       0, "guard: restart 1 of 1 ... guard: restart 1 of 1 ... guard: ended with status 0"},
+      // Another child of the guard's process ends in the pause.
+      {"sleep 1 & exec " GUARD "--restarts 1 --delay 3 " + shell("exit 88"), 88,
+       "guard: started ... guard: restart 1 of 1 ... guard: started"},
+      {GUARD "no-such-program", 127, "", "guard: restart"}};
   if (!kOwnFrames) {  // the sanitizer keeps the signal back until pause returns
     programs.push_back({QURN_EMULATOR FIRST_WATCH, 88, " main+", ""});
+  }
+  expectAll(programs);
+}
+
+// The service or the command itself asks the guard to stop, so that it happens in time.
+TEST(Guarded, StopsWhateverItWaitsForAndTakesEvidenceBeforeItKills) {
+  const std::string silent = "guard: no heartbeat for 1.5 s, before-kill command runs ... ";
+  const std::string killed =
+      "guard: no heartbeat for 1.5 s, killed ... guard: ended with status 137";
+  const std::string never = "guard: restart";
+  expectAll(
+      {{GUARD "--stop-timeout 0.5 " + shell("trap : TERM; kill $PPID; while :; do sleep 0.1; done"),
+        128 + SIGKILL, "guard: not ended 0.5 s after SIGTERM, killed", never},
+       {GUARD + shell("(sleep 1; kill $PPID) & kill -STOP $$"), 128 + SIGTERM, "",
+        never + " ... guard: not ended"},
+       {GUARD + shell("kill -HUP $PPID; exec sleep 60"), 128 + SIGTERM, "", never},
+       {"env --ignore-signal=HUP " GUARD + shell("kill -HUP $PPID; sleep 1; exit 5"), 5, ""},
+       {"env --block-signal=TERM " + shell("kill $$; exec " GUARD "true"), 0, "", "guard: started"},
+       {silentHost("grep State /proc/$1/status; [ $1 = $MAINPID ] && exit 7"), 128 + SIGKILL,
+        silent + "State:\tT ... guard: before-kill command ended with status 7 ... " + killed +
+            " ... guard: restart 1 of 1 ... " + silent + killed},
+       {silentHost("(sleep 9; echo survived) & wait", "--before-kill-timeout 1 "), 128 + SIGKILL,
+        silent + "guard: before-kill command not done after  ... " + killed, "survived"},
+       // The command's $1 stays the service's.
+       {silentHost("kill -KILL $1; sleep 1; [ -d /proc/$1 ] && echo kept"), 128 + SIGKILL,
+        silent + "kept ... status 0 ... guard: ended with status 137 ... guard: restart 1 of 1",
+        "killed"},
+       {silentHost("kill $PPID; sleep 1; echo taken"), 128 + SIGKILL,
+        silent + "taken ... " + killed, never}});
+}
+
+TEST(Guarded, TellsItsDefaultsAndRefusesWhatItCannotFollow) {
+  std::vector<Program> programs{
+      {GUARD "--help", 0,
+       "--watchdog SECONDS ... default: 4) ... --restarts N ... default: 5) ... --within SECONDS "
+       "... "
+       "default: 300) ... --delay SECONDS ... default: 0.5) ... --stop-timeout SECONDS ... "
+       "default: 10) ... --before-kill COMMAND ... none) ... --before-kill-timeout SECONDS ... "
+       "10)"},
+      {GUARD, 2, "qurn-guard: there is no COMMAND"},
+      {GUARD "--no-such-option true", 2, "--no-such-option"},
+      {GUARD "--before-kill \"\" true", 2, "qurn-guard: --before-kill takes a command, not \"\""}};
+  for (const std::string wrong :
+       {"watchdog 0", "watchdog 4s", "within nan", "delay -1", "delay 1e9", "stop-timeout inf",
+        "before-kill-timeout 0.0001", "restarts -1", "restarts 1.5", "restarts 99999999999"}) {
+    const std::string option = "--" + wrong.substr(0, wrong.find(' '));
+    programs.push_back({GUARD "--" + wrong + " true", 2, "qurn-guard: " + option + " takes "});
   }
   expectAll(programs);
 }

@@ -2,9 +2,7 @@
 // restarts it when a restart may help. It speaks the protocol of sd_notify, so what runs under it
 // runs under a real service manager too. One thread; everything arrives through one poll, and each
 // line is one write, so that the service's lines and ours do not mix.
-#include <getopt.h>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,11 +12,13 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
+#include <deque>
 #include <string>
 #include <string_view>
 
+#include "children.h"
 #include "notify_socket.h"
+#include "options.h"
 
 namespace {
 
@@ -29,114 +29,60 @@ using std::chrono::milliseconds;
 constexpr int kDeadLoop = 88;  // how the library ends a process with a stuck thread
 constexpr milliseconds kStartLimit{30'000};
 constexpr milliseconds kLongestDelay{10'000};
+constexpr milliseconds kNoLimit = std::chrono::hours(24 * 365);
 
-struct Options {
-  milliseconds watchdog{4'000};
-  milliseconds delay{500};  // before the first restart
-  int restarts = 5;
-  char** command = nullptr;
-};
+double seconds(Clock::duration time) { return std::chrono::duration<double>(time).count(); }
 
-struct End {
-  int status;      // as a shell tells it: 128 and more for a signal
-  bool silent;     // killed for its silence
-  bool onRequest;  // we were asked to stop
-  milliseconds life;
-};
-
-double seconds(milliseconds time) { return static_cast<double>(time.count()) / 1000; }
-
-[[noreturn]] void usage(int status) {
-  std::fputs(
-      "usage: qurn-guard [--watchdog S] [--delay S] [--restarts N] COMMAND [ARGUMENTS...]\n"
-      "Runs COMMAND, kills it after S seconds without a heartbeat, and restarts it then and after\n"
-      "exit status 88, with a delay that doubles; ends as the last run did.\n",
-      status == 0 ? stdout : stderr);
-  std::exit(status);
-}
-
-milliseconds parseSeconds(const char* text) {
-  return milliseconds(static_cast<int64_t>(std::atof(text) * 1000));
-}
-
-Options parseOptions(int argc, char** argv) {
-  constexpr std::array<option, 5> kLong{{{"watchdog", required_argument, nullptr, 'w'},
-                                         {"delay", required_argument, nullptr, 'd'},
-                                         {"restarts", required_argument, nullptr, 'r'},
-                                         {"help", no_argument, nullptr, 'h'},
-                                         {nullptr, 0, nullptr, 0}}};
-  Options options;
-  for (int c = 0; (c = getopt_long(argc, argv, "+", kLong.data(), nullptr)) != -1;) {
-    switch (c) {
-      case 'w':
-        options.watchdog = parseSeconds(optarg);
-        break;
-      case 'd':
-        options.delay = parseSeconds(optarg);
-        break;
-      case 'r':
-        options.restarts = std::atoi(optarg);
-        break;
-      default:
-        usage(c == 'h' ? 0 : 2);
-    }
-  }
-  if (optind >= argc || options.watchdog.count() <= 0 || options.delay.count() <= 0) {
-    usage(2);
-  }
-  options.command = argv + optind;
-  return options;
-}
-
-sigset_t ourSignals() {
+// They wait in a descriptor from before the first start on, so that none comes at a wrong time.
+sigset_t blockOurSignals() {
+  std::signal(SIGCHLD, SIG_DFL);  // ignored, it would never tell of an end
+  struct sigaction hangUp {};
+  sigaction(SIGHUP, nullptr, &hangUp);
   sigset_t set;
   sigemptyset(&set);
-  for (const int sig : {SIGCHLD, SIGTERM, SIGINT}) {
-    sigaddset(&set, sig);
+  for (const int sig : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) {
+    if (sig != SIGHUP || hangUp.sa_handler != SIG_IGN) {  // as under nohup
+      sigaddset(&set, sig);
+    }
   }
+  sigprocmask(SIG_BLOCK, &set, nullptr);
   return set;
 }
 
-// Between fork and exec; does not return.
-[[noreturn]] void becomeService(const Options& options, const NotifySocket& notifications) {
-  const auto limit = duration_cast<std::chrono::microseconds>(options.watchdog).count();
-  setenv("NOTIFY_SOCKET", notifications.address().c_str(), 1);
-  setenv("WATCHDOG_USEC", std::to_string(limit).c_str(), 1);
-  setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
-  const sigset_t ours = ourSignals();
-  sigprocmask(SIG_UNBLOCK, &ours, nullptr);
-  prctl(PR_SET_PDEATHSIG, SIGTERM);  // it does not outlive its guard
-  execvp(options.command[0], options.command);
-  std::perror(options.command[0]);
-  _exit(127);
-}
-
-// One life of the service.
-class Run {
+class Guard {
  public:
-  Run(const Options& options, NotifySocket& notifications, int signals)
-      : options_(options), notifications_(notifications), signals_(signals) {}
+  Guard(const Options& options, NotifySocket& notifications, int signals)
+      : options_(options),
+        notifications_(notifications),
+        signals_(signals),
+        delay_(options.delay) {}
 
-  End live() {
-    const Clock::time_point start = Clock::now();
-    pid_ = fork();
-    if (pid_ < 0) {
-      std::perror("fork");
-      std::exit(1);
-    }
-    if (pid_ == 0) {
-      becomeService(options_, notifications_);
-    }
-    dprintf(STDOUT_FILENO, "guard: started, process %d\n", pid_);
-    deadline_ = start + kStartLimit;
-    while (!ended_) {
+  // Returns the status of the service's last run.
+  int guard() {
+    enter(kPausing, milliseconds(0));
+    while (!finished_) {
       waitForSomething();
     }
-    end_.life = duration_cast<milliseconds>(Clock::now() - start);
-    return end_;
+    return status_;
   }
 
  private:
+  // What it waits for decides what the end of its time means, and what a request to stop.
+  struct Phase {
+    void (Guard::*due)();
+    void (Guard::*asked)();
+  };
+  static const Phase kPausing;   // before a start
+  static const Phase kWatching;  // for heartbeats
+  static const Phase kTakingEvidence;
+  static const Phase kStopping;
+  static const Phase kDying;
+
+  void enter(const Phase& phase, milliseconds most) {
+    phase_ = &phase;
+    deadline_ = Clock::now() + most;
+  }
+
   void waitForSomething() {
     std::array<pollfd, 2> sources{
         {{signals_, POLLIN, 0}, {notifications_.descriptor(), POLLIN, 0}}};
@@ -146,93 +92,217 @@ class Run {
     if ((sources[1].revents & POLLIN) != 0) {
       takeNotification();
     }
-    if ((sources[0].revents & POLLIN) != 0) {
-      takeSignal();
-    }
-    if (!ended_ && !end_.silent && Clock::now() >= deadline_) {
-      dprintf(STDOUT_FILENO, "guard: no heartbeat for %.1f s, killed\n",
-              seconds(ready_ ? options_.watchdog : kStartLimit));
-      end_.silent = true;
-      kill(pid_, SIGKILL);
+    takeSignals();
+    takeEnds();
+    if (!finished_ && Clock::now() >= deadline_) {
+      (this->*phase_->due)();
     }
   }
 
   void takeNotification() {
-    const std::string text = notifications_.receive(pid_);
+    const std::string text = notifications_.receive(service_);
     for (std::string_view rest = text; !rest.empty();) {
       const std::string_view line = rest.substr(0, rest.find('\n'));
       rest.remove_prefix(std::min(rest.size(), line.size() + 1));
       dprintf(STDOUT_FILENO, "guard: %.*s\n", static_cast<int>(line.size()), line.data());
       ready_ = ready_ || line == "READY=1";
-      if (ready_ && (line == "READY=1" || line == "WATCHDOG=1")) {
-        deadline_ = Clock::now() + options_.watchdog;
+      if (phase_ == &kWatching && ready_ && (line == "READY=1" || line == "WATCHDOG=1")) {
+        enter(kWatching, options_.watchdog);
       }
     }
   }
 
-  void takeSignal() {
+  void takeSignals() {
     signalfd_siginfo signal{};
-    if (read(signals_, &signal, sizeof(signal)) != sizeof(signal)) {
-      return;
-    }
-    int status = 0;
-    if (signal.ssi_signo != SIGCHLD) {
-      end_.onRequest = true;
-      kill(pid_, SIGTERM);
-    } else if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      ended_ = true;
-      end_.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    while (read(signals_, &signal, sizeof(signal)) == sizeof(signal)) {
+      if (signal.ssi_signo != SIGCHLD) {
+        stopAsked_ = true;
+        (this->*phase_->asked)();
+      }
     }
   }
+
+  // One SIGCHLD may stand for several ends, those of orphans among them where we are process 1.
+  void takeEnds() {
+    int status = 0;
+    for (pid_t child = 0; (child = waitpid(endsToTake(), &status, WNOHANG)) > 0;) {
+      if (child == command_) {
+        endEvidence(status);
+      } else if (child == service_) {
+        endRun(status);
+      }
+    }
+  }
+
+  // An end that is not taken keeps the service's number from becoming another process's, which the
+  // command would then look at.
+  [[nodiscard]] pid_t endsToTake() const { return phase_ == &kTakingEvidence ? command_ : -1; }
+
+  // ---- the service's life
+
+  void start() {
+    ready_ = false;
+    silent_ = false;
+    started_ = Clock::now();
+    service_ = startChild([this] { becomeService(options_, notifications_); });
+    if (service_ < 0) {
+      status_ = 1;
+      return finish();
+    }
+    dprintf(STDOUT_FILENO, "guard: started, process %d\n", service_);
+    enter(kWatching, kStartLimit);
+  }
+
+  void endRun(int status) {
+    const Clock::duration life = Clock::now() - started_;
+    service_ = -1;
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    dprintf(STDOUT_FILENO, "guard: ended with status %d after %.1f s%s\n", status_, seconds(life),
+            status_ == kDeadLoop ? ": dead loop" : "");
+    // Much as the unit file beside this file has it.
+    const bool restartHelps = silent_ || WIFSIGNALED(status) || status_ == kDeadLoop;
+    if (stopAsked_ || !restartHelps) {
+      return finish();
+    }
+    if (life > kLongestDelay) {
+      delay_ = options_.delay;  // it was well in between
+    }
+    restart();
+  }
+
+  void restart() {
+    std::erase_if(restarts_, [oldest = Clock::now() - options_.within](Clock::time_point restart) {
+      return restart <= oldest;
+    });
+    if (std::ssize(restarts_) >= options_.restarts) {
+      if (options_.restarts > 0) {
+        dprintf(STDOUT_FILENO, "guard: no restart, the limit is %d within %.1f s\n",
+                options_.restarts, seconds(options_.within));
+      }
+      return finish();
+    }
+    restarts_.push_back(Clock::now());
+    dprintf(STDOUT_FILENO, "guard: restart %zu of %d in %.1f s\n", restarts_.size(),
+            options_.restarts, seconds(delay_));
+    enter(kPausing, delay_);
+    delay_ = std::min(delay_ * 2, std::max(kLongestDelay, options_.delay));
+  }
+
+  void finish() { finished_ = true; }
+
+  // ---- silence
+
+  void condemn() {
+    silent_ = true;
+    condemned_ = Clock::now();
+    if (options_.beforeKill != nullptr) {
+      dprintf(STDOUT_FILENO, "guard: no heartbeat for %.1f s, before-kill command runs\n",
+              seconds(silenceLimit()));
+      command_ = startChild([this] { becomeBeforeKill(options_.beforeKill, service_); });
+    }
+    if (command_ < 0) {
+      return killSilent();
+    }
+    enter(kTakingEvidence, options_.beforeKillTimeout);
+  }
+
+  void endEvidence(int status) {
+    dprintf(STDOUT_FILENO, "guard: before-kill command ended with status %d\n",
+            WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+    killSilent();
+  }
+
+  void giveUpEvidence() {
+    dprintf(STDOUT_FILENO, "guard: before-kill command not done after %.1f s, killed\n",
+            seconds(Clock::now() - condemned_));
+    if (kill(-command_, SIGKILL) != 0) {
+      kill(command_, SIGKILL);  // it has not come to have a group of its own
+    }
+    killSilent();
+  }
+
+  // The service has fallen silent and is killed anyway: rather with its evidence taken, if that
+  // does not hold up the stop.
+  void hurryEvidence() { deadline_ = std::min(deadline_, Clock::now() + options_.stopTimeout); }
+
+  void killSilent() {
+    command_ = -1;
+    if (!hasEnded()) {
+      dprintf(STDOUT_FILENO, "guard: no heartbeat for %.1f s, killed\n", seconds(silenceLimit()));
+    }
+    killService();
+  }
+
+  // Its end, if it has come, is not taken yet.
+  [[nodiscard]] bool hasEnded() const {
+    siginfo_t end{};
+    return waitid(P_PID, static_cast<id_t>(service_), &end, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           end.si_pid == service_;
+  }
+
+  [[nodiscard]] milliseconds silenceLimit() const {
+    return ready_ ? options_.watchdog : kStartLimit;
+  }
+
+  // ---- a request to stop
+
+  void stop() {
+    if (phase_ != &kStopping) {
+      enter(kStopping, options_.stopTimeout);
+    }
+    kill(service_, SIGTERM);
+    kill(service_, SIGCONT);  // or a stopped service would not notice
+  }
+
+  void killUnstopped() {
+    dprintf(STDOUT_FILENO, "guard: not ended %.1f s after SIGTERM, killed\n",
+            seconds(options_.stopTimeout));
+    killService();
+  }
+
+  void killService() {
+    enter(kDying, kNoLimit);
+    kill(service_, SIGKILL);
+  }
+
+  void goOn() {}
 
   const Options& options_;
   NotifySocket& notifications_;
   const int signals_;
-  pid_t pid_ = -1;
+  const Phase* phase_ = &kPausing;
   Clock::time_point deadline_;
+  bool stopAsked_ = false;
+  bool finished_ = false;
+  int status_ = 0;
+  // The restarts, and the delay before the next one.
+  std::deque<Clock::time_point> restarts_;
+  milliseconds delay_;
+  // The present run. Nobody but we takes its end, so its number is its own until then.
+  pid_t service_ = -1;
+  pid_t command_ = -1;
+  Clock::time_point started_;
+  Clock::time_point condemned_;
   bool ready_ = false;
-  bool ended_ = false;
-  End end_{};
+  bool silent_ = false;
 };
 
-// As the unit file beside this file has it.
-bool restartHelps(const End& end) {
-  return !end.onRequest && (end.silent || end.status == kDeadLoop);
-}
-
-int guard(const Options& options, NotifySocket& notifications, int signals) {
-  milliseconds delay = options.delay;
-  for (int restarts = 0;; ++restarts) {
-    const End end = Run(options, notifications, signals).live();
-    dprintf(STDOUT_FILENO, "guard: ended with status %d after %.1f s%s\n", end.status,
-            seconds(end.life), end.status == kDeadLoop ? ": dead loop" : "");
-    if (!restartHelps(end) || restarts >= options.restarts) {
-      return end.status;
-    }
-    if (end.life > kLongestDelay) {
-      delay = options.delay;  // it was well in between
-    }
-    dprintf(STDOUT_FILENO, "guard: restart %d of %d in %.1f s\n", restarts + 1, options.restarts,
-            seconds(delay));
-    pollfd requests{signals, POLLIN, 0};
-    if (poll(&requests, 1, static_cast<int>(delay.count())) != 0) {
-      return end.status;
-    }
-    delay = std::min(delay * 2, kLongestDelay);
-  }
-}
+constexpr Guard::Phase Guard::kPausing{&Guard::start, &Guard::finish};
+constexpr Guard::Phase Guard::kWatching{&Guard::condemn, &Guard::stop};
+constexpr Guard::Phase Guard::kTakingEvidence{&Guard::giveUpEvidence, &Guard::hurryEvidence};
+constexpr Guard::Phase Guard::kStopping{&Guard::killUnstopped, &Guard::stop};
+constexpr Guard::Phase Guard::kDying{&Guard::goOn, &Guard::goOn};
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  const sigset_t ours = blockOurSignals();
   const Options options = parseOptions(argc, argv);
-  const sigset_t ours = ourSignals();
-  sigprocmask(SIG_BLOCK, &ours, nullptr);
   const int signals = signalfd(-1, &ours, SFD_CLOEXEC | SFD_NONBLOCK);
   NotifySocket notifications;
   if (signals < 0 || !notifications.open()) {
     std::perror("qurn-guard");
     return 1;
   }
-  return guard(options, notifications, signals);
+  return Guard(options, notifications, signals).guard();
 }
