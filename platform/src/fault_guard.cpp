@@ -110,26 +110,32 @@ bool isSame(const Action& one, const Action& other) noexcept {
          memcmp(&one.sa_mask, &other.sa_mask, sizeof(one.sa_mask)) == 0;
 }
 
+// Returns whether it stands for what was there until this moment.
+bool replaceByOurs(Guarded& signal, Action action) noexcept {
+  if (!isSame(action, signal.theirs[signal.generation].action)) {
+    signal.generation = (signal.generation + 1) % kGenerations;
+    signal.theirs[signal.generation].action = action;
+  }
+  Theirs& theirs = signal.theirs[signal.generation];
+  theirs.isSpent = false;
+  action.sa_sigaction = kOurs[signal.generation];
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK | (action.sa_flags & (SA_NODEFER | SA_RESTART));
+  Action replaced{};
+  sigaction(signal.sig, &action, &replaced);
+  if (isSame(replaced, theirs.action)) {
+    return true;
+  }
+  sigaction(signal.sig, &replaced, nullptr);
+  return false;
+}
+
 void putOursInPlace() noexcept {
   for (Guarded& signal : g_signals) {
     Action action{};
-    sigaction(signal.sig, nullptr, &action);
-    if (theirsBehind(signal, action) != nullptr) {  // of a walk that never ended
-      continue;
-    }
-    if (!isSame(action, signal.theirs[signal.generation].action)) {
-      signal.generation = (signal.generation + 1) % kGenerations;
-      signal.theirs[signal.generation].action = action;
-    }
-    Theirs& theirs = signal.theirs[signal.generation];
-    theirs.isSpent = false;
-    action.sa_sigaction = kOurs[signal.generation];
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK | (action.sa_flags & (SA_NODEFER | SA_RESTART));
-    Action replaced{};
-    sigaction(signal.sig, &action, &replaced);
-    if (replaced.sa_sigaction != theirs.action.sa_sigaction) {  // set this very moment
-      theirs.action = replaced;
-    }
+    do {
+      sigaction(signal.sig, nullptr, &action);
+    } while (theirsBehind(signal, action) == nullptr &&  // else of a walk that never ended
+             !replaceByOurs(signal, action));
   }
 }
 
