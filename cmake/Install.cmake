@@ -23,7 +23,7 @@ if(QURN_BUILD_EXAMPLES)
           DESTINATION lib/systemd/system COMPONENT examples)
 endif()
 if(QURN_BUILD_TOOLS)
-  install(TARGETS qurn_report RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(TARGETS qurn_inspect qurn_report RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 endif()
 
 # Two sets of targets, because a host with a real platform does without the stand-in.

@@ -1,0 +1,18 @@
+// An inspection as people, machines and collectors read it.
+#pragma once
+
+#include <ostream>
+
+#include "snapshot.h"
+
+namespace qurn::inspect {
+
+void writeText(std::ostream& out, const Snapshot& snapshot);
+void writeJson(std::ostream& out, const Snapshot& snapshot);
+// The Prometheus text format.
+void writeMetrics(std::ostream& out, const Snapshot& snapshot);
+
+// Without what would do something to a terminal.
+std::string printable(std::string_view text);
+
+}  // namespace qurn::inspect

@@ -1,0 +1,192 @@
+#include "symbols.h"
+
+#include <cxxabi.h>
+#include <dwarf.h>
+#include <elfutils/libdw.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "core_target.h"
+
+namespace qurn::inspect {
+namespace {
+
+constexpr size_t kMostFrames = 256;
+
+std::string demangled(const char* symbol) {
+  const std::unique_ptr<char, decltype(&std::free)> name(
+      abi::__cxa_demangle(symbol, nullptr, nullptr, nullptr), &std::free);
+  return name == nullptr ? symbol : name.get();
+}
+
+// As the process sees its files, which may be in another mount namespace.
+int findElf(Dwfl_Module* module, void** userData, const char* name, Dwarf_Addr base, char** file,
+            Elf** elf) {
+  return dwfl_linux_proc_find_elf(module, userData, name, base, file, elf);
+}
+
+int findNoDebugInfo(Dwfl_Module* /*module*/, void** /*userData*/, const char* /*name*/,
+                    Dwarf_Addr /*base*/, const char* /*file*/, const char* /*link*/,
+                    GElf_Word /*checksum*/, char** /*found*/) {
+  return -1;
+}
+
+int findBuiltElf(Dwfl_Module* module, void** userData, const char* name, Dwarf_Addr base,
+                 char** file, Elf** elf) {
+  return dwfl_build_id_find_elf(module, userData, name, base, file, elf);
+}
+
+std::string placeOf(const char* file, int line) {
+  return file == nullptr ? std::string() : std::string(file) + ":" + std::to_string(line);
+}
+
+std::string sourceOf(Dwfl_Module* module, uint64_t address) {
+  Dwfl_Line* found = dwfl_module_getsrc(module, address);
+  int line = 0;
+  const char* file =
+      found == nullptr ? nullptr : dwfl_lineinfo(found, nullptr, &line, nullptr, nullptr, nullptr);
+  return placeOf(file, line);
+}
+
+// Where an inlined call stands in the function that it was inlined into.
+std::string callPlaceOf(Dwarf_Die* inlined, Dwarf_Die* unit) {
+  Dwarf_Attribute attribute;
+  Dwarf_Word file = 0;
+  Dwarf_Word line = 0;
+  Dwarf_Files* files = nullptr;
+  if (dwarf_formudata(dwarf_attr(inlined, DW_AT_call_file, &attribute), &file) != 0 ||
+      dwarf_formudata(dwarf_attr(inlined, DW_AT_call_line, &attribute), &line) != 0 ||
+      dwarf_getsrcfiles(unit, &files, nullptr) != 0) {
+    return {};
+  }
+  return placeOf(dwarf_filesrc(files, file, nullptr, nullptr), static_cast<int>(line));
+}
+
+std::string nameOfDie(Dwarf_Die* die) {
+  Dwarf_Attribute attribute;
+  for (const unsigned name : {unsigned{DW_AT_linkage_name}, unsigned{DW_AT_name}}) {
+    if (const char* text = dwarf_formstring(dwarf_attr_integrate(die, name, &attribute))) {
+      return demangled(text);
+    }
+  }
+  return {};
+}
+
+// Adds the inlined frames, innermost first, and returns where the function itself stands.
+std::string addInlined(Dwfl_Module* module, uint64_t inside, uint64_t address, std::string source,
+                       std::vector<Frame>& frames) {
+  Dwarf_Addr bias = 0;
+  Dwarf_Die* unit = dwfl_module_addrdie(module, inside, &bias);
+  Dwarf_Die* scopes = nullptr;
+  const int count = unit == nullptr ? 0 : dwarf_getscopes(unit, inside - bias, &scopes);
+  for (int i = 0; i < count; ++i) {
+    if (dwarf_tag(&scopes[i]) == DW_TAG_inlined_subroutine) {
+      frames.push_back({address, nameOfDie(&scopes[i]), 0, source, true});
+      source = callPlaceOf(&scopes[i], unit);
+    }
+  }
+  std::free(scopes);
+  return source;
+}
+
+}  // namespace
+
+Symbols::Symbols(const Target& target, const SymbolSources& sources, Depth depth)
+    : debugPath_(sources.debugPath),
+      debugPathPointer_(debugPath_.empty() ? nullptr : debugPath_.data()),
+      callbacks_{target.isCore() ? findBuiltElf : findElf,
+                 depth == Depth::kExported ? findNoDebugInfo : dwfl_standard_find_debuginfo,
+                 nullptr, debugPathPointer_ == nullptr ? nullptr : &debugPathPointer_},
+      session_(dwfl_begin(&callbacks_), dwfl_end) {
+  dwfl_report_begin(session_.get());
+  if (const auto* core = dynamic_cast<const CoreTarget*>(&target)) {
+    dwfl_core_file_report(session_.get(), core->elf(),
+                          sources.program.empty() ? nullptr : sources.program.c_str());
+  } else {
+    dwfl_linux_proc_report(session_.get(), target.pid());
+  }
+  dwfl_report_end(session_.get(), nullptr, nullptr);
+}
+
+std::string Symbols::nameOf(uint64_t address) const {
+  Dwfl_Module* module = address == 0 ? nullptr : dwfl_addrmodule(session_.get(), address);
+  const char* name = module == nullptr ? nullptr : dwfl_module_addrname(module, address - 1);
+  return name == nullptr ? std::string() : name;
+}
+
+void Symbols::explain(uint64_t address, bool isCaller, std::vector<Frame>& frames) const {
+  const uint64_t inside = address - (isCaller ? 1 : 0);
+  Dwfl_Module* module = address == 0 ? nullptr : dwfl_addrmodule(session_.get(), inside);
+  if (module == nullptr) {
+    frames.push_back({address, {}, 0, {}, false});
+    return;
+  }
+  const std::string source = addInlined(module, inside, address, sourceOf(module, inside), frames);
+  GElf_Off offset = 0;
+  GElf_Sym symbol{};
+  const char* name =
+      dwfl_module_addrinfo(module, inside, &offset, &symbol, nullptr, nullptr, nullptr);
+  frames.push_back({address, name == nullptr ? std::string() : demangled(name),
+                    offset + (address - inside), source, false});
+}
+
+// ---- unwinding
+
+bool Symbols::setRegisters(Dwfl_Thread* thread, void* argument) {
+  const Registers& registers = *static_cast<Unwinding*>(argument)->registers;
+  if (!dwfl_thread_state_registers(thread, 0, static_cast<unsigned>(registers.values.size()),
+                                   registers.values.data())) {
+    return false;
+  }
+  dwfl_thread_state_register_pc(thread, registers.programCounter);
+  return true;
+}
+
+bool Symbols::readMemory(Dwfl* /*session*/, Dwarf_Addr address, Dwarf_Word* word, void* argument) {
+  return (*static_cast<Unwinding*>(argument)->readWord)(address, word);
+}
+
+int Symbols::noteFrame(Dwfl_Frame* frame, void* argument) {
+  auto& addresses = static_cast<Unwinding*>(argument)->addresses;
+  Dwarf_Addr address = 0;
+  bool isActivation = false;
+  if (!dwfl_frame_pc(frame, &address, &isActivation) || addresses.size() >= kMostFrames) {
+    return DWARF_CB_ABORT;
+  }
+  addresses.push_back(address);
+  return DWARF_CB_OK;
+}
+
+std::vector<uint64_t> Symbols::unwind(const Registers& registers, const ReadWord& readWord) {
+  constexpr pid_t kTheThread = 1;  // there is only one at a time
+  static const Dwfl_Thread_Callbacks kThreads{
+      [](Dwfl* /*session*/, void* argument, void** thread) -> pid_t {
+        const bool isFirst = *thread == nullptr;
+        *thread = argument;
+        return isFirst ? kTheThread : 0;
+      },
+      [](Dwfl* /*session*/, pid_t /*tid*/, void* argument, void** thread) {
+        *thread = argument;
+        return true;
+      },
+      readMemory,
+      setRegisters,
+      nullptr,
+      nullptr};
+  unwinding_ = {&registers, &readWord, {}};
+  if (!isAttached_) {
+    isAttached_ = dwfl_attach_state(session_.get(), nullptr, kTheThread, &kThreads, &unwinding_);
+  }
+  if (isAttached_) {
+    dwfl_getthread_frames(session_.get(), kTheThread, noteFrame, &unwinding_);
+  }
+  if (unwinding_.addresses.empty()) {
+    unwinding_.addresses.push_back(registers.programCounter);
+  }
+  return std::move(unwinding_.addresses);
+}
+
+}  // namespace qurn::inspect

@@ -1,0 +1,268 @@
+#include "waits.h"
+
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <map>
+#include <string_view>
+
+namespace qurn::inspect {
+namespace {
+
+constexpr uint32_t kTidMask = FUTEX_TID_MASK;
+
+// ---- locks
+
+struct Words {
+  uint64_t address;
+  std::array<uint32_t, 4> word;
+};
+
+pid_t asThread(uint32_t word, const std::set<pid_t>& threads) {
+  const auto tid = static_cast<pid_t>(word & kTidMask);
+  return threads.contains(tid) ? tid : 0;
+}
+
+// What the functions on the way to the wait are for, by a part of the first one's name that tells.
+struct NameRule {
+  std::string_view part;
+  Verdict kind;
+};
+constexpr std::array<NameRule, 12> kNameRules{{{"rwlock_", Verdict::kRwlock},
+                                               {"cond_", Verdict::kCondition},
+                                               {"sem_", Verdict::kSemaphore},
+                                               {"sem_wait", Verdict::kSemaphore},
+                                               {"mutex_", Verdict::kMutex},
+                                               {"join", Verdict::kJoin},
+                                               {"pthread_once", Verdict::kLock},
+                                               {"malloc", Verdict::kLock},
+                                               {"calloc", Verdict::kLock},
+                                               {"realloc", Verdict::kLock},
+                                               {"free", Verdict::kLock},
+                                               {"arena", Verdict::kLock}}};
+
+Verdict kindByNames(const Target& target, const Call& call, const NameOfCode& nameOfCode) {
+  constexpr size_t kWordsOfStack = 128;
+  std::array<uint64_t, kWordsOfStack> stack{};
+  size_t count = stack.size();
+  while (count > 0 && !target.read(call.stackPointer, stack.data(), count * sizeof(uint64_t))) {
+    count /= 2;  // close to the stack's end
+  }
+  for (size_t i = 0; i < count; ++i) {
+    const std::string name = nameOfCode(stack[i]);
+    for (const NameRule& rule : kNameRules) {
+      if (name.find(rule.part) != std::string::npos) {
+        return rule.kind;
+      }
+    }
+  }
+  return Verdict::kLock;
+}
+
+// The writer of the read-write lock in which one waits at this word. Readers leave no name.
+pid_t writerOf(const Target& target, uint64_t futex, const std::set<pid_t>& threads) {
+  using Data = decltype(pthread_rwlock_t::__data);
+  const uint64_t lock = futex % 8 == 0 ? futex - offsetof(Data, __wrphase_futex)
+                                       : futex - offsetof(Data, __writers_futex);
+  return asThread(target.get<uint32_t>(lock + offsetof(Data, __cur_writer)).value_or(0), threads);
+}
+
+pid_t ownerOf(const Words& words, const std::set<pid_t>& threads) {
+  return asThread(words.word[offsetof(decltype(pthread_mutex_t::__data), __owner) / 4], threads);
+}
+
+void explainPlainWait(const Target& target, const Call& call, const Words& words,
+                      const std::set<pid_t>& threads, const NameOfCode& nameOfCode, Wait& wait) {
+  const auto value = static_cast<uint32_t>(call.arguments[2]);
+  const bool isBitset =
+      (call.arguments[1] & static_cast<uint64_t>(FUTEX_CMD_MASK)) == FUTEX_WAIT_BITSET;
+  if (!isBitset && (value & FUTEX_WAITERS) != 0) {  // a robust mutex
+    wait.kind = Verdict::kMutex;
+    wait.holder = asThread(words.word[0], threads);
+    return;
+  }
+  wait.kind = kindByNames(target, call, nameOfCode);
+  const bool isJoin = isBitset && value == words.word[0] && asThread(value, threads) != 0;
+  if (isJoin && wait.kind != Verdict::kMutex) {
+    wait.kind = Verdict::kJoin;
+    wait.holder = asThread(value, threads);
+  } else if (wait.kind == Verdict::kRwlock) {
+    wait.holder = writerOf(target, words.address, threads);
+  } else if (wait.kind == Verdict::kMutex) {
+    wait.holder = ownerOf(words, threads);
+  } else if (wait.kind == Verdict::kLock && !isBitset && value == 2 && words.word[0] == 2) {
+    wait.holder = ownerOf(words, threads);
+    wait.kind = wait.holder != 0 ? Verdict::kMutex : Verdict::kLock;
+  }
+}
+
+Wait explainFutex(const Target& target, pid_t tid, const Call& call, const std::set<pid_t>& threads,
+                  const NameOfCode& nameOfCode) {
+  Wait wait{tid, Verdict::kLock, 0, call.arguments[0], "futex"};
+  const Words words{
+      call.arguments[0],
+      target.get<std::array<uint32_t, 4>>(call.arguments[0]).value_or(std::array<uint32_t, 4>{})};
+  switch (call.arguments[1] & static_cast<uint64_t>(FUTEX_CMD_MASK)) {
+    case FUTEX_LOCK_PI:
+    case FUTEX_LOCK_PI2:
+    case FUTEX_WAIT_REQUEUE_PI:
+      wait.kind = Verdict::kMutex;
+      wait.holder = asThread(words.word[0], threads);
+      break;
+    case FUTEX_WAIT:
+    case FUTEX_WAIT_BITSET:
+      explainPlainWait(target, call, words, threads, nameOfCode, wait);
+      break;
+    default:
+      break;
+  }
+  return wait;
+}
+
+// ---- other system calls
+
+struct CallRule {
+  long number;
+  const char* name;
+  bool hasDescriptor;  // as its first argument
+};
+constexpr CallRule kCalls[] = {
+    {SYS_read, "read", true},
+    {SYS_write, "write", true},
+    {SYS_readv, "readv", true},
+    {SYS_writev, "writev", true},
+    {SYS_pread64, "pread64", true},
+    {SYS_pwrite64, "pwrite64", true},
+    {SYS_recvfrom, "recvfrom", true},
+    {SYS_recvmsg, "recvmsg", true},
+    {SYS_recvmmsg, "recvmmsg", true},
+    {SYS_sendto, "sendto", true},
+    {SYS_sendmsg, "sendmsg", true},
+    {SYS_accept, "accept", true},
+    {SYS_accept4, "accept4", true},
+    {SYS_connect, "connect", true},
+    {SYS_epoll_pwait, "epoll_pwait", true},
+    {SYS_flock, "flock", true},
+    {SYS_fcntl, "fcntl", true},
+    {SYS_fsync, "fsync", true},
+    {SYS_fdatasync, "fdatasync", true},
+    {SYS_ioctl, "ioctl", true},
+    {SYS_openat, "openat", false},
+    {SYS_ppoll, "ppoll", false},
+    {SYS_pselect6, "pselect6", false},
+    {SYS_wait4, "wait4", false},
+    {SYS_waitid, "waitid", false},
+    {SYS_rt_sigtimedwait, "rt_sigtimedwait", false},
+    {SYS_rt_sigsuspend, "rt_sigsuspend", false},
+    {SYS_msgrcv, "msgrcv", false},
+    {SYS_msgsnd, "msgsnd", false},
+    {SYS_semtimedop, "semtimedop", false},
+    {SYS_mq_timedreceive, "mq_timedreceive", true},
+    {SYS_mq_timedsend, "mq_timedsend", true},
+    {SYS_io_getevents, "io_getevents", false},
+    {SYS_restart_syscall, "restart_syscall", false},
+#if defined(__x86_64__)
+    {SYS_epoll_wait, "epoll_wait", true},
+    {SYS_poll, "poll", false},
+    {SYS_select, "select", false},
+    {SYS_pause, "pause", false},
+    {SYS_open, "open", false},
+    {SYS_vfork, "vfork", false},
+#endif
+    {SYS_clone, "clone", false},
+};
+
+bool isSleep(const Call& call) {
+  switch (call.number) {
+    case SYS_nanosleep:
+    case SYS_clock_nanosleep:
+      return true;
+#if defined(__x86_64__)
+    case SYS_poll:
+      return call.arguments[1] == 0;
+    case SYS_select:
+      return call.arguments[0] == 0;
+#endif
+    case SYS_ppoll:
+      return call.arguments[1] == 0;
+    case SYS_pselect6:
+      return call.arguments[0] == 0;
+    default:
+      return false;
+  }
+}
+
+bool isTimer(const std::string& descriptor) {
+  return descriptor.find("[timerfd]") != std::string::npos;
+}
+
+Wait explainCall(const Target& target, pid_t tid, const Call& call) {
+  Wait wait{tid, Verdict::kSyscall, 0, 0, "system call " + std::to_string(call.number)};
+  for (const CallRule& rule : kCalls) {
+    if (rule.number == call.number) {
+      wait.call = rule.name;
+      if (rule.hasDescriptor) {
+        const auto fd = static_cast<int>(call.arguments[0]);
+        const std::string what = target.descriptor(fd);
+        wait.kind = call.number == SYS_read && isTimer(what) ? Verdict::kSleep : Verdict::kSyscall;
+        wait.call +=
+            " on descriptor " + std::to_string(fd) + (what.empty() ? "" : " (" + what + ")");
+      }
+    }
+  }
+  return wait;
+}
+
+// Follows the one that each waits for; a thread waits for one at most.
+using Holders = std::map<pid_t, pid_t>;
+
+std::vector<pid_t> cycleFrom(pid_t start, const Holders& holders) {
+  std::vector<pid_t> way;
+  for (auto at = holders.find(start); at != holders.end(); at = holders.find(at->second)) {
+    if (!way.empty() && at->first == start) {
+      return way;
+    }
+    if (std::find(way.begin(), way.end(), at->first) != way.end()) {
+      break;  // into a cycle that it is no part of
+    }
+    way.push_back(at->first);
+  }
+  return {};
+}
+
+}  // namespace
+
+std::optional<Wait> waitOf(const Target& target, pid_t tid, const Call& call,
+                           const std::set<pid_t>& threads, const NameOfCode& nameOfCode) {
+  if (call.isRunning || call.number < 0) {
+    return std::nullopt;
+  }
+  if (call.number == SYS_futex) {
+    return explainFutex(target, tid, call, threads, nameOfCode);
+  }
+  if (isSleep(call)) {
+    return Wait{tid, Verdict::kSleep, 0, 0, ""};
+  }
+  return explainCall(target, tid, call);
+}
+
+std::vector<std::vector<pid_t>> cyclesOf(const std::vector<Wait>& waits) {
+  Holders holders;
+  for (const Wait& wait : waits) {
+    if (wait.holder != 0) {
+      holders[wait.tid] = wait.holder;
+    }
+  }
+  std::vector<std::vector<pid_t>> cycles;
+  for (const auto& [tid, holder] : holders) {
+    std::vector<pid_t> cycle = cycleFrom(tid, holders);
+    if (!cycle.empty() && *std::min_element(cycle.begin(), cycle.end()) == tid) {
+      cycles.push_back(std::move(cycle));
+    }
+  }
+  return cycles;
+}
+
+}  // namespace qurn::inspect
