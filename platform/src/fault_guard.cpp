@@ -105,9 +105,11 @@ Theirs* theirsBehind(Guarded& signal, const Action& action) noexcept {
              : nullptr;
 }
 
+// Of a mask the C library hands out more than the kernel fills.
 bool isSame(const Action& one, const Action& other) noexcept {
+  constexpr size_t kKernelMaskBytes = 8;
   return one.sa_sigaction == other.sa_sigaction && one.sa_flags == other.sa_flags &&
-         memcmp(&one.sa_mask, &other.sa_mask, sizeof(one.sa_mask)) == 0;
+         memcmp(&one.sa_mask, &other.sa_mask, kKernelMaskBytes) == 0;
 }
 
 // Returns whether it stands for what was there until this moment.
