@@ -31,7 +31,8 @@ struct FrameDeadloopDumpCtrl {
   std::atomic<FrameDeadloopDumpInfo*> dumpInfo;  // null until all three parts exist
   std::atomic<uint32_t> captureBusy;             // 1 while a handler fills the record
   std::atomic<uint32_t> captureTid;              // whose handler does, else 0
-  std::atomic<uint32_t> status;                  // FRAME_DEADLOOP_STATUS_
+  std::atomic<uint32_t> awaitedTid;  // the one thread whose capture is asked for, else 0
+  std::atomic<uint32_t> status;      // FRAME_DEADLOOP_STATUS_
 };
 static_assert(std::atomic<uint32_t>::is_always_lock_free);
 

@@ -20,7 +20,7 @@ constexpr uint32_t kPluginPeriodMs = 10000;
 constexpr int64_t kUsualLatenessMs = 20;
 constexpr int64_t kLongestWaitMs = 1000;
 
-// When the last tick ended; all zero before the first one.
+// When the last tick ended, at first when the timer was started; all zero before that.
 constinit timespec g_lastTickEnd{};
 
 // By how much this tick begins later than it should have, 0 while that is usual.
@@ -41,22 +41,44 @@ void sleepMs(int64_t milliseconds) noexcept {
   }
 }
 
+// How much longer a sleep of so many milliseconds took, 0 while that is usual.
+int64_t oversleptMs(int64_t milliseconds) noexcept {
+  timespec start{};
+  timespec end{};
+  const bool isMeasured = clock_gettime(CLOCK_MONOTONIC_COARSE, &start) == 0;
+  sleepMs(milliseconds);
+  if (!isMeasured || clock_gettime(CLOCK_MONOTONIC_COARSE, &end) != 0) {
+    return 0;
+  }
+  const int64_t moreMs = qurn::diffMs(start, end) - milliseconds;
+  return moreMs > kUsualLatenessMs ? moreMs : 0;
+}
+
 // A process that was stopped, by a signal, a debugger or with its machine, goes on with every
 // thread silent for that long. They get as long as the tick is late to send their next heartbeat,
-// and the guard gets its own meanwhile.
+// and the guard gets its own meanwhile. The process may be stopped again while they do.
 void giveThreadsTime(int64_t lateMs) noexcept {
   int64_t leftMs = std::min(lateMs, kLongestWaitMs);
   while (leftMs > 0) {
     const int64_t pieceMs = std::min<int64_t>(leftMs, qurn::mnt::msToNextKeepAlive());
-    sleepMs(pieceMs);
+    const int64_t stoppedMs = oversleptMs(pieceMs);
     FRAME_KeepAliveReport();
-    leftMs -= pieceMs;
+    leftMs = std::max(leftMs - pieceMs, std::min(stoppedMs, kLongestWaitMs));
   }
+}
+
+// The status of a capture that nobody awaits: some component raises the signal, and may do so more
+// often than ticks come. It must not take the pass's place for good.
+bool isStray() noexcept {
+  return FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED &&
+         !qurn::mnt::isCaptureAwaited();
 }
 
 }  // namespace
 
 void qurn::mnt::dropTickAfterFork() noexcept { g_lastTickEnd = {}; }
+
+void qurn::mnt::startTicks() noexcept { clock_gettime(CLOCK_MONOTONIC_COARSE, &g_lastTickEnd); }
 
 extern "C" {
 
@@ -64,8 +86,12 @@ uint32_t FrameDeadloopDetectCallback(void* /*param*/) {
   const int64_t lateMs = latenessMs();
   FRAME_KeepAliveReport();
   giveThreadsTime(lateMs);
+  const bool wasStray = isStray();
   FRAME_TaskDeadloopMonitorEntry();
   FrameWriteDeadloopInfo();
+  if (wasStray) {
+    FRAME_TaskDeadloopMonitorEntry();
+  }
   FrameRuloPluginCheckAndRepairDeadloop();
   FrameTriggerCheckExit();
   clock_gettime(CLOCK_MONOTONIC_COARSE, &g_lastTickEnd);

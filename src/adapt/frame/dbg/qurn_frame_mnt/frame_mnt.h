@@ -60,6 +60,12 @@ void dropCaptureAfterFork() noexcept;
 void dropEventLoopAfterFork() noexcept;
 void dropTickAfterFork() noexcept;
 
+// The first tick is due a period from now. Detection thread only.
+void startTicks() noexcept;
+
+// Whether the capture that is asked for, or there already, is that of a third-threshold event.
+bool isCaptureAwaited() noexcept;
+
 // Milliseconds, at least a few, until the next keep-alive report is due. Detection thread only.
 int64_t msToNextKeepAlive() noexcept;
 

@@ -93,6 +93,7 @@ void FrameWriteDeadloopInfo(void) {
   FrameWriteDeadloopInfoToLog();
   FRAME_KeepAliveReport();
   FrameDeadloopFatalAction();
+  g_dump.awaitedTid = 0;
   g_dump.status.store(FRAME_DEADLOOP_STATUS_IDLE, std::memory_order_release);
 }
 

@@ -80,6 +80,15 @@ void capture(FrameDeadloopDumpInfo* dumpInfo, void* context) noexcept {
   publish(depth, stackLength);
 }
 
+// While one thread's capture is awaited, and the thread is there, the signal that somebody else
+// sends to another one must not pass for it.
+bool isMistaken() noexcept {
+  const uint32_t awaited = g_dump.awaitedTid.load();
+  return awaited != 0 && FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_SIGNALED &&
+         awaited != static_cast<uint32_t>(syscall(SYS_gettid)) &&
+         syscall(SYS_tgkill, getpid(), awaited, 0) == 0;
+}
+
 bool isOurs(const struct sigaction& action) noexcept {
   return (action.sa_flags & SA_SIGINFO) != 0 && action.sa_sigaction == FrameDeadLoopSignalHandle;
 }
@@ -111,11 +120,13 @@ bool signalThread(pthread_t thread, uint32_t tid) noexcept {
 
 uint32_t sendSignal(pthread_t thread, uint32_t tid) noexcept {
   const auto shortId = static_cast<uint32_t>(thread);
+  g_dump.awaitedTid.store(tid);
   g_dump.status.store(FRAME_DEADLOOP_STATUS_SIGNALED, std::memory_order_release);
   MNT_LOG(TOV_LOG_INFO, "Signal %d send to thread %u.", deadloopSignal(), shortId);
   if (!handlerIsInstalled() || !signalThread(thread, tid)) {
     MNT_LOG(TOV_LOG_ERROR, "Signal %d send to thread %u unsuccessfully.", deadloopSignal(),
             shortId);
+    g_dump.awaitedTid = 0;
     g_dump.status.store(FRAME_DEADLOOP_STATUS_IDLE, std::memory_order_release);
     return QURN_FAILED;
   }
@@ -144,15 +155,20 @@ uint32_t captureThread(pthread_t thread, uint32_t tid) noexcept {
 
 void dropCaptureAfterFork() noexcept {
   giveRecordBack();
+  g_dump.awaitedTid = 0;
   g_dump.status.store(FRAME_DEADLOOP_STATUS_IDLE);
 }
+
+bool isCaptureAwaited() noexcept { return g_dump.awaitedTid.load() != 0; }
 
 void withdrawSignal(uint32_t tid) noexcept {
   uint32_t signalled = FRAME_DEADLOOP_STATUS_SIGNALED;
   if (g_dump.captureTid.load() == tid) {  // it has ended in the handler
     giveRecordBack();
   }
-  g_dump.status.compare_exchange_strong(signalled, FRAME_DEADLOOP_STATUS_IDLE);
+  if (g_dump.status.compare_exchange_strong(signalled, FRAME_DEADLOOP_STATUS_IDLE)) {
+    g_dump.awaitedTid = 0;
+  }
 }
 
 }  // namespace qurn::mnt
@@ -232,7 +248,7 @@ void FrameDeadLoopSignalHandle(int sig, siginfo_t* info, void* context) {
   }
   // A finished record belongs to the detection thread until its report is written; a signal that
   // nobody asked for must not tear it.
-  if (FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED) {
+  if (FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED || isMistaken()) {
     giveRecordBack();
     return;
   }

@@ -108,6 +108,7 @@ bool setUpDetection(FrameTimerCtrl** timerCtrl) noexcept {
     return false;
   }
   g_detectionTimer = timerFd;
+  startTicks();
   if (FRAME_MntRegSetAndEventProc(kTimerSetName, FrameTimerEventProc, *timerCtrl) != QURN_OK) {
     MNT_LOG(TOV_LOG_ERROR, "Frame deadloop proc entry, reg set and event proc unsuccessfully.");
     return false;

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <qurnadapt/capture.h>
 #include <qurnadapt/keep_alive.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -104,9 +105,26 @@ PassStep applyRules(FrameTaskDeadloopCtrl& ctrl, uint64_t slot, uint32_t elapsed
   return PassStep::kNextSlot;
 }
 
+// A thread that is stuck within its own heartbeat, in a signal's handler, holds its lock for good:
+// waiting for it would end the watch over all others. The look at the C library's word spares the
+// calls where, as nearly always, nobody has it.
+bool staysLocked(FrameDeadloopMonitorNode& node) noexcept {
+  constexpr int kTries = 3;
+  for (int i = 0; i < kTries; ++i) {
+    if (__atomic_load_n(&node.stInfoMutex.__data.__lock, __ATOMIC_RELAXED) == 0) {
+      return false;
+    }
+    sched_yield();
+  }
+  return true;
+}
+
 PassStep measureNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
   FrameMonitorTaskInfo& info = ctrl.astNode[slot].stTaskInfo;
   int32_t elapsedMs = 0;
+  if (staysLocked(ctrl.astNode[slot])) [[unlikely]] {
+    return PassStep::kNextSlot;
+  }
   {
     const NodeLock lock(ctrl.astNode[slot]);
     if (!isMeasured(info)) {

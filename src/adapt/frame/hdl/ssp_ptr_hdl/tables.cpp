@@ -31,7 +31,7 @@ constexpr uint32_t kGenerationBitsMin = 2;
 constexpr uint32_t kGenerationBitsMax = 8;
 constexpr uint32_t kSlotBits = 8;
 constexpr uint32_t kHandleBits = 32;
-constexpr int kMostWayMs = 5000;
+constexpr int kMostWayMs = 500;
 
 // Held while the module starts or ends.
 constinit qurn::ForkMutex g_moduleMutex;
@@ -113,10 +113,15 @@ constinit Leftovers g_leftovers;
 // Those of this thread: several, if a signal's handler forks during a fork.
 [[gnu::tls_model("initial-exec")]] constinit thread_local uint32_t t_forks = 0;
 
+// How long calls on tables have waited for the forks under way.
+constinit std::atomic<int> g_waitedMs{0};
+
 // Whoever went in before the fork was announced is seen by now, on whatever processor it runs.
 void announceFork() noexcept {
   ++t_forks;
-  ++g_tableUse.forks;
+  if (++g_tableUse.forks == 1) {
+    g_waitedMs = 0;
+  }
   if (g_pTblLock != 0 && syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0) {
     qurn::sleepAMillisecond();
   }
@@ -169,13 +174,14 @@ __attribute__((constructor)) void watchForks() noexcept {
 }  // namespace
 
 // A fork's own handlers may use the tables. A fork that never comes to its end, as another
-// library's handler waits for what this thread holds, must not stop the tables for good.
+// library's handler waits for what this thread holds, must not stop the tables: all calls together
+// wait for the forks under way for so long.
 void qurn::hdl::makeWayForFork() noexcept {
   const Uncancellable uncancellable;
-  for (int waitedMs = 0; t_forks == 0 && g_tableUse.forks.load() != 0 && waitedMs < kMostWayMs;) {
+  while (t_forks == 0 && g_tableUse.forks.load() != 0 && g_waitedMs < kMostWayMs) {
     TableLock::leave();
     KEM_MutexUnlock(&g_pTblLock);
-    for (; g_tableUse.forks.load() != 0 && waitedMs < kMostWayMs; ++waitedMs) {
+    while (g_tableUse.forks.load() != 0 && ++g_waitedMs <= kMostWayMs) {
       sleepAMillisecond();
     }
     KEM_MutexLock(&g_pTblLock);
