@@ -18,6 +18,7 @@
 #include "common/machine_context.h"
 #include "common/scoped_fd.h"
 #include "fault_guard.h"
+#include "readable.h"
 
 namespace {
 
@@ -152,14 +153,6 @@ void walkFromLinkRegister(Walk& walk, uint64_t* registers) {
 }
 #endif
 
-// Asks the kernel to read the eight bytes, which fails where we would fault: an invalid request
-// number makes the call change nothing.
-bool isReadable(uint64_t address) {
-  constexpr int kInvalidRequest = ~0;
-  syscall(SYS_rt_sigprocmask, kInvalidRequest, address, nullptr, sizeof(uint64_t));
-  return errno == EINVAL;
-}
-
 // The end of the stack that the calling thread runs on, 0 when it cannot be told. Other than on the
 // main thread, the threads library keeps a thread's control block at the top of its stack.
 uint64_t stackEndFor(uint64_t stackPointer) {
@@ -179,8 +172,8 @@ void walkFramePointers(Walk& walk) {
   uint64_t frame = walk.last.framePointer;
   constexpr uint64_t kFrameBytes = 2 * sizeof(uint64_t);
   while (!walk.full() && end > kFrameBytes && frame >= lowest && frame <= end - kFrameBytes &&
-         frame % sizeof(uint64_t) == 0 && isReadable(frame) &&
-         isReadable(frame + sizeof(uint64_t))) {
+         frame % sizeof(uint64_t) == 0 && tov::isReadable(frame) &&
+         tov::isReadable(frame + sizeof(uint64_t))) {
     const auto* link = reinterpret_cast<const uint64_t*>(frame);
     if (link[1] == 0) {
       return;
