@@ -255,6 +255,19 @@ void pushPopFloor() {
   TOV_MemFreeF(node, "bench", 1, 0);
 }
 
+// ---- memory that is accounted for
+
+constexpr size_t kBlockBytes = 64;
+
+void accountedMemory() {
+  KEM_MemFree_F(0, KEM_MemAlloc_F(0, 0, kBlockBytes, "bench/paths.cpp", 1), "bench/paths.cpp", 2);
+}
+void plainMemory() {
+  void* block = malloc(kBlockBytes);
+  asm volatile("" : "+r"(block)::"memory");  // or the compiler leaves both out
+  free(block);
+}
+
 constexpr Path kPaths[] = {
     {"heartbeat", heartbeat, &kMonitored},
     {"heartbeat_floor", heartbeatFloor, &kOwnLine},
@@ -272,6 +285,8 @@ constexpr Path kPaths[] = {
     {"list_floor", insertDeleteFloor, &kList},
     {"stack", pushPop, &kList},
     {"stack_floor", pushPopFloor, &kList},
+    {"memory", accountedMemory, &kPlain},
+    {"memory_floor", plainMemory, &kPlain},
 };
 
 }  // namespace

@@ -45,6 +45,10 @@ int main(int argc, char** argv) {
       for (const int threads : {1, 2, 4, 16, 64}) {
         add(path, 0)->Threads(threads);
       }
+    } else if (name.rfind("memory", 0) == 0) {
+      for (const int threads : {1, 2}) {
+        add(path, 0)->Threads(threads);
+      }
     } else if (name.rfind("validate", 0) == 0 || name.rfind("create", 0) == 0) {
       for (const uint64_t live : {1'000U, 100'000U, 1'000'000U}) {
         add(path, live);

@@ -2,7 +2,6 @@
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(SAFEC REQUIRED IMPORTED_TARGET libsafec)
-pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 pkg_check_modules(YAMLCPP REQUIRED IMPORTED_TARGET yaml-cpp)
 find_package(spdlog REQUIRED)
 if(QURN_BUILD_TOOLS)

@@ -1,7 +1,10 @@
 // The monitor beyond its model: real threads that are watched, end and are handled, its
 // initialisation, the legacy heart calls, and dead-loop sections.
+#include <barrier>
 #include <filesystem>
+#include <semaphore>
 
+#include "support/in_child.h"
 #include "support/library_test.h"
 #include "support/run_program.h"
 #include "support/silent_thread.h"
@@ -271,14 +274,63 @@ TEST_F(DetectionPass, TheFrameworksHookIsASectionsActionAndItsLogTextsKeepTheirL
   const auto sum = [](uint64_t threadId, uint32_t elapsedMs) {
     return static_cast<uint32_t>(threadId) + elapsedMs;
   };
-  ASSERT_EQ(TovStandInDeadloopHookSet(77, sum), QURN_OK);
-  EXPECT_EQ(FrameSdkDeadloopAction(nullptr, 77, 1000), 1077U);
+  ASSERT_EQ(TovStandInDeadloopHookSet(pthread_self(), sum), QURN_OK);
+  EXPECT_EQ(FrameSdkDeadloopAction(nullptr, pthread_self(), 1000),
+            static_cast<uint32_t>(pthread_self()) + 1000);
 
   for (uint32_t level = 0; level < 4; ++level) {
     FrameDeadloopLogoutHook(level, "100%s");
   }
   EXPECT_EQ(recorded::texts(), Texts(3, "100%s"));
   EXPECT_EQ(recorded::texts(40).size() + recorded::texts(80).size(), 2U);
+}
+
+TEST(DeadloopHook, EndsWithItsThreadWhoeverSetIt) {
+  const TovDeadloopHook hook = [](uint64_t, uint32_t) { return 0U; };
+  for (int i = 0; i < 10; ++i) {
+    std::binary_semaphore isSet{0};
+    std::thread thread([&] {
+      if (i % 2 == 0) {
+        EXPECT_EQ(TovDeadloopGetHookByThreadId(pthread_self()), nullptr) << "another's";
+        EXPECT_EQ(TovStandInDeadloopHookSet(pthread_self(), hook), QURN_OK);
+        isSet.release();
+      }
+      isSet.acquire();
+      EXPECT_EQ(TovDeadloopGetHookByThreadId(pthread_self()), hook);
+      EXPECT_TRUE(inChild([=] { return TovDeadloopGetHookByThreadId(pthread_self()) == hook; }));
+    });
+    const pthread_t id = thread.native_handle();
+    if (i % 2 != 0) {
+      EXPECT_EQ(TovStandInDeadloopHookSet(id, hook), QURN_OK);
+      isSet.release();
+    }
+    thread.join();
+    EXPECT_EQ(TovDeadloopGetHookByThreadId(id), nullptr);
+  }
+  for (const uint64_t none : {uint64_t{0}, uint64_t{77}, UINT64_MAX}) {
+    EXPECT_EQ(TovStandInDeadloopHookSet(none, hook), QURN_FAILED);
+  }
+}
+
+TEST(DeadloopHook, IsKeptForSixtyFourThreadsAtATime) {
+  const TovDeadloopHook hook = [](uint64_t, uint32_t) { return 0U; };
+  {
+    std::barrier together(65);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 64; ++i) {
+      threads.emplace_back([&] {
+        EXPECT_EQ(TovStandInDeadloopHookSet(pthread_self(), hook), QURN_OK);
+        together.arrive_and_wait();
+        together.arrive_and_wait();
+      });
+    }
+    together.arrive_and_wait();
+    EXPECT_EQ(TovStandInDeadloopHookSet(pthread_self(), hook), QURN_FAILED);
+    together.arrive_and_wait();
+  }
+  EXPECT_EQ(TovStandInDeadloopHookSet(pthread_self(), hook), QURN_OK);
+  EXPECT_EQ(TovStandInDeadloopHookSet(pthread_self(), nullptr), QURN_OK);
+  EXPECT_EQ(TovDeadloopGetHookByThreadId(pthread_self()), nullptr);
 }
 
 }  // namespace

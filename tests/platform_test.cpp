@@ -1,8 +1,12 @@
 // The stand-in platform on its own, beyond what the library's tests and the fuzz targets use of it.
+#include <fcntl.h>
 #include <qurnadapt/qurnadapt.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
+#include <termios.h>
 #include <tovplatform/stand_in.h>
 #include <unistd.h>
 
@@ -19,6 +23,7 @@
 #include <vector>
 
 #include "common/machine_context.h"
+#include "common/scoped_fd.h"
 #include "support/in_child.h"
 #include "support/interpose.h"
 #include "support/run_program.h"
@@ -385,6 +390,98 @@ TEST(KemMemory, IsAccountedForByHandlePartitionAndPlaceAndMistakesAreSaid) {
   EXPECT_EQ(TovStandInBoxWrite(7, "x"), QURN_OK);
   EXPECT_TRUE(KEM_BoxextRecordShow(8, 0, 20, 0xFFFFFFFF) != QURN_OK &&
               TovStandInBoxWrite(8, "x") != QURN_OK);
+}
+
+// ---- signals of the terminal
+
+int g_deliveries = 0;
+uint32_t ignoreTheThird(uint32_t sig, void* info, void* context) {
+  return ++g_deliveries < 3 ? 0 : FrameSignalIgnoreFunc(sig, info, context);
+}
+
+// In the background of a terminal of its own, which its parent leads.
+template <typename Action>
+bool inBackground(Action isGood) {
+  return inChild([=] {
+    const int other = posix_openpt(O_RDWR | O_NOCTTY);
+    grantpt(other);
+    unlockpt(other);
+    setsid();
+    const int terminal = open(ptsname(other), O_RDWR);
+    return inChild([&] {
+      setpgid(0, 0);
+      return tcgetpgrp(terminal) == getppid() && isGood(terminal);
+    });
+  });
+}
+
+TEST(IgnoredSignal, OfTheTerminalLetsTheInterruptedCallEnd) {
+  if (kSanitizers == "thread") {
+    GTEST_SKIP() << "its handlers wait for the call to end";
+  }
+  for (const auto& [handler, deliveries] :
+       {std::pair{&FrameSignalIgnoreFunc, 0}, std::pair{&ignoreTheThird, 3}}) {
+    EXPECT_TRUE(inBackground([handler = handler, deliveries = deliveries](int terminal) {
+      KEM_SigcapHandleReg(SIGTTIN, handler);
+      char text = 0;
+      return read(terminal, &text, 1) == -1 && errno == EIO && g_deliveries == deliveries;
+    }));
+    EXPECT_TRUE(inBackground([handler = handler, deliveries = deliveries](int terminal) {
+      KEM_SigcapHandleReg(SIGTTOU, handler);
+      termios settings{};
+      return tcgetattr(terminal, &settings) == 0 && tcsetattr(terminal, TCSANOW, &settings) == 0 &&
+             g_deliveries == deliveries;
+    }));
+  }
+  EXPECT_TRUE(inChild([] {
+    KEM_SigcapHandleReg(SIGHUP, ignoreTheThird);
+    for (int i = 0; i < 5; ++i) {
+      raise(SIGHUP);
+    }
+    return g_deliveries == 5;
+  })) << "others stay open";
+}
+
+// ---- the guard's client
+
+extern "C" int32_t bexlin_notify(int32_t what);
+
+TEST(GuardClient, NeverWaitsForAGuardAndTellsItsAddressFromOthers) {
+  unsetenv("NOTIFY_SOCKET");
+  EXPECT_EQ(bexlin_notify(1), 0);
+  const std::string name = testing::TempDir() + "/qurn-guard-" + std::to_string(getpid());
+  for (const std::string& shown : {name, "@" + name}) {
+    sockaddr_un address{AF_UNIX, ""};
+    shown.copy(address.sun_path, shown.size());
+    address.sun_path[0] = shown == name ? '/' : '\0';
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + shown.size());
+    const qurn::ScopedFd guard(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(guard.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
+    setenv("NOTIFY_SOCKET", shown.c_str(), 1);
+    alarm(20);  // if it waits after all
+    EXPECT_EQ(bexlin_notify(1), 0);
+    int32_t answer = 0;
+    while (answer == 0) {
+      answer = bexlin_notify(0);
+    }
+    alarm(0);
+    EXPECT_EQ(answer, EAGAIN);
+    const auto receive = [&] {
+      std::array<char, 64> text{};
+      EXPECT_GT(recv(guard.get(), text.data(), text.size() - 1, 0), 0);
+      return std::string(text.data());
+    };
+    EXPECT_EQ(receive(), "READY=1");
+    EXPECT_EQ(receive(), "WATCHDOG=1");
+    EXPECT_EQ(bexlin_notify(0), 0);
+  }
+  EXPECT_EQ(bexlin_notify(0), ECONNREFUSED) << "it has ended";
+  unlink(name.c_str());
+  for (const std::string& none :
+       {std::string(), std::string("@"), std::string("relative"), "/" + std::string(200, 'x')}) {
+    setenv("NOTIFY_SOCKET", none.c_str(), 1);
+    EXPECT_EQ(bexlin_notify(0), EINVAL) << none;
+  }
 }
 
 TEST(Kem, AMutexExistsBetweenInitAndDestroy) {

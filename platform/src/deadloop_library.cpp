@@ -1,14 +1,18 @@
 // Stands in for the framework's dead-loop library: keeps the capability that the process registers
-// and drives sections of threads through it, keeps a dead-loop hook for each of up to 64 threads,
-// and logs through the hook that it is given.
+// and drives sections of threads through it, keeps a dead-loop hook for each of up to 64 threads
+// until they end, and logs through the hook that it is given.
+#include <pthread.h>
 #include <qurnadapt/platform.h>
 #include <tovplatform/stand_in.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <ctime>
 #include <mutex>
 
 #include "common/fork_mutex.h"
+#include "readable.h"
 
 namespace {
 
@@ -17,7 +21,8 @@ constexpr uint32_t kLogInfo = 0;
 constexpr uint32_t kLogError = 2;
 
 struct ThreadHook {
-  uint64_t threadId;
+  uint64_t threadId;  // which another thread may have, once this one has ended
+  clockid_t clock;    // its processor time, which ends with it
   TovDeadloopHook hook;
 };
 
@@ -39,16 +44,54 @@ void log(uint32_t level, const char* text) {
   }
 }
 
-ThreadHook* findHook(uint64_t threadId) {
-  for (ThreadHook& entry : g_hooks) {
-    if (entry.threadId == threadId) {
-      return &entry;
-    }
-  }
-  return nullptr;
+// False when there is no such thread. The threads library looks into its control block, which goes
+// when it has ended, and may be none at all.
+bool findClock(uint64_t threadId, clockid_t& clock) {
+  constexpr uint64_t kLookedInto = 1024;
+  return tov::isReadable(threadId) && tov::isReadable(threadId + kLookedInto) &&
+         pthread_getcpuclockid(threadId, &clock) == 0;
 }
 
+bool hasEnded(const ThreadHook& entry) {
+  timespec used{};
+  return clock_gettime(entry.clock, &used) != 0;
+}
+
+ThreadHook* findEntry(uint64_t threadId) {
+  auto* const entry = std::find_if(g_hooks.begin(), g_hooks.end(), [=](const ThreadHook& one) {
+    return one.hook != nullptr && one.threadId == threadId;
+  });
+  return entry == g_hooks.end() ? nullptr : entry;
+}
+
+// The thread's own, or null: what one before it has left behind is dropped.
+ThreadHook* findHook(uint64_t threadId) {
+  ThreadHook* entry = findEntry(threadId);
+  if (entry != nullptr && hasEnded(*entry)) {
+    *entry = {};
+    return nullptr;
+  }
+  return entry;
+}
+
+ThreadHook* findRoom() {
+  auto* const entry = std::find_if(g_hooks.begin(), g_hooks.end(), [](const ThreadHook& one) {
+    return one.hook == nullptr || hasEnded(one);
+  });
+  return entry == g_hooks.end() ? nullptr : entry;
+}
+
+// The forking thread goes on in the child, by another clock.
+void renewOwnClock() {
+  if (ThreadHook* entry = findEntry(pthread_self()); entry != nullptr) {
+    static_cast<void>(pthread_getcpuclockid(pthread_self(), &entry->clock));
+  }
+}
+
+// What is registered first runs while the lock is held.
 __attribute__((constructor)) void watchForks() noexcept {
+  static_cast<void>(
+      pthread_atfork([] { static_cast<void>(findHook(pthread_self())); }, nullptr, renewOwnClock));
   qurn::holdAcrossFork<[]() -> qurn::ForkMutex& { return g_mutex; }>();
 }
 
@@ -81,15 +124,25 @@ TovDeadloopHook TovDeadloopGetHookByThreadId(uint64_t threadId) {
 }
 
 uint32_t TovStandInDeadloopHookSet(uint64_t threadId, TovDeadloopHook hook) {
-  const std::lock_guard lock(g_mutex);
-  ThreadHook* entry = findHook(threadId);
-  if (entry == nullptr) {
-    entry = findHook(0);
-  }
-  if (entry == nullptr || threadId == 0) {
+  clockid_t clock{};
+  if (!findClock(threadId, clock)) {
     return QURN_FAILED;
   }
-  *entry = hook == nullptr ? ThreadHook{} : ThreadHook{threadId, hook};
+  const std::lock_guard lock(g_mutex);
+  ThreadHook* entry = findHook(threadId);
+  if (hook == nullptr) {
+    if (entry != nullptr) {
+      *entry = {};
+    }
+    return QURN_OK;
+  }
+  if (entry == nullptr) {
+    entry = findRoom();
+  }
+  if (entry == nullptr) {
+    return QURN_FAILED;
+  }
+  *entry = {threadId, clock, hook};
   return QURN_OK;
 }
 

@@ -12,6 +12,7 @@
 
 #include "common/machine_context.h"
 #include "fault_guard.h"
+#include "readable.h"
 #include "stack_bounds.h"
 
 namespace {
@@ -87,14 +88,6 @@ void walkFromLinkRegister(Walk& walk, uint64_t* registers) {
 }
 #endif
 
-// Asks the kernel to read the eight bytes, which fails where we would fault: an invalid request
-// number makes the call change nothing.
-bool isReadable(uint64_t address) {
-  constexpr int kInvalidRequest = ~0;
-  syscall(SYS_rt_sigprocmask, kInvalidRequest, address, nullptr, sizeof(uint64_t));
-  return errno == EINVAL;
-}
-
 // Follows saved frame pointers upwards from the last known frame, inside the stack only. Each link
 // must be aligned, above the one before, and readable.
 void walkFramePointers(Walk& walk) {
@@ -105,8 +98,8 @@ void walkFramePointers(Walk& walk) {
   uint64_t frame = walk.last.framePointer;
   constexpr uint64_t kFrameBytes = 2 * sizeof(uint64_t);
   while (!walk.full() && end > kFrameBytes && frame >= lowest && frame <= end - kFrameBytes &&
-         frame % sizeof(uint64_t) == 0 && isReadable(frame) &&
-         isReadable(frame + sizeof(uint64_t))) {
+         frame % sizeof(uint64_t) == 0 && tov::isReadable(frame) &&
+         tov::isReadable(frame + sizeof(uint64_t))) {
     const auto* link = reinterpret_cast<const uint64_t*>(frame);
     if (link[1] == 0) {
       return;

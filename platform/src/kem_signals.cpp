@@ -2,6 +2,8 @@
 // really installed. A second registration of a signal replaces the first.
 #include <qurnadapt/platform.h>
 
+#include <ucontext.h>
+
 #include <array>
 #include <atomic>
 #include <csignal>
@@ -13,10 +15,17 @@ constexpr uint32_t kSignals = 32;
 constinit std::array<std::atomic<KemSigcapHandler>, kSignals> g_handlers{};
 static_assert(std::atomic<KemSigcapHandler>::is_always_lock_free);
 
+constexpr uint32_t kDealtWith = 1;
+
+// A use of the terminal from the background is answered by a signal and begun anew after it, again
+// and again while nothing has changed. Where the signal is blocked the kernel answers at once.
+bool comesBackFromTheTerminal(int sig) { return sig == SIGTTIN || sig == SIGTTOU; }
+
 void dispatch(int sig, siginfo_t* info, void* context) {
   const KemSigcapHandler handler = g_handlers[static_cast<size_t>(sig)];
-  if (handler != nullptr) {
-    handler(static_cast<uint32_t>(sig), info, context);
+  if (handler != nullptr && handler(static_cast<uint32_t>(sig), info, context) == kDealtWith &&
+      comesBackFromTheTerminal(sig)) {
+    sigaddset(&static_cast<ucontext_t*>(context)->uc_sigmask, sig);
   }
 }
 

@@ -17,8 +17,8 @@
 extern "C" {
 #endif
 
-/* Sets the dead-loop hook that the framework keeps for a thread, null to drop it. Returns 0, or
- * 0xFFFFFFFF when 64 threads have one already. Thread-safe. */
+/* Sets the dead-loop hook that the framework keeps for a thread until it ends, null to drop it.
+ * Returns 0, or 0xFFFFFFFF when there is no such thread or 64 have one already. Thread-safe. */
 uint32_t TovStandInDeadloopHookSet(uint64_t threadId, TovDeadloopHook hook);
 
 /* Dead-loop sections of the calling thread, through the capability that the process registered. A
