@@ -187,6 +187,48 @@ TEST_F(DetectionPass, ThatIsSuspendedSaysSoOnceAfterTenTicksAndTenSeconds) {
   EXPECT_ERROR(told);
 }
 
+// Somebody else raises the signal before each tick: only the second tick finds the thread's
+// capture.
+TEST_F(DetectionPass, GoesOnBesideStraySignalsAndTheirCapturesAreNoOnesReport) {
+  SilentThread stuck;
+  const auto tickAfterAStray = [](int64_t milliseconds) {
+    frozen_clock::advance(milliseconds);
+    recorded::forget();
+    raise(SIGRTMIN + 2);
+    FrameDeadloopDetectCallback(nullptr);
+  };
+  fault::arm("pthread_kill", 0);
+  tickAfterAStray(1000);
+  EXPECT_EQ(recorded::count("trigger third threshold"), 1U);
+  raise(SIGRTMIN + 2);
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_SIGNALED) << "not for this one";
+  stuck.interrupt();
+  EXPECT_TRUE(eventually(isCaptured));
+}
+
+// Its heartbeat reads the clock under its own lock, and never comes back.
+TEST_F(DetectionPass, IsNotHeldUpByAThreadStuckInItsHeartbeat) {
+  static std::binary_semaphore isStuck{0};
+  static std::binary_semaphore end{0};
+  std::thread inside([] {
+    FrameDeadloopHandle self = 0;
+    ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 1), QURN_OK);
+    fault::arm("clock_gettime", EIO);
+    fault::onStrike([] {
+      isStuck.release();
+      end.acquire();
+    });
+    Frame_SendHeartbeatToMon(&self);
+    EXPECT_EQ(Frame_StopHeartbeatToMon(&self), QURN_OK);
+  });
+  isStuck.acquire();
+  const SilentThread stuck;
+  EXPECT_EQ(passAfter(1000), 3U);
+  EXPECT_EQ(recorded::count("task [silent:"), 3U);
+  end.release();
+  inside.join();
+}
+
 // Where it would end the thread: in the log's writing, under a lock.
 TEST_F(DetectionPass, AThreadThatIsCancelledLeavesNoLockBehind) {
   ASSERT_NE(nbb_handle_initialize(), 0U);

@@ -33,6 +33,8 @@ namespace frozen_clock {
 // nanosleep takes no other time than that, and is noted as an event.
 void start();
 void advance(int64_t milliseconds);
+// The next nanosleep takes so much longer.
+void oversleep(int64_t milliseconds);
 
 }  // namespace frozen_clock
 
