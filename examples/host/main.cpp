@@ -136,7 +136,8 @@ extern "C" void worker_main(const Options& options, int number) {
     return;
   }
   const auto trouble = std::chrono::steady_clock::now() + 1s;
-  bool inTrouble = number != kWorkerInTrouble;
+  bool inTrouble =
+      number < kWorkerInTrouble || number >= kWorkerInTrouble + options.scenario->workers;
   while (!g_stopping) {
     Frame_SendHeartbeatToMon(&self);
     if (!inTrouble && std::chrono::steady_clock::now() >= trouble) {

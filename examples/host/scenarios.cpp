@@ -18,6 +18,8 @@ namespace {
 
 std::atomic<bool> g_rescued{false};
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t g_otherLock = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<int> g_deadlocking{0};
 
 void holdLock() { pthread_mutex_lock(&g_lock); }
 
@@ -50,6 +52,17 @@ __attribute__((noinline)) void spin_until_rescued() {
 __attribute__((noinline)) void wait_for_lock() {
   pthread_mutex_lock(&g_lock);
   pthread_mutex_unlock(&g_lock);
+}
+
+// Each of two workers has one lock when it asks for the other's.
+__attribute__((noinline)) void take_locks(pthread_mutex_t* first, pthread_mutex_t* second) {
+  pthread_mutex_lock(first);
+  ++g_deadlocking;
+  while (g_deadlocking < 2) {
+  }
+  pthread_mutex_lock(second);
+  pthread_mutex_unlock(second);
+  pthread_mutex_unlock(first);
 }
 
 __attribute__((noinline)) void sleep_in_the_kernel() {
@@ -148,6 +161,14 @@ bool block_on_a_lock(FrameDeadloopHandle& /*self*/) {
   return true;
 }
 
+// The first worker asks for the locks in one order, the next one in the other.
+bool deadlock_with_the_next_worker(FrameDeadloopHandle& /*self*/) {
+  static std::atomic<bool> isFirstHere{false};
+  const bool isFirst = !isFirstHere.exchange(true);
+  take_locks(isFirst ? &g_lock : &g_otherLock, isFirst ? &g_otherLock : &g_lock);
+  return true;
+}
+
 bool block_in_the_kernel(FrameDeadloopHandle& /*self*/) {
   sleep_in_the_kernel();
   return true;
@@ -166,11 +187,13 @@ bool get_stuck_in_the_allocator(FrameDeadloopHandle& /*self*/) {
 
 namespace {
 
-constexpr std::array<Scenario, 15> kScenarios{{
+constexpr std::array<Scenario, 16> kScenarios{{
     {"loop", "a worker enters an endless loop", QURN_EXIT_STATUS, "spin_until_rescued", nullptr,
      enter_a_loop},
     {"mutex", "a worker waits for a lock that is never released", QURN_EXIT_STATUS, "wait_for_lock",
      holdLock, block_on_a_lock},
+    {"deadlock", "two workers take the same two locks in opposite orders", QURN_EXIT_STATUS,
+     "take_locks", nullptr, deadlock_with_the_next_worker, 2},
     {"malloc", "a worker is stuck while it holds the allocator's lock", QURN_EXIT_STATUS,
      "spin_until_rescued", nullptr, get_stuck_in_the_allocator},
     {"sleep", "a worker stays in a system call", QURN_EXIT_STATUS, "sleep_in_the_kernel", nullptr,

@@ -13,6 +13,7 @@ struct Scenario {
   void (*prepare)();    // on the main thread, before the workers start; may be null
   // On the worker. Returns whether the worker goes on working; false ends it at once.
   bool (*happen)(FrameDeadloopHandle& self);
+  int workers = 1;  // that it happens to
 };
 
 std::span<const Scenario> scenarios();
