@@ -12,7 +12,10 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <utility>
 
+#include "common/fork_mutex.h"
 #include "line.h"
 
 namespace tov::log {
@@ -36,56 +39,63 @@ ssize_t writeOnceReady(int fd, std::string_view text) noexcept {
 // Pipes and terminals are shared with others, whose writes must stay as they are: the descriptor
 // cannot be made non-blocking. A kernel that knows no such write for them is asked first.
 ssize_t writeWithoutWaiting(int fd, std::string_view text) noexcept {
-  iovec part{const_cast<char*>(text.data()), text.size()};
+  const iovec part = partOf(text);
   const ssize_t written = pwritev2(fd, &part, 1, -1, RWF_NOWAIT);
   const bool isUnknown = written < 0 && (errno == EOPNOTSUPP || errno == EINVAL || errno == ENOSYS);
   return isUnknown ? writeOnceReady(fd, text) : written;
 }
 
-}  // namespace
+constinit uint32_t g_writes = 0;
+constinit mode_t g_type = 0;      // of what standard error leads to
+constinit bool g_isTorn = false;  // the last line has no end
 
 // The process may have led the descriptor elsewhere meanwhile: looked up again now and then.
-ssize_t StandardError::write(std::string_view text) noexcept {
-  constexpr uint32_t kLinesPerLook = 16;
-  if (lines_++ % kLinesPerLook == 0) {
+ssize_t writeOnce(std::string_view text) noexcept {
+  constexpr uint32_t kWritesPerLook = 16;
+  if (g_writes++ % kWritesPerLook == 0) {
     struct stat what {};
     fstat(STDERR_FILENO, &what);
-    type_ = what.st_mode & static_cast<mode_t>(S_IFMT);
+    g_type = what.st_mode & static_cast<mode_t>(S_IFMT);
   }
-  if (type_ == S_IFREG) {
-    return ::write(STDERR_FILENO, text.data(), text.size());
+  if (g_type == S_IFREG) {
+    return write(STDERR_FILENO, text.data(), text.size());
   }
-  if (type_ == S_IFSOCK) {
+  if (g_type == S_IFSOCK) {
     return send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   }
   return writeWithoutWaiting(STDERR_FILENO, text);
 }
 
-bool StandardError::take(const Record& record, int patienceMs) noexcept {
-  const Line line(record);
-  std::string_view rest = line.whole();
-  if (isTorn_) {
-    rest = "\n";
-  }
-  while (!rest.empty()) {
-    const ssize_t written = write(rest);
+enum class Written : uint8_t { kWhole, kNot, kPartly };
+
+Written writeWhole(std::string_view text, int patienceMs) noexcept {
+  for (std::string_view rest = text; !rest.empty();) {
+    const ssize_t written = writeOnce(rest);
     if (written >= 0) {
       rest.remove_prefix(static_cast<size_t>(written));
-      if (rest.empty() && std::exchange(isTorn_, false)) {
-        rest = line.whole();
-      }
     } else if (errno == EAGAIN) {
       if (!isWritable(STDERR_FILENO, std::exchange(patienceMs, 0))) {
-        isTorn_ = isTorn_ || rest.size() < line.whole().size();
-        return false;
+        return rest.size() < text.size() ? Written::kPartly : Written::kNot;
       }
     } else if (errno == ENOTSOCK) {
-      lines_ = 0;
+      g_writes = 0;
     } else if (errno != EINTR) {
-      return true;
+      break;
     }
   }
-  return true;
+  return Written::kWhole;
+}
+
+}  // namespace
+
+bool writeToStandardError(const Record& record, int patienceMs) noexcept {
+  const Line line(record);
+  if (g_isTorn && writeWhole("\n", patienceMs) != Written::kWhole) {
+    return false;
+  }
+  const Written written = writeWhole(line.whole(), patienceMs);
+  g_isTorn = written == Written::kPartly;
+  return written == Written::kWhole;
 }
 
 // ---- a file
@@ -105,20 +115,22 @@ class AsItIs final : public spdlog::formatter {
   }
 };
 
+constinit spdlog::sinks::sink* g_file = nullptr;
+
 }  // namespace
 
-void File::open(const std::string& path, size_t bytes) {
+void openFile(const std::string& path, size_t bytes) {
   auto file = std::make_unique<spdlog::sinks::rotating_file_sink_st>(path, bytes, kFilesKept);
   file->set_formatter(std::make_unique<AsItIs>());
-  file_ = file.release();
+  g_file = file.release();
 }
 
-bool File::take(const Record& record, int /*patienceMs*/) noexcept {
+bool writeToFile(const Record& record, int /*patienceMs*/) noexcept {
   const Line line(record);
   const std::string_view whole = line.whole();
   try {
-    file_->log({{}, spdlog::level::info, {whole.data(), whole.size()}});
-    file_->flush();
+    g_file->log({{}, spdlog::level::info, {whole.data(), whole.size()}});
+    g_file->flush();
   } catch (...) {  // a full disk: nobody to tell
   }
   return true;
@@ -126,7 +138,7 @@ bool File::take(const Record& record, int /*patienceMs*/) noexcept {
 
 // ---- sockets
 
-DatagramSocket::Answer DatagramSocket::send(msghdr& message, int patienceMs) noexcept {
+DatagramSocket::Answer DatagramSocket::send(msghdr message, int patienceMs) noexcept {
   if (fd_ < 0) {
     fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   }
@@ -151,24 +163,24 @@ DatagramSocket::Answer DatagramSocket::send(msghdr& message, int patienceMs) noe
   }
 }
 
-bool SystemLog::take(const Record& record, int patienceMs) noexcept {
+bool writeToSystemLog(const Record& record, int patienceMs) noexcept {
+  static constinit DatagramSocket socket("/dev/log");
   constexpr std::array<int, 3> kPriorities{LOG_INFO, LOG_WARNING, LOG_ERR};
   std::array<char, 64> head{};
   const int length = snprintf(
       head.data(), head.size(),
       "<%d>qurnadapt[%d]: ", LOG_DAEMON | kPriorities[static_cast<size_t>(record.level)], getpid());
   const Line line(record);
-  const std::string_view text = line.withoutTime();
-  std::array<iovec, 2> parts{
-      {{head.data(), static_cast<size_t>(length)}, {const_cast<char*>(text.data()), text.size()}}};
+  std::array<iovec, 2> parts{partOf({head.data(), static_cast<size_t>(length)}),
+                             partOf(line.withoutTime())};
   msghdr message{};
   message.msg_iov = parts.data();
   message.msg_iovlen = parts.size();
-  switch (socket_.send(message, patienceMs)) {
+  switch (socket.send(message, patienceMs)) {
     case DatagramSocket::Answer::kBusy:
       return false;
     case DatagramSocket::Answer::kNobody:
-      return otherwise_.take(record, patienceMs);
+      return writeToStandardError(record, patienceMs);
     default:
       return true;
   }

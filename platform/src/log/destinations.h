@@ -1,42 +1,28 @@
-// Where lines may go. Each is one at a time, under the log's lock.
+// Where lines may go.
 #pragma once
 
 #include <sys/socket.h>
+#include <sys/uio.h>
 
-#include <memory>
+#include <cstddef>
+#include <cstdint>
 #include <string>
+#include <string_view>
 
-#include "common/fork_mutex.h"
 #include "record.h"
-
-namespace spdlog::sinks {
-class sink;
-}
 
 namespace tov::log {
 
 // Past the stream of that name: a thread may be stuck with it locked.
-class StandardError final : public Destination {
- public:
-  bool take(const Record& record, int patienceMs) noexcept override;
+bool writeToStandardError(const Record& record, int patienceMs) noexcept;
 
- private:
-  ssize_t write(std::string_view text) noexcept;
+// Rotated at so many bytes. Throws when it cannot be opened.
+void openFile(const std::string& path, size_t bytes);
+bool writeToFile(const Record& record, int patienceMs) noexcept;
 
-  uint32_t lines_ = 0;
-  mode_t type_ = 0;
-  bool isTorn_ = false;  // the last line has no end
-};
-
-class File final : public Destination {
- public:
-  // Rotated at so many bytes. Throws when the file cannot be opened.
-  void open(const std::string& path, size_t bytes);
-  bool take(const Record& record, int patienceMs) noexcept override;
-
- private:
-  spdlog::sinks::sink* file_ = nullptr;
-};
+// Its own socket: the C library's call would take the lock of its time zones. Without one, standard
+// error.
+bool writeToSystemLog(const Record& record, int patienceMs) noexcept;
 
 // A socket that takes a datagram a message.
 class DatagramSocket {
@@ -45,22 +31,16 @@ class DatagramSocket {
 
   enum class Answer : uint8_t { kTaken, kBusy, kTooLong, kNobody };
   // Waits for at most so long while the other side does not read.
-  Answer send(msghdr& message, int patienceMs) noexcept;
+  Answer send(msghdr message, int patienceMs) noexcept;
 
  private:
   const char* path_;
   int fd_ = -1;
 };
 
-// The system log's own socket: the C library's call would take the lock of its time zones.
-class SystemLog final : public Destination {
- public:
-  explicit constexpr SystemLog(Destination& otherwise) noexcept : otherwise_(otherwise) {}
-  bool take(const Record& record, int patienceMs) noexcept override;
-
- private:
-  DatagramSocket socket_{"/dev/log"};
-  Destination& otherwise_;
-};
+// What is only read has no type of its own there.
+inline iovec partOf(std::string_view text) noexcept {
+  return {const_cast<char*>(text.data()), text.size()};  // NOLINT(*-const-cast)
+}
 
 }  // namespace tov::log

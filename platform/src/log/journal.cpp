@@ -5,10 +5,14 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <concepts>
 #include <cstring>
+#include <utility>
 
 #include "common/scoped_fd.h"
+#include "destinations.h"
 #include "events.h"
 #include "line.h"
 #include "text_builder.h"
@@ -19,7 +23,7 @@ namespace {
 // "KEY=value" lines: no value has a line break in it.
 class Fields {
  public:
-  explicit Fields(const Record& record) noexcept {
+  explicit Fields(const Record& record) noexcept {  // NOLINT(*-pro-type-member-init)
     constexpr std::array<int, 3> kPriorities{LOG_INFO, LOG_WARNING, LOG_ERR};
     const Line line(record);
     const MessageId id = messageIdOf(record.format);
@@ -89,17 +93,18 @@ DatagramSocket::Answer sendAsFile(DatagramSocket& socket, std::string_view text,
 
 }  // namespace
 
-bool Journal::take(const Record& record, int patienceMs) noexcept {
+bool writeToJournal(const Record& record, int patienceMs) noexcept {
+  static constinit DatagramSocket socket("/run/systemd/journal/socket");
   const Fields fields(record);
-  iovec part{const_cast<char*>(fields.text().data()), fields.text().size()};
+  iovec part = partOf(fields.text());
   msghdr message{};
   message.msg_iov = &part;
   message.msg_iovlen = 1;
-  auto answer = socket_.send(message, patienceMs);
+  auto answer = socket.send(message, patienceMs);
   if (answer == DatagramSocket::Answer::kTooLong) {
-    answer = sendAsFile(socket_, fields.text(), patienceMs);
+    answer = sendAsFile(socket, fields.text(), patienceMs);
   }
-  return answer == DatagramSocket::Answer::kNobody ? otherwise_.take(record, patienceMs)
+  return answer == DatagramSocket::Answer::kNobody ? writeToStandardError(record, patienceMs)
                                                    : answer == DatagramSocket::Answer::kTaken;
 }
 

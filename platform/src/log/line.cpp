@@ -28,7 +28,7 @@ std::array<char, 25> stampOf(const timespec& at) noexcept {
   const auto today = std::chrono::floor<std::chrono::days>(now);
   const std::chrono::year_month_day date{today};
   const std::chrono::hh_mm_ss time{now - today};
-  putDigits<4>(&stamp[0], static_cast<uint64_t>(static_cast<int>(date.year())));
+  putDigits<4>(stamp.data(), static_cast<uint64_t>(static_cast<int>(date.year())));
   putDigits<2>(&stamp[5], static_cast<unsigned>(date.month()));
   putDigits<2>(&stamp[8], static_cast<unsigned>(date.day()));
   putDigits<2>(&stamp[11], static_cast<uint64_t>(time.hours().count()));
@@ -41,7 +41,7 @@ std::array<char, 25> stampOf(const timespec& at) noexcept {
 
 }  // namespace
 
-Line::Line(const Record& record) noexcept {
+Line::Line(const Record& record) noexcept {  // NOLINT(*-pro-type-member-init)
   constexpr size_t kEnd = kCutMark.size() + 1;
   TextBuilder text(bytes_.data(), bytes_.size() - kEnd);
   const auto stamp = stampOf(record.at);

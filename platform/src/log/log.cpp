@@ -31,15 +31,10 @@ constexpr size_t kTextBytes = 2048;
 
 // ---- where lines go
 
-constinit StandardError g_standardError{};
-constinit File g_file{};
-constinit SystemLog g_systemLog{g_standardError};
-constinit Journal g_journal{g_standardError};
-
 // How a line gets out; the log's lock is held.
 class Outlet {
  public:
-  void set(Destination& destination) noexcept { destination_ = &destination; }
+  void set(Take take) noexcept { take_ = take; }
 
   // A destination that takes nothing is waited for once. From then on lines are dropped, and
   // counted, until it takes one: the number.
@@ -48,7 +43,7 @@ class Outlet {
       ++lost_;
       return;
     }
-    if (!destination_->take(record, lost_ == 0 ? kPatienceMs : 0)) {
+    if (!take_(record, lost_ == 0 ? kPatienceMs : 0)) {
       ++lost_;
     }
   }
@@ -64,14 +59,14 @@ class Outlet {
     loss.level = Level::kWarning;
     loss.format = "(%u lines lost: nobody took them)";
     loss.text = text.text();
-    if (!destination_->take(loss, 0)) {
+    if (!take_(loss, 0)) {
       return false;
     }
     lost_ = 0;
     return true;
   }
 
-  Destination* destination_ = &g_standardError;
+  Take take_ = writeToStandardError;
   uint64_t lost_ = 0;
 };
 
@@ -134,23 +129,23 @@ struct Setup {
   std::string mapDirectory;  // empty: memory maps are not kept
 };
 
-Destination& destinationFor(const Settings& settings) {
+Take destinationFor(const Settings& settings) {
   const std::string& target = settings.target;
   if (target == "journal") {
-    return g_journal;
+    return writeToJournal;
   }
   if (target == "syslog") {
-    return g_systemLog;
+    return writeToSystemLog;
   }
   if (target.starts_with("file:")) {
     try {
-      g_file.open(target.substr(5), settings.fileBytes);
-      return g_file;
+      openFile(target.substr(5), settings.fileBytes);
+      return writeToFile;
     } catch (const std::exception& mistake) {
       std::fprintf(stderr, "log file: %s; logging to standard error\n", mistake.what());
     }
   }
-  return g_standardError;
+  return writeToStandardError;
 }
 
 // Beside a file, else where the service manager lets the service keep what it needs at run time.

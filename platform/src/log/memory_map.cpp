@@ -39,10 +39,11 @@ class Name {
 // A file that takes the place of an older one only when it is whole.
 class NewFile {
  public:
-  NewFile(int directory, const Name& name) noexcept : directory_(directory), name_(name) {
-    unlinkat(directory_, kTemporary, 0);
-    fd_ = openat(directory_, kTemporary, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  }
+  NewFile(int directory, const Name& name) noexcept
+      : directory_(directory),
+        name_(name),
+        fd_((unlinkat(directory, kTemporary, 0),
+             openat(directory, kTemporary, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600))) {}
   ~NewFile() {
     if (fd_ >= 0) {
       close(fd_);
@@ -53,7 +54,7 @@ class NewFile {
   NewFile& operator=(const NewFile&) = delete;
 
   void write(std::string_view text) const noexcept {
-    static_cast<void>(!::write(fd_, text.data(), text.size()));
+    static_cast<void>(::write(fd_, text.data(), text.size()) == 0);
   }
 
  private:
@@ -120,7 +121,7 @@ void addBuildId(uint64_t start, TextBuilder& id) noexcept {
       !readMemory(start + object.e_phoff, parts.data(), object.e_phnum * sizeof(Elf64_Phdr))) {
     return;
   }
-  const auto first = std::find_if(parts.begin(), parts.end(), [](const Elf64_Phdr& part) {
+  const auto* const first = std::find_if(parts.begin(), parts.end(), [](const Elf64_Phdr& part) {
     return part.p_type == PT_LOAD && part.p_offset == 0;
   });
   const uint64_t base = first == parts.end() ? start : start - first->p_vaddr;

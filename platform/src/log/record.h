@@ -30,14 +30,9 @@ struct Record {
 // A pipe takes so much at once or nothing (PIPE_BUF): no line is longer.
 inline constexpr size_t kMostLineBytes = 4096;
 
-class Destination {
- public:
-  // Waits for at most so many milliseconds. Returns false when it could not take the record; an
-  // error that no waiting mends counts as taken.
-  virtual bool take(const Record& record, int patienceMs) noexcept = 0;
-
- protected:
-  ~Destination() = default;  // lives as long as the process, which logs until its end
-};
+// Hands a record to a destination, waiting for at most so many milliseconds. False when it could
+// not be taken; an error that no waiting mends counts as taken. One at a time, under the log's
+// lock.
+using Take = bool (*)(const Record& record, int patienceMs) noexcept;
 
 }  // namespace tov::log

@@ -34,7 +34,7 @@ size_t controlAt(std::string_view text, size_t at) noexcept {
 
 TextBuilder& TextBuilder::addNumber(uint64_t number) noexcept {
   std::array<char, 20> digits{};
-  const auto end = std::to_chars(digits.begin(), digits.end(), number).ptr;
+  auto* const end = std::to_chars(digits.begin(), digits.end(), number).ptr;
   return add({digits.data(), static_cast<size_t>(end - digits.data())});
 }
 

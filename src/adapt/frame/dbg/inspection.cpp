@@ -28,6 +28,8 @@ static_assert(offsetof(Record, monitor) == 40 && offsetof(Record, capture) == 80
 
 constexpr uint32_t at(size_t offset) { return static_cast<uint32_t>(offset); }
 
+// Addresses only.
+// NOLINTNEXTLINE(cppcoreguidelines-interfaces-global-init)
 [[gnu::used]] constinit Record g_record{
     inspection::kMagic,
     inspection::kVersion,
