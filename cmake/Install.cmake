@@ -20,6 +20,7 @@ if(QURN_BUILD_EXAMPLES)
   install(FILES examples/host/host.yaml DESTINATION ${CMAKE_INSTALL_DATADIR}/qurnadapt
           COMPONENT examples)
   install(FILES ${PROJECT_BINARY_DIR}/examples/qurn-host.service
+                ${PROJECT_BINARY_DIR}/examples/qurn-host-inspect.service
           DESTINATION lib/systemd/system COMPONENT examples)
 endif()
 if(QURN_BUILD_TOOLS)
