@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <ctime>
 #include <map>
 #include <string_view>
 
@@ -73,6 +74,20 @@ pid_t ownerOf(const Words& words, const std::set<pid_t>& threads) {
   return asThread(words.word[offsetof(decltype(pthread_mutex_t::__data), __owner) / 4], threads);
 }
 
+// Where no name tells, as on the way of a timed mutex: its owner also counts as one of its users,
+// which tells it from other locks whose word is 2 as well.
+bool looksLikeMutex(uint32_t value, const Words& words, const std::set<pid_t>& threads) {
+  const uint32_t users = words.word[offsetof(decltype(pthread_mutex_t::__data), __nusers) / 4];
+  return value == 2 && words.word[0] == 2 && ownerOf(words, threads) != 0 && users != 0 &&
+         users <= threads.size();
+}
+
+// Nothing to take, and somebody who waits.
+bool looksLikeSemaphore(uint32_t value, const Words& words, const std::set<pid_t>& threads) {
+  return value == 0 && words.word[0] == 0 && words.word[1] != 0 &&
+         words.word[1] <= threads.size();
+}
+
 void explainPlainWait(const Target& target, const Call& call, const Words& words,
                       const std::set<pid_t>& threads, const NameOfCode& nameOfCode, Wait& wait) {
   const auto value = static_cast<uint32_t>(call.arguments[2]);
@@ -92,9 +107,11 @@ void explainPlainWait(const Target& target, const Call& call, const Words& words
     wait.holder = writerOf(target, words.address, threads);
   } else if (wait.kind == Verdict::kMutex) {
     wait.holder = ownerOf(words, threads);
-  } else if (wait.kind == Verdict::kLock && !isBitset && value == 2 && words.word[0] == 2) {
+  } else if (wait.kind == Verdict::kLock && looksLikeMutex(value, words, threads)) {
+    wait.kind = Verdict::kMutex;
     wait.holder = ownerOf(words, threads);
-    wait.kind = wait.holder != 0 ? Verdict::kMutex : Verdict::kLock;
+  } else if (wait.kind == Verdict::kLock && isBitset && looksLikeSemaphore(value, words, threads)) {
+    wait.kind = Verdict::kSemaphore;
   }
 }
 
@@ -174,8 +191,19 @@ constexpr CallRule kCalls[] = {
     {SYS_clone, "clone", false},
 };
 
+// A timed wait that was interrupted goes on under another number, with its arguments kept.
+bool isResumed(const Call& call) { return call.number == SYS_restart_syscall; }
+
+bool isFutex(const Call& call) {
+  return call.number == SYS_futex ||
+         (isResumed(call) && (call.arguments[1] & FUTEX_PRIVATE_FLAG) != 0);
+}
+
 bool isSleep(const Call& call) {
+  constexpr uint64_t kMostClocks = 16;
   switch (call.number) {
+    case SYS_restart_syscall:
+      return call.arguments[0] < kMostClocks && call.arguments[1] <= TIMER_ABSTIME;
     case SYS_nanosleep:
     case SYS_clock_nanosleep:
       return true;
@@ -239,7 +267,7 @@ std::optional<Wait> waitOf(const Target& target, pid_t tid, const Call& call,
   if (call.isRunning || call.number < 0) {
     return std::nullopt;
   }
-  if (call.number == SYS_futex) {
+  if (isFutex(call)) {
     return explainFutex(target, tid, call, threads, nameOfCode);
   }
   if (isSleep(call)) {
