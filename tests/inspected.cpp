@@ -22,6 +22,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -77,6 +78,12 @@ void lockInTurn() {
   pthread_mutex_lock(&g_ring[Next]);
 }
 
+void lockTwice() {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_mutex_lock(&mutex);
+  pthread_mutex_lock(&mutex);
+}
+
 timespec tomorrow() {
   timespec time{};
   clock_gettime(CLOCK_REALTIME, &time);
@@ -84,7 +91,8 @@ timespec tomorrow() {
   return time;
 }
 
-void lockTimed() {
+// Such a name must not be taken for what is waited for.
+void pthread_rejoin_free_rwlock_cond() {
   const timespec until = tomorrow();
   pthread_mutex_timedlock(&g_mutexes[3], &until);
 }
@@ -252,7 +260,7 @@ constexpr Place kPlaces[] = {
     {"normal", "mutex", "keeper", lockMutex<0>},
     {"recursive", "mutex", "keeper", lockMutex<1>},
     {"checking", "mutex", "keeper", lockMutex<2>},
-    {"timed", "mutex", "keeper", lockTimed},
+    {"timed", "mutex", "keeper", pthread_rejoin_free_rwlock_cond},
     {"inheriting", "mutex", "keeper", lockMutex<4>},
     {"robust", "mutex", "keeper", lockMutex<5>},
     {"two_a", "mutex", "two_b", lockInTurn<0, 1, g_two>},
@@ -260,6 +268,7 @@ constexpr Place kPlaces[] = {
     {"three_a", "mutex", "three_b", lockInTurn<2, 3, g_three>},
     {"three_b", "mutex", "three_c", lockInTurn<3, 4, g_three>},
     {"three_c", "mutex", "three_a", lockInTurn<4, 2, g_three>},
+    {"itself", "mutex", "itself", lockTwice},
     {"joiner", "join", "joined", joinOne},
     {"joined", "mutex", "joiner", nullptr},
     {"read_written", "rwlock", "keeper", [] { pthread_rwlock_rdlock(&g_written); }},
@@ -300,10 +309,11 @@ int main(int argc, char** argv) {
   if (FRAME_MntInit() != 0) {
     return 1;
   }
+  std::vector<std::thread> threads;  // which keep their ids, ended or not
   const size_t count = std::size(kPlaces) - (third == "hard" ? 0 : kHard);
   for (size_t i = 0; i < count; ++i) {
     if (kPlaces[i].getStuck != nullptr) {
-      std::thread(run, kPlaces[i]).detach();
+      threads.emplace_back(run, kPlaces[i]);
     }
     if (i == 0) {
       g_kept.wait();

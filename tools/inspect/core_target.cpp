@@ -60,6 +60,7 @@ CoreTarget::CoreTarget(const std::string& path) {
   if (count == PN_XNUM && copyFrom(bytes_, size_, header.e_shoff, first)) {
     count = first.sh_info;
   }
+  uint64_t notesLeft = size_;  // none is told twice
   for (uint64_t i = 0; i < count; ++i) {
     Elf64_Phdr part{};
     if (!copyFrom(bytes_, size_, header.e_phoff + i * sizeof(part), part)) {
@@ -71,8 +72,9 @@ CoreTarget::CoreTarget(const std::string& path) {
       segments_[part.p_vaddr] = {part.p_vaddr, there, part.p_offset};
       mappings_.push_back(
           {part.p_vaddr, part.p_vaddr + part.p_memsz, (part.p_flags & PF_W) != 0, {}});
-    } else if (part.p_type == PT_NOTE) {
+    } else if (part.p_type == PT_NOTE && there <= notesLeft) {
       readNotes(bytes_ + (there == 0 ? 0 : part.p_offset), there);
+      notesLeft -= there;
     }
   }
   nameMappings();

@@ -145,7 +145,10 @@ class Judge {
     }
     const auto ran = static_cast<int64_t>(after->runNs - before->runNs);
     const auto kept = static_cast<int64_t>(after->delayNs - before->delayNs);
-    if (kept > betweenNs_ / 2 && ran < betweenNs_ / 4) {
+    // The delay is only counted once it is over.
+    const bool neverSlept =
+        before->state == 'R' && after->state == 'R' && before->sleeps == after->sleeps;
+    if ((neverSlept || kept > betweenNs_ / 2) && ran < betweenNs_ / 4) {
       decide(thread, Verdict::kStarved, "could run, but gets no processor");
     } else if (ran > 0) {
       decide(thread, Verdict::kLoop,

@@ -62,6 +62,7 @@ LiveTarget::LiveTarget(pid_t pid)
     throw Mistake("process " + std::to_string(pid) + " may not be looked into: " + strerror(errno) +
                   " (its user, or CAP_SYS_PTRACE, is needed)");
   }
+  isInNamespace_ = valueIn(textOf("status"), "NSpid").find('\t') != std::string::npos;
 }
 
 std::string LiveTarget::textOf(const std::string& file) const {
@@ -70,7 +71,7 @@ std::string LiveTarget::textOf(const std::string& file) const {
 
 std::string LiveTarget::textOf(pid_t tid, const char* file) const {
   std::array<char, 64> path{};
-  std::snprintf(path.data(), path.size(), "%d/%s", tid, file);
+  std::snprintf(path.data(), path.size(), "%d/%s", idSeenFromHere(tid), file);
   return readAt(tasks_.get(), path.data());
 }
 
@@ -102,11 +103,24 @@ std::vector<pid_t> LiveTarget::threads() const {
   const int copy = openat(tasks_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(copy < 0 ? nullptr : fdopendir(copy), closedir);
   while (const dirent* entry = entries == nullptr ? nullptr : readdir(entries.get())) {
-    if (const long tid = std::strtol(entry->d_name, nullptr, 10); tid > 0) {
-      all.push_back(static_cast<pid_t>(tid));
+    auto tid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
+    if (tid > 0 && isInNamespace_) {
+      const std::string seen = readAt(tasks_.get(), (entry->d_name + std::string("/status")).c_str());
+      const std::string ids = valueIn(seen, "NSpid");
+      const pid_t own = static_cast<pid_t>(std::atol(ids.c_str() + ids.rfind('\t') + 1));
+      idsSeenFromHere_[own] = tid;
+      tid = own;
+    }
+    if (tid > 0) {
+      all.push_back(tid);
     }
   }
   return all;
+}
+
+pid_t LiveTarget::idSeenFromHere(pid_t tid) const {
+  const auto known = idsSeenFromHere_.find(tid);
+  return known != idsSeenFromHere_.end() ? known->second : isInNamespace_ ? 0 : tid;
 }
 
 std::optional<Call> LiveTarget::callOf(pid_t tid) const {
@@ -144,6 +158,7 @@ std::optional<Detail> LiveTarget::detailOf(pid_t tid) const {
   detail.state = valueIn(status, "State").substr(0, 1).c_str()[0];
   detail.tracer = static_cast<pid_t>(std::atol(valueIn(status, "TracerPid").c_str()));
   detail.blocked = std::strtoull(valueIn(status, "SigBlk").c_str(), nullptr, 16);
+  detail.sleeps = std::strtoull(valueIn(status, "voluntary_ctxt_switches").c_str(), nullptr, 10);
   std::sscanf(textOf(tid, "schedstat").c_str(), "%" SCNu64 " %" SCNu64, &detail.runNs,
               &detail.delayNs);
   if (detail.state == 'D') {

@@ -15,6 +15,9 @@ namespace qurn::inspect {
 
 class CoreTarget;
 
+// As it stands in a program's source, if it was mangled.
+std::string demangled(const char* symbol);
+
 struct SymbolSources {
   std::string program;    // of a core, where it is no longer where it was
   std::string debugPath;  // where debug information is looked for, as libdw takes it
@@ -38,6 +41,7 @@ class Symbols {
   std::vector<uint64_t> unwind(const Registers& registers, const ReadWord& readWord);
 
  private:
+  std::string root_;  // of the process's files
   std::string debugPath_;
   char* debugPathPointer_;
   Dwfl_Callbacks callbacks_;

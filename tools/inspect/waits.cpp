@@ -26,23 +26,22 @@ pid_t asThread(uint32_t word, const std::set<pid_t>& threads) {
   return threads.contains(tid) ? tid : 0;
 }
 
-// What the functions on the way to the wait are for, by a part of the first one's name that tells.
+// What the functions on the way to the wait are for: the C library's, by how their names begin. Those
+// of others may be called as they like.
 struct NameRule {
-  std::string_view part;
+  std::string_view start;  // behind underscores
   Verdict kind;
 };
-constexpr std::array<NameRule, 12> kNameRules{{{"rwlock_", Verdict::kRwlock},
-                                               {"cond_", Verdict::kCondition},
-                                               {"sem_", Verdict::kSemaphore},
-                                               {"sem_wait", Verdict::kSemaphore},
-                                               {"mutex_", Verdict::kMutex},
-                                               {"join", Verdict::kJoin},
-                                               {"pthread_once", Verdict::kLock},
-                                               {"malloc", Verdict::kLock},
-                                               {"calloc", Verdict::kLock},
-                                               {"realloc", Verdict::kLock},
-                                               {"free", Verdict::kLock},
-                                               {"arena", Verdict::kLock}}};
+constexpr NameRule kNameRules[] = {
+    {"pthread_rwlock_", Verdict::kRwlock},   {"pthread_cond_", Verdict::kCondition},
+    {"pthread_mutex_", Verdict::kMutex},     {"pthread_join", Verdict::kJoin},
+    {"pthread_timedjoin", Verdict::kJoin},   {"pthread_clockjoin", Verdict::kJoin},
+    {"pthread_once", Verdict::kLock},        {"sem_wait", Verdict::kSemaphore},
+    {"sem_timedwait", Verdict::kSemaphore},  {"sem_clockwait", Verdict::kSemaphore},
+    {"new_sem_wait", Verdict::kSemaphore},   {"malloc", Verdict::kLock},
+    {"calloc", Verdict::kLock},              {"realloc", Verdict::kLock},
+    {"free", Verdict::kLock},                {"libc_", Verdict::kLock},
+};
 
 Verdict kindByNames(const Target& target, const Call& call, const NameOfCode& nameOfCode) {
   constexpr size_t kWordsOfStack = 128;
@@ -53,8 +52,10 @@ Verdict kindByNames(const Target& target, const Call& call, const NameOfCode& na
   }
   for (size_t i = 0; i < count; ++i) {
     const std::string name = nameOfCode(stack[i]);
+    const std::string_view plain =
+        std::string_view(name).substr(std::min(name.find_first_not_of('_'), name.size()));
     for (const NameRule& rule : kNameRules) {
-      if (name.find(rule.part) != std::string::npos) {
+      if (plain.starts_with(rule.start)) {
         return rule.kind;
       }
     }
@@ -243,21 +244,19 @@ Wait explainCall(const Target& target, pid_t tid, const Call& call) {
   return wait;
 }
 
-// Follows the one that each waits for; a thread waits for one at most.
+// The one that each waits for, if any.
 using Holders = std::map<pid_t, pid_t>;
 
-std::vector<pid_t> cycleFrom(pid_t start, const Holders& holders) {
-  std::vector<pid_t> way;
-  for (auto at = holders.find(start); at != holders.end(); at = holders.find(at->second)) {
-    if (!way.empty() && at->first == start) {
-      return way;
-    }
-    if (std::find(way.begin(), way.end(), at->first) != way.end()) {
-      break;  // into a cycle that it is no part of
-    }
-    way.push_back(at->first);
-  }
-  return {};
+// From a thread on a cycle once around it, the lowest one first.
+std::vector<pid_t> cycleAt(pid_t start, const Holders& holders) {
+  std::vector<pid_t> cycle;
+  pid_t at = start;
+  do {
+    cycle.push_back(at);
+    at = holders.at(at);
+  } while (at != start);
+  std::rotate(cycle.begin(), std::min_element(cycle.begin(), cycle.end()), cycle.end());
+  return cycle;
 }
 
 }  // namespace
@@ -283,11 +282,16 @@ std::vector<std::vector<pid_t>> cyclesOf(const std::vector<Wait>& waits) {
       holders[wait.tid] = wait.holder;
     }
   }
+  // Each thread is passed once, on the way that first comes to it.
   std::vector<std::vector<pid_t>> cycles;
-  for (const auto& [tid, holder] : holders) {
-    std::vector<pid_t> cycle = cycleFrom(tid, holders);
-    if (!cycle.empty() && *std::min_element(cycle.begin(), cycle.end()) == tid) {
-      cycles.push_back(std::move(cycle));
+  std::map<pid_t, pid_t> passedFrom;
+  for (const auto& [start, next] : holders) {
+    pid_t at = start;
+    while (holders.contains(at) && passedFrom.emplace(at, start).second) {
+      at = holders.at(at);
+    }
+    if (holders.contains(at) && passedFrom.at(at) == start) {
+      cycles.push_back(cycleAt(at, holders));
     }
   }
   return cycles;
