@@ -51,6 +51,7 @@ CoreTarget::CoreTarget(const std::string& path) {
   bytes_ = mapped == MAP_FAILED ? nullptr : static_cast<const char*>(mapped);
   if (bytes_ == nullptr || !copyFrom(bytes_, size_, 0, header) ||
       memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64 ||
+      header.e_ident[EI_DATA] != ELFDATA2LSB ||
       header.e_type != ET_CORE || header.e_machine != kMachine) {
     throw Mistake(path + " is no core of a process of this machine's kind");
   }
