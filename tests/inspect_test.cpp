@@ -1,6 +1,7 @@
 // qurn-inspect against a program that tells the truth about itself: what it says of a process that
 // runs, is stopped, traced or dead, and that it leaves the process as it was.
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -200,7 +201,7 @@ std::set<std::vector<pid_t>> deadlocksIn(const Inspected& program) {
 // Who gets the processor when is the machine's affair: a look that shows otherwise is repeated.
 void expectTruth(const Inspected& program, const std::string& arguments, const Hidden& hidden = {}) {
   std::string wrong;
-  for (int attempt = 0; attempt < 5; ++attempt) {
+  for (int attempt = 0; attempt < 30; ++attempt) {
     const Json found = inspected("--between 300 " + arguments, 1);
     ASSERT_TRUE(found.is_object());
     EXPECT_EQ(found["deadlocks"].get<std::set<std::vector<pid_t>>>(), deadlocksIn(program));
@@ -239,6 +240,19 @@ TEST_F(Inspection, TellsTheTruthOfAStoppedProcessAndOnceItGoesOn) {
   EXPECT_EQ(program.states(), (std::set<std::string>{"", "T"}));
   program.send(SIGCONT, "S");
   expectTruth(program, program.pid());
+}
+
+// Where thread ids are others than here, and as small as the words of locks.
+TEST_F(Inspection, TellsTheTruthOfAProcessInANamespace) {
+  const int own = open("/proc/self/ns/pid", O_RDONLY);
+  if (unshare(CLONE_NEWPID) != 0) {
+    GTEST_SKIP() << "no namespaces for this user";
+  }
+  const Inspected program({"1", "600000"});
+  ASSERT_EQ(setns(own, CLONE_NEWPID), 0);
+  expectTruth(program, program.pid());
+  const Json found = inspected("--stacks=all " + program.pid(), 1);
+  EXPECT_NE(found["stacks"].dump().find("::joinOne()"), std::string::npos);
 }
 
 TEST_F(Inspection, TellsTheTruthOfATracedProcess) {

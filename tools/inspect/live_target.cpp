@@ -5,6 +5,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -23,6 +24,13 @@ std::string readAll(int fd) {
     text.append(piece.data(), static_cast<size_t>(length));
   }
   return text;
+}
+
+// Of a file that the kernel writes in one piece: a second read would only tell its end.
+std::string readPiece(int fd) {
+  std::array<char, 512> piece;  // NOLINT: filled by read
+  const ssize_t length = ::read(fd, piece.data(), piece.size());
+  return {piece.data(), static_cast<size_t>(std::max<ssize_t>(length, 0))};
 }
 
 std::string readAt(int directory, const char* path) {
@@ -124,7 +132,10 @@ pid_t LiveTarget::idSeenFromHere(pid_t tid) const {
 }
 
 std::optional<Call> LiveTarget::callOf(pid_t tid) const {
-  const std::string text = textOf(tid, "syscall");
+  std::array<char, 64> path{};
+  std::snprintf(path.data(), path.size(), "%d/syscall", idSeenFromHere(tid));
+  const ScopedFd file(openat(tasks_.get(), path.data(), O_RDONLY | O_CLOEXEC));
+  const std::string text = readPiece(file.get());
   Call call;
   auto& [a, b, c, d, e, f] = call.arguments;
   const int found =

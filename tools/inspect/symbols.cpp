@@ -17,6 +17,7 @@ namespace qurn::inspect {
 namespace {
 
 constexpr size_t kMostFrames = 256;
+constexpr size_t kMostNames = 100'000;
 
 // As the process sees its files, which may be in another mount namespace; what stands there now may
 // be no file at all, and must not be waited for.
@@ -133,8 +134,17 @@ Symbols::Symbols(const Target& target, const SymbolSources& sources, Depth depth
 
 std::string Symbols::nameOf(uint64_t address) const {
   Dwfl_Module* module = address == 0 ? nullptr : dwfl_addrmodule(session_.get(), address);
-  const char* name = module == nullptr ? nullptr : dwfl_module_addrname(module, address - 1);
-  return name == nullptr ? std::string() : name;
+  if (module == nullptr) {
+    return {};
+  }
+  if (const auto known = names_.find(address); known != names_.end()) {
+    return known->second;
+  }
+  if (names_.size() >= kMostNames) {
+    names_.clear();
+  }
+  const char* name = dwfl_module_addrname(module, address - 1);
+  return names_[address] = name == nullptr ? "" : name;
 }
 
 void Symbols::explain(uint64_t address, bool isCaller, std::vector<Frame>& frames) const {

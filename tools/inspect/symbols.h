@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "snapshot.h"
@@ -47,6 +48,8 @@ class Symbols {
   Dwfl_Callbacks callbacks_;
   std::unique_ptr<Dwfl, void (*)(Dwfl*)> session_;
   bool isAttached_ = false;
+  // Each name takes a walk through a file's symbols, and threads wait in the same few places.
+  mutable std::unordered_map<uint64_t, std::string> names_;
 
   struct Unwinding {
     const Registers* registers;

@@ -100,19 +100,20 @@ void explainPlainWait(const Target& target, const Call& call, const Words& words
     return;
   }
   wait.kind = kindByNames(target, call, nameOfCode);
-  const bool isJoin = isBitset && value == words.word[0] && asThread(value, threads) != 0;
-  if (isJoin && wait.kind != Verdict::kMutex) {
+  const bool isNamed = wait.kind != Verdict::kLock && wait.kind != Verdict::kJoin;
+  // In a container a thread's id may be as small as any lock's word.
+  if (!isNamed && looksLikeMutex(value, words, threads)) {
+    wait.kind = Verdict::kMutex;
+  } else if (!isNamed && isBitset && value == words.word[0] && asThread(value, threads) != 0) {
     wait.kind = Verdict::kJoin;
     wait.holder = asThread(value, threads);
+  } else if (!isNamed && isBitset && looksLikeSemaphore(value, words, threads)) {
+    wait.kind = Verdict::kSemaphore;
+  }
+  if (wait.kind == Verdict::kMutex) {
+    wait.holder = ownerOf(words, threads);
   } else if (wait.kind == Verdict::kRwlock) {
     wait.holder = writerOf(target, words.address, threads);
-  } else if (wait.kind == Verdict::kMutex) {
-    wait.holder = ownerOf(words, threads);
-  } else if (wait.kind == Verdict::kLock && looksLikeMutex(value, words, threads)) {
-    wait.kind = Verdict::kMutex;
-    wait.holder = ownerOf(words, threads);
-  } else if (wait.kind == Verdict::kLock && isBitset && looksLikeSemaphore(value, words, threads)) {
-    wait.kind = Verdict::kSemaphore;
   }
 }
 
