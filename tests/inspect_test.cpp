@@ -25,14 +25,13 @@ const std::string kInspect = QURN_INSPECT " ";
 
 struct Truth {
   std::string verdict;
-  pid_t holder;
+  pid_t holder = 0;
 };
 
 // The program, its truth, and a directory that both end with it.
 class Inspected {
  public:
-  explicit Inspected(const std::vector<std::string>& arguments) {
-    pid_ = fork();
+  explicit Inspected(const std::vector<std::string>& arguments) : pid_(fork()) {
     if (pid_ == 0) {
       start(arguments);
     }
@@ -53,6 +52,9 @@ class Inspected {
     end(SIGKILL);
     std::filesystem::remove_all(directory_);
   }
+
+  Inspected(const Inspected&) = delete;
+  Inspected& operator=(const Inspected&) = delete;
 
   static void waitUntil(const std::function<bool()>& happens) {
     for (int i = 0; i < 600 && !happens(); ++i) {
@@ -101,17 +103,15 @@ class Inspected {
  private:
   [[noreturn]] void start(const std::vector<std::string>& arguments) const {
     const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
+    const rlimit small{256 * 1024, RLIM_INFINITY};  // of each thread, for small cores
     setrlimit(RLIMIT_CORE, &unlimited);
+    setrlimit(RLIMIT_STACK, &small);
     if (chdir(directory_.c_str()) != 0 ||
         dup2(open("said", O_CREAT | O_WRONLY | O_APPEND, 0644), STDOUT_FILENO) < 0) {
       _exit(1);
     }
-    std::vector<char*> all{const_cast<char*>(INSPECTED)};
-    for (const std::string& argument : arguments) {
-      all.push_back(const_cast<char*>(argument.c_str()));
-    }
-    all.push_back(nullptr);
-    execv(INSPECTED, all.data());
+    const char* third = arguments.size() > 2 ? arguments[2].c_str() : nullptr;
+    execl(INSPECTED, INSPECTED, arguments[0].c_str(), arguments[1].c_str(), third, nullptr);
     _exit(1);
   }
   std::string fieldOf(pid_t tid, const std::string& key) const {
@@ -128,7 +128,7 @@ class Inspected {
     std::string pattern = std::filesystem::temp_directory_path() / "inspected-XXXXXX";
     return std::string(mkdtemp(pattern.data()));
   }();
-  pid_t pid_ = 0;
+  pid_t pid_;
   std::map<std::string, pid_t> tids_;
   std::map<pid_t, Truth> truth_;
 };
@@ -176,9 +176,10 @@ std::string mistakes(const Json& found, const Inspected& program, const Hidden& 
                         std::string::npos;
     const bool waitIsRight = !blocks || (waits.contains(tid) && waits[tid]["kind"] == kind &&
                                          holderIn(waits[tid]) == holder);
-    wrong += isRight && waitIsRight
-                 ? ""
-                 : name + " (" + expected + "): " + row.dump() + waits[tid].dump() + "\n";
+    if (!isRight || !waitIsRight) {
+      wrong += name + " (" + expected + "): ";
+      wrong += row.dump() + waits[tid].dump() + "\n";
+    }
   }
   return wrong;
 }
@@ -186,12 +187,13 @@ std::string mistakes(const Json& found, const Inspected& program, const Hidden& 
 // Each cycle from its lowest thread on.
 std::set<std::vector<pid_t>> deadlocksIn(const Inspected& program) {
   std::set<std::vector<pid_t>> all;
-  for (const std::vector<const char*>& names :
-       {std::vector{"two_a", "two_b"}, {"three_a", "three_b", "three_c"}, {"joiner", "joined"}, {"itself"}}) {
-    std::vector<pid_t> cycle;
-    for (const char* name : names) {
-      cycle.push_back(program.tids().at(name));
-    }
+  for (const std::vector<const char*>& names : {std::vector{"two_a", "two_b"},
+                                                {"three_a", "three_b", "three_c"},
+                                                {"joiner", "joined"},
+                                                {"itself"}}) {
+    std::vector<pid_t> cycle(names.size());
+    std::transform(names.begin(), names.end(), cycle.begin(),
+                   [&](const char* name) { return program.tids().at(name); });
     std::rotate(cycle.begin(), std::min_element(cycle.begin(), cycle.end()), cycle.end());
     all.insert(cycle);
   }
@@ -199,7 +201,8 @@ std::set<std::vector<pid_t>> deadlocksIn(const Inspected& program) {
 }
 
 // Who gets the processor when is the machine's affair: a look that shows otherwise is repeated.
-void expectTruth(const Inspected& program, const std::string& arguments, const Hidden& hidden = {}) {
+void expectTruth(const Inspected& program, const std::string& arguments,
+                 const Hidden& hidden = {}) {
   std::string wrong;
   for (int attempt = 0; attempt < 30; ++attempt) {
     const Json found = inspected("--between 300 " + arguments, 1);
@@ -282,11 +285,11 @@ void expectTruthOfCore(const Inspected& program, const std::string& core) {
   expectTruth(program, core, kDead);
   const Json found = inspected("--stacks=all --record --program " INSPECTED " " + core, 1);
   EXPECT_NE(found["stacks"].dump().find("pthread_rejoin_free"), std::string::npos);
-  for (const int part : {1, 2, 10, 100, 1000, 10000}) {
-    const std::string cut = program.directory() + "/cut";
-    std::filesystem::copy_file(core, cut, std::filesystem::copy_options::overwrite_existing);
-    std::filesystem::resize_file(cut, std::filesystem::file_size(core) / part - 1);
-    const ProgramRun run = runProgram(kInspect + "--stacks --record " + cut);
+  const size_t bytes = std::filesystem::file_size(core);
+  const std::string command = kInspect + "--stacks --record " + core;
+  for (const size_t part : {1, 2, 10, 100, 1000, 10000}) {
+    std::filesystem::resize_file(core, bytes / part - 1);
+    const ProgramRun run = runProgram(command);
     EXPECT_TRUE(run.status <= 2) << run.status << run.output;
     EXPECT_TRUE(part < 1000 || run.has("no libqurnadapt in")) << run.output;
   }
@@ -322,8 +325,10 @@ TEST_F(Inspection, ShowsStacksAndLetsEveryThreadGoOnAlsoWhenItIsKilled) {
     stacks[stack["tid"]] = stack.dump();
   }
   const std::map<std::string, std::string> kWays{
-      {"loop", "::spin()\" ... inspected.cpp"}, {"normal", "lockMutex<0>() ... run("},
-      {"joiner", "joinOne"},  {"loader", "\"waitForEver\" ... ::holdLoader( ... dl_iterate_phdr"},
+      {"loop", "::spin()\" ... inspected.cpp"},
+      {"normal", "lockMutex<0>() ... run("},
+      {"joiner", "joinOne"},
+      {"loader", "\"waitForEver\" ... ::holdLoader( ... dl_iterate_phdr"},
       {"vfork", "uninterruptible sleep, not stopped"}};
   for (const auto& [name, way] : kWays) {
     SCOPED_TRACE(stacks[program.tids().at(name)]);
@@ -374,9 +379,9 @@ TEST_F(Inspection, WaitsUntilAThreadIsSilentForTooLong) {
 // No thread is silent beyond its threshold: the guard is.
 TEST_F(Inspection, WaitsUntilTheGuardHasHeardNothing) {
   const Inspected program({"1000", "200"});
-  auto run = std::async(std::launch::async, runProgram,
-                        kInspect + "--at warning --output " + program.directory() + " " +
-                            program.pid(), 60);
+  auto run = std::async(
+      std::launch::async, runProgram,
+      kInspect + "--at warning --output " + program.directory() + " " + program.pid(), 60);
   program.send(SIGSTOP, "T");
   EXPECT_EQ(run.get().status, 0);
   EXPECT_EQ(writtenFile(program)["watched"][0]["verdict"], "stopped");

@@ -1,4 +1,4 @@
-// inspected SECONDS PERIOD_MS [hard] [PLACE]: a thread for each way to be stuck, each registered
+// inspected SECONDS PERIOD_MS [hard|PLACE]: a thread for each way to be stuck, each registered
 // under the name of its place with thresholds of so many seconds; at PLACE the third one is a
 // second, which a hook deals with. Prints the truth, a line each: "NAME TID VERDICT HOLDER", then
 // "ready", and "disturbed" whenever a wait is interrupted.
@@ -121,29 +121,20 @@ void waitForSemaphore() {
   sem_wait(&semaphore);
 }
 
+void readFrom(int descriptor) {
+  uint64_t bytes = 0;
+  [[maybe_unused]] const ssize_t length = read(descriptor, &bytes, sizeof(bytes));
+}
+
 void readPipe() {
-  int ends[2];
-  char byte = 0;
-  if (pipe(ends) == 0 && read(ends[0], &byte, 1) < 0) {
-    std::puts("disturbed");
-  }
+  int ends[2] = {};
+  readFrom(pipe(ends) == 0 ? ends[0] : -1);
 }
 
 void acceptSocket() {
-  const int socketFd = socket(AF_INET, SOCK_STREAM, 0);
-  listen(socketFd, 1);
-  accept(socketFd, nullptr, nullptr);
-}
-
-void sleepLong() {
-  timespec rest{86400, 0};
-  nanosleep(&rest, nullptr);
-}
-
-void readTimer() {
-  const int timer = timerfd_create(CLOCK_MONOTONIC, 0);
-  uint64_t count = 0;
-  [[maybe_unused]] const ssize_t length = read(timer, &count, sizeof(count));
+  const int listening = socket(AF_INET, SOCK_STREAM, 0);
+  listen(listening, 1);
+  accept(listening, nullptr, nullptr);
 }
 
 // What an attach interrupts.
@@ -190,23 +181,17 @@ void blockSignals() {
 }
 
 void vforkLong() {
-  if (vfork() == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (vfork() == 0) {                  // NOLINT: what is shown
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // NOLINT: harms nobody but the parent
     waitForEver();
   }
 }
 
 // On the processor of a neighbour that is more important.
 void starve() {
-  cpu_set_t allowed;
-  sched_getaffinity(0, sizeof(allowed), &allowed);
-  int first = 0;
-  while (!CPU_ISSET(first, &allowed)) {
-    ++first;
-  }
   cpu_set_t one;
   CPU_ZERO(&one);
-  CPU_SET(first, &one);
+  CPU_SET(sched_getcpu(), &one);
   sched_setaffinity(0, sizeof(one), &one);
   std::thread(spin).detach();
   const sched_param none{};
@@ -230,8 +215,8 @@ void run(const Place& place) {
   pthread_setname_np(pthread_self(), place.name);
   const bool isDealtWith = g_dealtWith == place.name;
   FrameDeadloopHandle self = 0;
-  Frame_SetHeartbeatToMon(&self, isDealtWith ? 1 : g_seconds, isDealtWith ? 1 : g_seconds,
-                          isDealtWith ? 1 : g_seconds);
+  const uint32_t seconds = isDealtWith ? 1 : g_seconds;
+  Frame_SetHeartbeatToMon(&self, seconds, seconds, seconds);
   Frame_RegDeadloopInfoHook(&self, dealWith);
   {
     const std::scoped_lock lock(g_tidsMutex);
@@ -279,8 +264,8 @@ constexpr Place kPlaces[] = {
     {"semaphore", "semaphore", "-", waitForSemaphore},
     {"pipe", "syscall", "-", readPipe},
     {"accept", "syscall", "-", acceptSocket},
-    {"nanosleep", "sleep", "-", sleepLong},
-    {"timer", "sleep", "-", readTimer},
+    {"nanosleep", "sleep", "-", [] { sleep(86400); }},
+    {"timer", "sleep", "-", [] { readFrom(timerfd_create(CLOCK_MONOTONIC, 0)); }},
     {"epoll", "syscall", "-", waitForEvent},
     {"sigtimedwait", "syscall", "-", waitForSignal},
     {"blocker", "syscall", "-", blockSignals},
@@ -301,11 +286,12 @@ constexpr size_t kHard = 2;
 int main(int argc, char** argv) {
   const std::string third = argc > 3 ? argv[3] : "";
   g_seconds = static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10));
-  g_dealtWith = argc > 4 ? argv[4] : third;
+  g_dealtWith = third;
   prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
   const auto period = static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10));
   FrameSetDeadloopPeriodDelay(period);
-  FRAME_KeepAliveProcSet(period, [](void*) -> uint32_t { return 0; }, nullptr);
+  FRAME_KeepAliveProcSet(
+      period, [](void*) -> uint32_t { return 0; }, nullptr);
   if (FRAME_MntInit() != 0) {
     return 1;
   }

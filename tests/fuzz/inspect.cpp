@@ -1,5 +1,5 @@
-// The inspector: a core, or a process whose memory and kernel say something else at each look. Either
-// is told without harm to the terminal, as JSON, and in bounded time.
+// The inspector: a core, or a process whose memory and kernel say something else at each look.
+// Either is told without harm to the terminal, as JSON, and in bounded time.
 #include <nlohmann/json.hpp>
 #include <sstream>
 

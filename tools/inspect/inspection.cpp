@@ -162,7 +162,8 @@ class Judge {
     // The delay is only counted once it is over.
     const bool neverSlept =
         before->state == 'R' && after->state == 'R' && before->sleeps == after->sleeps;
-    if ((neverSlept || kept > betweenNs_ / 2) && ran < betweenNs_ / 10) {
+    const bool isKept = neverSlept || kept > betweenNs_ / 2 || (ran == 0 && wait == nullptr);
+    if (isKept && ran < betweenNs_ / 10) {
       decide(thread, Verdict::kStarved, "could run, but gets no processor");
     } else if (ran > 0) {
       decide(thread, Verdict::kLoop,
@@ -170,8 +171,6 @@ class Judge {
     } else if (wait != nullptr) {
       thread.holder = wait->holder;
       decide(thread, wait->kind, wordsFor(*wait));
-    } else {
-      decide(thread, Verdict::kStarved, "could run, but gets no processor");
     }
   }
 
@@ -250,6 +249,9 @@ Snapshot inspect(const Target& target, const Library& library, const NameOfCode&
   const Look second = target.isCore() ? first : looker.look(first);
   const auto between =
       target.isCore() ? std::chrono::nanoseconds{} : std::chrono::steady_clock::now() - start;
+  if (second.threads.empty() && !target.isCore()) {
+    throw Mistake("the process has ended meanwhile");
+  }
 
   Snapshot snapshot;
   snapshot.process = readProcess(target, library, second.at);

@@ -18,7 +18,9 @@ constexpr uint32_t kMostNodes = 4096;
 
 uint64_t addressOf(const void* pointer) { return reinterpret_cast<uint64_t>(pointer); }
 
-bool isLibrary(const std::string& path) { return path.find("libqurnadapt.so") != path.npos; }
+bool isLibrary(const std::string& path) {
+  return path.find("libqurnadapt.so") != std::string::npos;
+}
 
 // A live process's memory that is no file's cannot have it, and may be large.
 bool mayHaveRecord(const Target& target, const Mapping& mapping) {

@@ -113,7 +113,8 @@ std::vector<pid_t> LiveTarget::threads() const {
   while (const dirent* entry = entries == nullptr ? nullptr : readdir(entries.get())) {
     auto tid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
     if (tid > 0 && isInNamespace_) {
-      const std::string seen = readAt(tasks_.get(), (entry->d_name + std::string("/status")).c_str());
+      const std::string seen =
+          readAt(tasks_.get(), (entry->d_name + std::string("/status")).c_str());
       const std::string ids = valueIn(seen, "NSpid");
       const pid_t own = static_cast<pid_t>(std::atol(ids.c_str() + ids.rfind('\t') + 1));
       idsSeenFromHere_[own] = tid;

@@ -183,11 +183,11 @@ void writeCapture(std::ostream& out, const Capture& capture) {
 // Of the one that the text begins with, 0 where that is none in UTF-8.
 size_t lengthOfCharacter(std::string_view text) {
   const auto byte = [text](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const size_t length = byte(0) < 0x80                        ? 1
-                        : byte(0) >= 0xC2 && byte(0) < 0xE0   ? 2
-                        : byte(0) >= 0xE0 && byte(0) < 0xF0   ? 3
+  const size_t length = byte(0) < 0x80                       ? 1
+                        : byte(0) >= 0xC2 && byte(0) < 0xE0  ? 2
+                        : byte(0) >= 0xE0 && byte(0) < 0xF0  ? 3
                         : byte(0) >= 0xF0 && byte(0) <= 0xF4 ? 4
-                                                              : 0;
+                                                             : 0;
   if (length > text.size()) {
     return 0;
   }
@@ -197,10 +197,9 @@ size_t lengthOfCharacter(std::string_view text) {
     }
   }
   // Longer than it needs to be, half of a pair, or beyond the last one.
-  const bool isNone = length > 2 && ((byte(0) == 0xE0 && byte(1) < 0xA0) ||
-                                     (byte(0) == 0xED && byte(1) >= 0xA0) ||
-                                     (byte(0) == 0xF0 && byte(1) < 0x90) ||
-                                     (byte(0) == 0xF4 && byte(1) >= 0x90));
+  const bool isNone =
+      length > 2 && ((byte(0) == 0xE0 && byte(1) < 0xA0) || (byte(0) == 0xED && byte(1) >= 0xA0) ||
+                     (byte(0) == 0xF0 && byte(1) < 0x90) || (byte(0) == 0xF4 && byte(1) >= 0x90));
   return isNone ? 0 : length;
 }
 

@@ -26,21 +26,29 @@ pid_t asThread(uint32_t word, const std::set<pid_t>& threads) {
   return threads.contains(tid) ? tid : 0;
 }
 
-// What the functions on the way to the wait are for: the C library's, by how their names begin. Those
-// of others may be called as they like.
+// What the functions on the way to the wait are for: the C library's, by how their names begin.
+// Those of others may be called as they like.
 struct NameRule {
   std::string_view start;  // behind underscores
   Verdict kind;
 };
 constexpr NameRule kNameRules[] = {
-    {"pthread_rwlock_", Verdict::kRwlock},   {"pthread_cond_", Verdict::kCondition},
-    {"pthread_mutex_", Verdict::kMutex},     {"pthread_join", Verdict::kJoin},
-    {"pthread_timedjoin", Verdict::kJoin},   {"pthread_clockjoin", Verdict::kJoin},
-    {"pthread_once", Verdict::kLock},        {"sem_wait", Verdict::kSemaphore},
-    {"sem_timedwait", Verdict::kSemaphore},  {"sem_clockwait", Verdict::kSemaphore},
-    {"new_sem_wait", Verdict::kSemaphore},   {"malloc", Verdict::kLock},
-    {"calloc", Verdict::kLock},              {"realloc", Verdict::kLock},
-    {"free", Verdict::kLock},                {"libc_", Verdict::kLock},
+    {"pthread_rwlock_", Verdict::kRwlock},
+    {"pthread_cond_", Verdict::kCondition},
+    {"pthread_mutex_", Verdict::kMutex},
+    {"pthread_join", Verdict::kJoin},
+    {"pthread_timedjoin", Verdict::kJoin},
+    {"pthread_clockjoin", Verdict::kJoin},
+    {"pthread_once", Verdict::kLock},
+    {"sem_wait", Verdict::kSemaphore},
+    {"sem_timedwait", Verdict::kSemaphore},
+    {"sem_clockwait", Verdict::kSemaphore},
+    {"new_sem_wait", Verdict::kSemaphore},
+    {"malloc", Verdict::kLock},
+    {"calloc", Verdict::kLock},
+    {"realloc", Verdict::kLock},
+    {"free", Verdict::kLock},
+    {"libc_", Verdict::kLock},
 };
 
 Verdict kindByNames(const Target& target, const Call& call, const NameOfCode& nameOfCode) {
@@ -85,8 +93,7 @@ bool looksLikeMutex(uint32_t value, const Words& words, const std::set<pid_t>& t
 
 // Nothing to take, and somebody who waits.
 bool looksLikeSemaphore(uint32_t value, const Words& words, const std::set<pid_t>& threads) {
-  return value == 0 && words.word[0] == 0 && words.word[1] != 0 &&
-         words.word[1] <= threads.size();
+  return value == 0 && words.word[0] == 0 && words.word[1] != 0 && words.word[1] <= threads.size();
 }
 
 void explainPlainWait(const Target& target, const Call& call, const Words& words,
