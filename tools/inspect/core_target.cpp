@@ -38,7 +38,7 @@ constexpr size_t aligned(size_t bytes) { return (bytes + 3) & ~size_t{3}; }
 }  // namespace
 
 CoreTarget::CoreTarget(const std::string& path) {
-  const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
   if (!file.valid() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     throw Mistake("cannot read " + path +
@@ -48,10 +48,11 @@ CoreTarget::CoreTarget(const std::string& path) {
   void* mapped =
       size_ == 0 ? MAP_FAILED : mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, file.get(), 0);
   Elf64_Ehdr header{};
-  bytes_ = mapped == MAP_FAILED ? nullptr : static_cast<const char*>(mapped);
+  bytes_ = mapped == MAP_FAILED ? nullptr : static_cast<char*>(mapped);
   if (bytes_ == nullptr || !copyFrom(bytes_, size_, 0, header) ||
       memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64 ||
-      header.e_type != ET_CORE || header.e_machine != kMachine) {
+      header.e_ident[EI_DATA] != ELFDATA2LSB || header.e_type != ET_CORE ||
+      header.e_machine != kMachine) {
     throw Mistake(path + " is no core of a process of this machine's kind");
   }
   // More than 65,534 segments are counted in the first section instead.
@@ -60,6 +61,7 @@ CoreTarget::CoreTarget(const std::string& path) {
   if (count == PN_XNUM && copyFrom(bytes_, size_, header.e_shoff, first)) {
     count = first.sh_info;
   }
+  uint64_t notesLeft = size_;  // none is told twice
   for (uint64_t i = 0; i < count; ++i) {
     Elf64_Phdr part{};
     if (!copyFrom(bytes_, size_, header.e_phoff + i * sizeof(part), part)) {
@@ -71,19 +73,20 @@ CoreTarget::CoreTarget(const std::string& path) {
       segments_[part.p_vaddr] = {part.p_vaddr, there, part.p_offset};
       mappings_.push_back(
           {part.p_vaddr, part.p_vaddr + part.p_memsz, (part.p_flags & PF_W) != 0, {}});
-    } else if (part.p_type == PT_NOTE) {
+    } else if (part.p_type == PT_NOTE && there <= notesLeft) {
       readNotes(bytes_ + (there == 0 ? 0 : part.p_offset), there);
+      notesLeft -= there;
     }
   }
   nameMappings();
   elf_version(EV_CURRENT);
-  elf_ = elf_memory(const_cast<char*>(bytes_), size_);
+  elf_ = elf_memory(bytes_, size_);
 }
 
 CoreTarget::~CoreTarget() {
   elf_end(elf_);
   if (bytes_ != nullptr) {
-    munmap(const_cast<char*>(bytes_), size_);
+    munmap(bytes_, size_);
   }
 }
 

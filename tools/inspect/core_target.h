@@ -52,7 +52,7 @@ class CoreTarget final : public Target {
   std::map<pid_t, KernelRegisters> threads_;
   pid_t pid_ = 0;
   std::string name_;
-  const char* bytes_ = nullptr;  // the whole file
+  char* bytes_ = nullptr;  // the whole file
   size_t size_ = 0;
   Elf* elf_ = nullptr;
 };

@@ -15,17 +15,24 @@ struct Look {
   timespec at{};
   std::vector<Beat> watch;
   std::set<pid_t> threads;
-  std::map<pid_t, Call> calls;
   std::map<pid_t, Wait> waits;
   std::map<pid_t, Detail> details;
 };
+
+template <typename Map>
+const typename Map::mapped_type* find(const Map& map, pid_t tid) {
+  const auto found = map.find(tid);
+  return found == map.end() ? nullptr : &found->second;
+}
 
 class Looker {
  public:
   Looker(const Target& target, const Library& library, const NameOfCode& nameOfCode)
       : target_(target), library_(library), nameOfCode_(nameOfCode) {}
 
-  [[nodiscard]] Look look() const {
+  // The second look is for those whom it can tell more of than the first: the watched, and whoever
+  // may be part of a cycle.
+  [[nodiscard]] Look look(const Look& earlier = {}) const {
     Look look;
     look.at = target_.now().value_or(timespec{});
     if (target_.isCore()) {
@@ -34,15 +41,16 @@ class Looker {
     look.watch = readWatch(target_, library_, look.at);
     const std::vector<pid_t> threads = target_.threads();
     look.threads = {threads.begin(), threads.end()};
+    const std::set<pid_t> watched = watchedIn(look);
     for (const pid_t tid : threads) {
-      if (const std::optional<Call> call = target_.callOf(tid)) {
-        look.calls[tid] = *call;
-        if (auto wait = waitOf(target_, tid, *call, look.threads, nameOfCode_)) {
-          look.waits[tid] = std::move(*wait);
-        }
+      const Wait* known = find(earlier.waits, tid);
+      if (known != nullptr && known->holder == 0 && !watched.contains(tid)) {
+        look.waits[tid] = *known;
+      } else {
+        lookAt(tid, look);
       }
     }
-    for (const pid_t tid : namedBy(look)) {
+    for (const pid_t tid : namedBy(look, watched)) {
       if (std::optional<Detail> detail = target_.detailOf(tid)) {
         look.details[tid] = std::move(*detail);
       }
@@ -51,12 +59,24 @@ class Looker {
   }
 
  private:
-  // The watched ones, and whoever is in a chain of waits.
-  static std::set<pid_t> namedBy(const Look& look) {
-    std::set<pid_t> named;
-    for (const Beat& beat : look.watch) {
-      named.insert(beat.thread.tid);
+  void lookAt(pid_t tid, Look& look) const {
+    if (const std::optional<Call> call = target_.callOf(tid)) {
+      if (auto wait = waitOf(target_, tid, *call, look.threads, nameOfCode_)) {
+        look.waits[tid] = std::move(*wait);
+      }
     }
+  }
+
+  static std::set<pid_t> watchedIn(const Look& look) {
+    std::set<pid_t> watched;
+    for (const Beat& beat : look.watch) {
+      watched.insert(beat.thread.tid);
+    }
+    return watched;
+  }
+
+  // The watched ones, and whoever is in a chain of waits.
+  static std::set<pid_t> namedBy(const Look& look, std::set<pid_t> named) {
     for (const auto& [tid, wait] : look.waits) {
       if (wait.holder != 0) {
         named.insert({tid, wait.holder});
@@ -69,12 +89,6 @@ class Looker {
   const Library& library_;
   const NameOfCode& nameOfCode_;
 };
-
-template <typename Map>
-const typename Map::mapped_type* find(const Map& map, pid_t tid) {
-  const auto found = map.find(tid);
-  return found == map.end() ? nullptr : &found->second;
-}
 
 // ---- the verdict on one thread
 
@@ -145,7 +159,11 @@ class Judge {
     }
     const auto ran = static_cast<int64_t>(after->runNs - before->runNs);
     const auto kept = static_cast<int64_t>(after->delayNs - before->delayNs);
-    if (kept > betweenNs_ / 2 && ran < betweenNs_ / 4) {
+    // The delay is only counted once it is over.
+    const bool neverSlept =
+        before->state == 'R' && after->state == 'R' && before->sleeps == after->sleeps;
+    const bool isKept = neverSlept || kept > betweenNs_ / 2 || (ran == 0 && wait == nullptr);
+    if (isKept && ran < betweenNs_ / 10) {
       decide(thread, Verdict::kStarved, "could run, but gets no processor");
     } else if (ran > 0) {
       decide(thread, Verdict::kLoop,
@@ -153,8 +171,6 @@ class Judge {
     } else if (wait != nullptr) {
       thread.holder = wait->holder;
       decide(thread, wait->kind, wordsFor(*wait));
-    } else {
-      decide(thread, Verdict::kStarved, "could run, but gets no processor");
     }
   }
 
@@ -230,9 +246,12 @@ Snapshot inspect(const Target& target, const Library& library, const NameOfCode&
   }
   const auto start = std::chrono::steady_clock::now();
   std::this_thread::sleep_for(betweenLooks);
-  const Look second = target.isCore() ? first : looker.look();
+  const Look second = target.isCore() ? first : looker.look(first);
   const auto between =
       target.isCore() ? std::chrono::nanoseconds{} : std::chrono::steady_clock::now() - start;
+  if (second.threads.empty() && !target.isCore()) {
+    throw Mistake("the process has ended meanwhile");
+  }
 
   Snapshot snapshot;
   snapshot.process = readProcess(target, library, second.at);

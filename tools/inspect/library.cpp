@@ -18,7 +18,14 @@ constexpr uint32_t kMostNodes = 4096;
 
 uint64_t addressOf(const void* pointer) { return reinterpret_cast<uint64_t>(pointer); }
 
-bool isLibrary(const std::string& path) { return path.find("libqurnadapt.so") != path.npos; }
+bool isLibrary(const std::string& path) {
+  return path.find("libqurnadapt.so") != std::string::npos;
+}
+
+// A live process's memory that is no file's cannot have it, and may be large.
+bool mayHaveRecord(const Target& target, const Mapping& mapping) {
+  return mapping.isWritable && (target.isCore() || mapping.path.starts_with('/'));
+}
 
 // Looks through a piece of the process's memory, page by page, for the record's first bytes.
 std::optional<Record> recordIn(const Target& target, const Mapping& mapping) {
@@ -108,7 +115,7 @@ Library findLibrary(const Target& target) {
   std::stable_partition(mappings.begin(), mappings.end(),
                         [](const Mapping& one) { return isLibrary(one.path); });
   for (const Mapping& mapping : mappings) {
-    if (!mapping.isWritable) {
+    if (!mayHaveRecord(target, mapping)) {
       continue;
     }
     if (const std::optional<Record> record = recordIn(target, mapping)) {

@@ -5,6 +5,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -23,6 +24,13 @@ std::string readAll(int fd) {
     text.append(piece.data(), static_cast<size_t>(length));
   }
   return text;
+}
+
+// Of a file that the kernel writes in one piece: a second read would only tell its end.
+std::string readPiece(int fd) {
+  std::array<char, 512> piece;  // NOLINT: filled by read
+  const ssize_t length = ::read(fd, piece.data(), piece.size());
+  return {piece.data(), static_cast<size_t>(std::max<ssize_t>(length, 0))};
 }
 
 std::string readAt(int directory, const char* path) {
@@ -62,6 +70,7 @@ LiveTarget::LiveTarget(pid_t pid)
     throw Mistake("process " + std::to_string(pid) + " may not be looked into: " + strerror(errno) +
                   " (its user, or CAP_SYS_PTRACE, is needed)");
   }
+  isInNamespace_ = valueIn(textOf("status"), "NSpid").find('\t') != std::string::npos;
 }
 
 std::string LiveTarget::textOf(const std::string& file) const {
@@ -70,7 +79,7 @@ std::string LiveTarget::textOf(const std::string& file) const {
 
 std::string LiveTarget::textOf(pid_t tid, const char* file) const {
   std::array<char, 64> path{};
-  std::snprintf(path.data(), path.size(), "%d/%s", tid, file);
+  std::snprintf(path.data(), path.size(), "%d/%s", idSeenFromHere(tid), file);
   return readAt(tasks_.get(), path.data());
 }
 
@@ -102,15 +111,32 @@ std::vector<pid_t> LiveTarget::threads() const {
   const int copy = openat(tasks_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(copy < 0 ? nullptr : fdopendir(copy), closedir);
   while (const dirent* entry = entries == nullptr ? nullptr : readdir(entries.get())) {
-    if (const long tid = std::strtol(entry->d_name, nullptr, 10); tid > 0) {
-      all.push_back(static_cast<pid_t>(tid));
+    auto tid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
+    if (tid > 0 && isInNamespace_) {
+      const std::string seen =
+          readAt(tasks_.get(), (entry->d_name + std::string("/status")).c_str());
+      const std::string ids = valueIn(seen, "NSpid");
+      const pid_t own = static_cast<pid_t>(std::atol(ids.c_str() + ids.rfind('\t') + 1));
+      idsSeenFromHere_[own] = tid;
+      tid = own;
+    }
+    if (tid > 0) {
+      all.push_back(tid);
     }
   }
   return all;
 }
 
+pid_t LiveTarget::idSeenFromHere(pid_t tid) const {
+  const auto known = idsSeenFromHere_.find(tid);
+  return known != idsSeenFromHere_.end() ? known->second : isInNamespace_ ? 0 : tid;
+}
+
 std::optional<Call> LiveTarget::callOf(pid_t tid) const {
-  const std::string text = textOf(tid, "syscall");
+  std::array<char, 64> path{};
+  std::snprintf(path.data(), path.size(), "%d/syscall", idSeenFromHere(tid));
+  const ScopedFd file(openat(tasks_.get(), path.data(), O_RDONLY | O_CLOEXEC));
+  const std::string text = readPiece(file.get());
   Call call;
   auto& [a, b, c, d, e, f] = call.arguments;
   const int found =
@@ -144,6 +170,7 @@ std::optional<Detail> LiveTarget::detailOf(pid_t tid) const {
   detail.state = valueIn(status, "State").substr(0, 1).c_str()[0];
   detail.tracer = static_cast<pid_t>(std::atol(valueIn(status, "TracerPid").c_str()));
   detail.blocked = std::strtoull(valueIn(status, "SigBlk").c_str(), nullptr, 16);
+  detail.sleeps = std::strtoull(valueIn(status, "voluntary_ctxt_switches").c_str(), nullptr, 10);
   std::sscanf(textOf(tid, "schedstat").c_str(), "%" SCNu64 " %" SCNu64, &detail.runNs,
               &detail.delayNs);
   if (detail.state == 'D') {

@@ -1,6 +1,7 @@
 // A process that runs, or is stopped: looked at through /proc and copied from, never touched.
 #pragma once
 
+#include <map>
 #include <string>
 
 #include "common/scoped_fd.h"
@@ -25,6 +26,7 @@ class LiveTarget final : public Target {
   bool isCore() const override { return false; }
   std::optional<timespec> now() const override;
   int64_t upMs() const override;
+  pid_t idSeenFromHere(pid_t tid) const override;
 
  private:
   // The file's text, empty where it cannot be read.
@@ -32,6 +34,9 @@ class LiveTarget final : public Target {
   std::string textOf(pid_t tid, const char* file) const;
 
   pid_t pid_;
+  bool isInNamespace_ = false;  // of process ids
+  // Thread ids that we see, by those that the process sees itself, where these are others.
+  mutable std::map<pid_t, pid_t> idsSeenFromHere_;
   ScopedFd process_;  // its directory in /proc, which stays that process's
   ScopedFd tasks_;
 };

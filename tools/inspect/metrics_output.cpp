@@ -8,8 +8,8 @@ namespace {
 
 std::string escaped(std::string_view text) {
   std::string safe;
-  for (const char c : text) {
-    safe += c == '\\' || c == '"' ? std::string{'\\', c} : c == '\n' ? "\\n" : std::string(1, c);
+  for (const char c : printable(text)) {
+    safe += c == '\\' || c == '"' ? std::string{'\\', c} : std::string(1, c);
   }
   return safe;
 }

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <thread>
 
 #include "core_target.h"
 #include "registers.h"
@@ -116,22 +117,20 @@ Copy copyOfLive(const Target& target, pid_t tid, const std::vector<Mapping>& map
     copy.note = "in uninterruptible sleep, not stopped; in the kernel: " + target.kernelStack(tid);
     return copy;
   }
-  copy.stack.resize(kMostStackBytes);
+  static std::vector<char> stack(kMostStackBytes);  // there before the thread is stopped
   const auto start = std::chrono::steady_clock::now();
-  Stopped stopped(tid);
+  Stopped stopped(target.idSeenFromHere(tid));
   KernelRegisters kernel{};
   if (!stopped.isStopped() || !stopped.readRegisters(kernel)) {
-    copy.stack.clear();
     copy.note = stopped.note().empty() ? "its registers cannot be read" : stopped.note();
     return copy;
   }
   copy.registers = registersFrom(kernel);
-  copy.stack.resize(stackBytesFrom(copy.registers.stackPointer, mappings));
-  if (!target.read(copy.registers.stackPointer, copy.stack.data(), copy.stack.size())) {
-    copy.stack.clear();
-  }
+  const size_t bytes = stackBytesFrom(copy.registers.stackPointer, mappings);
+  const bool isCopied = target.read(copy.registers.stackPointer, stack.data(), bytes);
   stopped.release();
   const std::chrono::duration<double, std::micro> taken = std::chrono::steady_clock::now() - start;
+  copy.stack.assign(stack.begin(), stack.begin() + static_cast<ssize_t>(isCopied ? bytes : 0));
   copy.note = "stopped for " + std::to_string(std::lround(taken.count())) + " us";
   return copy;
 }
@@ -153,9 +152,13 @@ std::vector<Stack> stacksOf(const Target& target, const std::vector<pid_t>& thre
   const std::vector<Mapping> mappings = target.mappings();
   const auto* core = dynamic_cast<const CoreTarget*>(&target);
   std::vector<Copy> copies;
-  for (const pid_t tid : threads) {
-    copies.push_back(core == nullptr ? copyOfLive(target, tid, mappings) : copyOfDead(*core, tid));
-  }
+  // On a thread of its own: one that did not stop in time is let go with its tracer, at the end.
+  std::thread([&] {
+    for (const pid_t tid : threads) {
+      copies.push_back(core == nullptr ? copyOfLive(target, tid, mappings)
+                                       : copyOfDead(*core, tid));
+    }
+  }).join();
   std::vector<Stack> stacks;
   for (size_t i = 0; i < threads.size(); ++i) {
     const Copy& copy = copies[i];

@@ -4,27 +4,33 @@
 #include <dwarf.h>
 #include <elfutils/libdw.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 
+#include "common/scoped_fd.h"
 #include "core_target.h"
 
 namespace qurn::inspect {
 namespace {
 
 constexpr size_t kMostFrames = 256;
+constexpr size_t kMostNames = 100'000;
 
-std::string demangled(const char* symbol) {
-  const std::unique_ptr<char, decltype(&std::free)> name(
-      abi::__cxa_demangle(symbol, nullptr, nullptr, nullptr), &std::free);
-  return name == nullptr ? symbol : name.get();
-}
-
-// As the process sees its files, which may be in another mount namespace.
+// As the process sees its files, which may be in another mount namespace; what stands there now may
+// be no file at all, and must not be waited for.
 int findElf(Dwfl_Module* module, void** userData, const char* name, Dwarf_Addr base, char** file,
             Elf** elf) {
+  const auto& root = *static_cast<const std::string*>(*userData);
+  ScopedFd found(name[0] == '/' ? open((root + name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)
+                                : -1);
+  struct stat status {};
+  if (found.valid() && fstat(found.get(), &status) == 0 && S_ISREG(status.st_mode)) {
+    *file = strdup(name);
+    return found.release();
+  }
   return dwfl_linux_proc_find_elf(module, userData, name, base, file, elf);
 }
 
@@ -94,8 +100,15 @@ std::string addInlined(Dwfl_Module* module, uint64_t inside, uint64_t address, s
 
 }  // namespace
 
+std::string demangled(const char* symbol) {
+  const std::unique_ptr<char, decltype(&std::free)> name(
+      abi::__cxa_demangle(symbol, nullptr, nullptr, nullptr), &std::free);
+  return name == nullptr ? symbol : name.get();
+}
+
 Symbols::Symbols(const Target& target, const SymbolSources& sources, Depth depth)
-    : debugPath_(sources.debugPath),
+    : root_("/proc/" + std::to_string(target.pid()) + "/root"),
+      debugPath_(sources.debugPath),
       debugPathPointer_(debugPath_.empty() ? nullptr : debugPath_.data()),
       callbacks_{target.isCore() ? findBuiltElf : findElf,
                  depth == Depth::kExported ? findNoDebugInfo : dwfl_standard_find_debuginfo,
@@ -109,12 +122,29 @@ Symbols::Symbols(const Target& target, const SymbolSources& sources, Depth depth
     dwfl_linux_proc_report(session_.get(), target.pid());
   }
   dwfl_report_end(session_.get(), nullptr, nullptr);
+  dwfl_getmodules(
+      session_.get(),
+      [](Dwfl_Module* /*module*/, void** userData, const char* /*name*/, Dwarf_Addr /*start*/,
+         void* root) -> int {
+        *userData = root;
+        return DWARF_CB_OK;
+      },
+      &root_, 0);
 }
 
 std::string Symbols::nameOf(uint64_t address) const {
   Dwfl_Module* module = address == 0 ? nullptr : dwfl_addrmodule(session_.get(), address);
-  const char* name = module == nullptr ? nullptr : dwfl_module_addrname(module, address - 1);
-  return name == nullptr ? std::string() : name;
+  if (module == nullptr) {
+    return {};
+  }
+  if (const auto known = names_.find(address); known != names_.end()) {
+    return known->second;
+  }
+  if (names_.size() >= kMostNames) {
+    names_.clear();
+  }
+  const char* name = dwfl_module_addrname(module, address - 1);
+  return names_[address] = name == nullptr ? "" : name;
 }
 
 void Symbols::explain(uint64_t address, bool isCaller, std::vector<Frame>& frames) const {
@@ -130,7 +160,7 @@ void Symbols::explain(uint64_t address, bool isCaller, std::vector<Frame>& frame
   const char* name =
       dwfl_module_addrinfo(module, inside, &offset, &symbol, nullptr, nullptr, nullptr);
   frames.push_back({address, name == nullptr ? std::string() : demangled(name),
-                    offset + (address - inside), source, false});
+                    name == nullptr ? 0 : offset + (address - inside), source, false});
 }
 
 // ---- unwinding

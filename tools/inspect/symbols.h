@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "snapshot.h"
@@ -14,6 +15,9 @@
 namespace qurn::inspect {
 
 class CoreTarget;
+
+// As it stands in a program's source, if it was mangled.
+std::string demangled(const char* symbol);
 
 struct SymbolSources {
   std::string program;    // of a core, where it is no longer where it was
@@ -38,11 +42,14 @@ class Symbols {
   std::vector<uint64_t> unwind(const Registers& registers, const ReadWord& readWord);
 
  private:
+  std::string root_;  // of the process's files
   std::string debugPath_;
   char* debugPathPointer_;
   Dwfl_Callbacks callbacks_;
   std::unique_ptr<Dwfl, void (*)(Dwfl*)> session_;
   bool isAttached_ = false;
+  // Each name takes a walk through a file's symbols, and threads wait in the same few places.
+  mutable std::unordered_map<uint64_t, std::string> names_;
 
   struct Unwinding {
     const Registers* registers;

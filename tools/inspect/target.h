@@ -45,6 +45,7 @@ struct Detail {
   char state = '?';      // as in `stat`
   uint64_t runNs = 0;    // on a processor so far
   uint64_t delayNs = 0;  // waiting for one
+  uint64_t sleeps = 0;   // how often it gave it up of its own accord
   uint64_t blocked = 0;  // signals
   pid_t tracer = 0;
   std::string kernelPlace;  // where it sleeps in the kernel
@@ -64,6 +65,7 @@ class Target {
   // All or nothing.
   virtual bool read(uint64_t address, void* to, size_t bytes) const = 0;
   virtual std::vector<Mapping> mappings() const = 0;
+  // By the ids that the process itself knows, as its locks and its watch do.
   virtual std::vector<pid_t> threads() const = 0;
   // Nothing when there is no such thread, or any more.
   virtual std::optional<Call> callOf(pid_t tid) const = 0;
@@ -77,6 +79,8 @@ class Target {
   // CLOCK_MONOTONIC_COARSE; a core has no "now".
   virtual std::optional<timespec> now() const = 0;
   virtual int64_t upMs() const = 0;
+  // The id under which a thread may be traced.
+  virtual pid_t idSeenFromHere(pid_t tid) const { return tid; }
 
   template <typename Value>
   std::optional<Value> get(uint64_t address) const {

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <ctime>
 #include <map>
 #include <string_view>
 
@@ -25,23 +26,30 @@ pid_t asThread(uint32_t word, const std::set<pid_t>& threads) {
   return threads.contains(tid) ? tid : 0;
 }
 
-// What the functions on the way to the wait are for, by a part of the first one's name that tells.
+// What the functions on the way to the wait are for: the C library's, by how their names begin.
+// Those of others may be called as they like.
 struct NameRule {
-  std::string_view part;
+  std::string_view start;  // behind underscores
   Verdict kind;
 };
-constexpr std::array<NameRule, 12> kNameRules{{{"rwlock_", Verdict::kRwlock},
-                                               {"cond_", Verdict::kCondition},
-                                               {"sem_", Verdict::kSemaphore},
-                                               {"sem_wait", Verdict::kSemaphore},
-                                               {"mutex_", Verdict::kMutex},
-                                               {"join", Verdict::kJoin},
-                                               {"pthread_once", Verdict::kLock},
-                                               {"malloc", Verdict::kLock},
-                                               {"calloc", Verdict::kLock},
-                                               {"realloc", Verdict::kLock},
-                                               {"free", Verdict::kLock},
-                                               {"arena", Verdict::kLock}}};
+constexpr NameRule kNameRules[] = {
+    {"pthread_rwlock_", Verdict::kRwlock},
+    {"pthread_cond_", Verdict::kCondition},
+    {"pthread_mutex_", Verdict::kMutex},
+    {"pthread_join", Verdict::kJoin},
+    {"pthread_timedjoin", Verdict::kJoin},
+    {"pthread_clockjoin", Verdict::kJoin},
+    {"pthread_once", Verdict::kLock},
+    {"sem_wait", Verdict::kSemaphore},
+    {"sem_timedwait", Verdict::kSemaphore},
+    {"sem_clockwait", Verdict::kSemaphore},
+    {"new_sem_wait", Verdict::kSemaphore},
+    {"malloc", Verdict::kLock},
+    {"calloc", Verdict::kLock},
+    {"realloc", Verdict::kLock},
+    {"free", Verdict::kLock},
+    {"libc_", Verdict::kLock},
+};
 
 Verdict kindByNames(const Target& target, const Call& call, const NameOfCode& nameOfCode) {
   constexpr size_t kWordsOfStack = 128;
@@ -52,8 +60,10 @@ Verdict kindByNames(const Target& target, const Call& call, const NameOfCode& na
   }
   for (size_t i = 0; i < count; ++i) {
     const std::string name = nameOfCode(stack[i]);
+    const std::string_view plain =
+        std::string_view(name).substr(std::min(name.find_first_not_of('_'), name.size()));
     for (const NameRule& rule : kNameRules) {
-      if (name.find(rule.part) != std::string::npos) {
+      if (plain.starts_with(rule.start)) {
         return rule.kind;
       }
     }
@@ -73,6 +83,19 @@ pid_t ownerOf(const Words& words, const std::set<pid_t>& threads) {
   return asThread(words.word[offsetof(decltype(pthread_mutex_t::__data), __owner) / 4], threads);
 }
 
+// Where no name tells, as on the way of a timed mutex: its owner also counts as one of its users,
+// which tells it from other locks whose word is 2 as well.
+bool looksLikeMutex(uint32_t value, const Words& words, const std::set<pid_t>& threads) {
+  const uint32_t users = words.word[offsetof(decltype(pthread_mutex_t::__data), __nusers) / 4];
+  return value == 2 && words.word[0] == 2 && ownerOf(words, threads) != 0 && users != 0 &&
+         users <= threads.size();
+}
+
+// Nothing to take, and somebody who waits.
+bool looksLikeSemaphore(uint32_t value, const Words& words, const std::set<pid_t>& threads) {
+  return value == 0 && words.word[0] == 0 && words.word[1] != 0 && words.word[1] <= threads.size();
+}
+
 void explainPlainWait(const Target& target, const Call& call, const Words& words,
                       const std::set<pid_t>& threads, const NameOfCode& nameOfCode, Wait& wait) {
   const auto value = static_cast<uint32_t>(call.arguments[2]);
@@ -84,17 +107,20 @@ void explainPlainWait(const Target& target, const Call& call, const Words& words
     return;
   }
   wait.kind = kindByNames(target, call, nameOfCode);
-  const bool isJoin = isBitset && value == words.word[0] && asThread(value, threads) != 0;
-  if (isJoin && wait.kind != Verdict::kMutex) {
+  const bool isNamed = wait.kind != Verdict::kLock && wait.kind != Verdict::kJoin;
+  // In a container a thread's id may be as small as any lock's word.
+  if (!isNamed && looksLikeMutex(value, words, threads)) {
+    wait.kind = Verdict::kMutex;
+  } else if (!isNamed && isBitset && value == words.word[0] && asThread(value, threads) != 0) {
     wait.kind = Verdict::kJoin;
     wait.holder = asThread(value, threads);
+  } else if (!isNamed && isBitset && looksLikeSemaphore(value, words, threads)) {
+    wait.kind = Verdict::kSemaphore;
+  }
+  if (wait.kind == Verdict::kMutex) {
+    wait.holder = ownerOf(words, threads);
   } else if (wait.kind == Verdict::kRwlock) {
     wait.holder = writerOf(target, words.address, threads);
-  } else if (wait.kind == Verdict::kMutex) {
-    wait.holder = ownerOf(words, threads);
-  } else if (wait.kind == Verdict::kLock && !isBitset && value == 2 && words.word[0] == 2) {
-    wait.holder = ownerOf(words, threads);
-    wait.kind = wait.holder != 0 ? Verdict::kMutex : Verdict::kLock;
   }
 }
 
@@ -174,8 +200,19 @@ constexpr CallRule kCalls[] = {
     {SYS_clone, "clone", false},
 };
 
+// A timed wait that was interrupted goes on under another number, with its arguments kept.
+bool isResumed(const Call& call) { return call.number == SYS_restart_syscall; }
+
+bool isFutex(const Call& call) {
+  return call.number == SYS_futex ||
+         (isResumed(call) && (call.arguments[1] & FUTEX_PRIVATE_FLAG) != 0);
+}
+
 bool isSleep(const Call& call) {
+  constexpr uint64_t kMostClocks = 16;
   switch (call.number) {
+    case SYS_restart_syscall:
+      return call.arguments[0] < kMostClocks && call.arguments[1] <= TIMER_ABSTIME;
     case SYS_nanosleep:
     case SYS_clock_nanosleep:
       return true;
@@ -215,21 +252,19 @@ Wait explainCall(const Target& target, pid_t tid, const Call& call) {
   return wait;
 }
 
-// Follows the one that each waits for; a thread waits for one at most.
+// The one that each waits for, if any.
 using Holders = std::map<pid_t, pid_t>;
 
-std::vector<pid_t> cycleFrom(pid_t start, const Holders& holders) {
-  std::vector<pid_t> way;
-  for (auto at = holders.find(start); at != holders.end(); at = holders.find(at->second)) {
-    if (!way.empty() && at->first == start) {
-      return way;
-    }
-    if (std::find(way.begin(), way.end(), at->first) != way.end()) {
-      break;  // into a cycle that it is no part of
-    }
-    way.push_back(at->first);
-  }
-  return {};
+// From a thread on a cycle once around it, the lowest one first.
+std::vector<pid_t> cycleAt(pid_t start, const Holders& holders) {
+  std::vector<pid_t> cycle;
+  pid_t at = start;
+  do {
+    cycle.push_back(at);
+    at = holders.at(at);
+  } while (at != start);
+  std::rotate(cycle.begin(), std::min_element(cycle.begin(), cycle.end()), cycle.end());
+  return cycle;
 }
 
 }  // namespace
@@ -239,7 +274,7 @@ std::optional<Wait> waitOf(const Target& target, pid_t tid, const Call& call,
   if (call.isRunning || call.number < 0) {
     return std::nullopt;
   }
-  if (call.number == SYS_futex) {
+  if (isFutex(call)) {
     return explainFutex(target, tid, call, threads, nameOfCode);
   }
   if (isSleep(call)) {
@@ -255,11 +290,16 @@ std::vector<std::vector<pid_t>> cyclesOf(const std::vector<Wait>& waits) {
       holders[wait.tid] = wait.holder;
     }
   }
+  // Each thread is passed once, on the way that first comes to it.
   std::vector<std::vector<pid_t>> cycles;
-  for (const auto& [tid, holder] : holders) {
-    std::vector<pid_t> cycle = cycleFrom(tid, holders);
-    if (!cycle.empty() && *std::min_element(cycle.begin(), cycle.end()) == tid) {
-      cycles.push_back(std::move(cycle));
+  std::map<pid_t, pid_t> passedFrom;
+  for (const auto& [start, next] : holders) {
+    pid_t at = start;
+    while (holders.contains(at) && passedFrom.emplace(at, start).second) {
+      at = holders.at(at);
+    }
+    if (holders.contains(at) && passedFrom.at(at) == start) {
+      cycles.push_back(cycleAt(at, holders));
     }
   }
   return cycles;

@@ -1,0 +1,414 @@
+// qurn-inspect against a program that tells the truth about itself: what it says of a process that
+// runs, is stopped, traced or dead, and that it leaves the process as it was.
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/ptrace.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "support/run_program.h"
+
+namespace {
+
+using Json = nlohmann::json;
+using std::chrono::milliseconds;
+
+const std::string kInspect = QURN_INSPECT " ";
+
+struct Truth {
+  std::string verdict;
+  pid_t holder = 0;
+};
+
+// The program, its truth, and a directory that both end with it.
+class Inspected {
+ public:
+  explicit Inspected(const std::vector<std::string>& arguments) : pid_(fork()) {
+    if (pid_ == 0) {
+      start(arguments);
+    }
+    waitUntil([this] { return said().ends_with("ready\n"); });
+    std::istringstream lines(said());
+    for (std::string line; std::getline(lines, line);) {
+      std::istringstream words(line);
+      std::string name;
+      pid_t tid = 0;
+      Truth truth;
+      if (words >> name >> tid >> truth.verdict >> truth.holder) {
+        tids_[name] = tid;
+        truth_[tid] = truth;
+      }
+    }
+  }
+  ~Inspected() {
+    end(SIGKILL);
+    std::filesystem::remove_all(directory_);
+  }
+
+  Inspected(const Inspected&) = delete;
+  Inspected& operator=(const Inspected&) = delete;
+
+  static void waitUntil(const std::function<bool()>& happens) {
+    for (int i = 0; i < 600 && !happens(); ++i) {
+      std::this_thread::sleep_for(milliseconds(100));
+    }
+    ASSERT_TRUE(happens());
+  }
+  void end(int signal) {
+    if (pid_ > 0) {
+      kill(pid_, signal);
+      while (waitpid(-1, nullptr, __WALL) > 0) {  // threads that are traced have an end each
+      }
+    }
+    pid_ = 0;
+  }
+  void send(int signal, const std::string& state) const {
+    kill(pid_, signal);
+    waitUntil([&] { return states().contains(state); });
+  }
+  std::set<std::string> states() const {
+    std::set<std::string> all;
+    for (const auto& [name, tid] : tids_) {
+      all.insert(fieldOf(tid, "State").substr(0, 1));
+    }
+    return all;
+  }
+  // How often each thread that only waits was woken, or stopped.
+  std::string switches() const {
+    std::string all;
+    for (const auto& [name, tid] : tids_) {
+      const bool waits = std::string("working loop starved ended").find(truth_.at(tid).verdict) ==
+                         std::string::npos;
+      all += waits ? name + fieldOf(tid, "voluntary_ctxt_switches") + " " : "";
+    }
+    return all;
+  }
+  std::string said() const {
+    std::ifstream file(directory_ + "/said");
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  std::string pid() const { return std::to_string(pid_); }
+  const std::string& directory() const { return directory_; }
+  const std::map<pid_t, Truth>& truth() const { return truth_; }
+  const std::map<std::string, pid_t>& tids() const { return tids_; }
+
+ private:
+  [[noreturn]] void start(const std::vector<std::string>& arguments) const {
+    const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
+    const rlimit small{256 * 1024, RLIM_INFINITY};  // of each thread, for small cores
+    setrlimit(RLIMIT_CORE, &unlimited);
+    setrlimit(RLIMIT_STACK, &small);
+    if (chdir(directory_.c_str()) != 0 ||
+        dup2(open("said", O_CREAT | O_WRONLY | O_APPEND, 0644), STDOUT_FILENO) < 0) {
+      _exit(1);
+    }
+    const char* third = arguments.size() > 2 ? arguments[2].c_str() : nullptr;
+    execl(INSPECTED, INSPECTED, arguments[0].c_str(), arguments[1].c_str(), third, nullptr);
+    _exit(1);
+  }
+  std::string fieldOf(pid_t tid, const std::string& key) const {
+    std::ifstream file("/proc/" + pid() + "/task/" + std::to_string(tid) + "/status");
+    for (std::string line; std::getline(file, line);) {
+      if (line.starts_with(key + ":\t")) {
+        return line.substr(key.size() + 2);
+      }
+    }
+    return {};
+  }
+
+  std::string directory_ = [] {
+    std::string pattern = std::filesystem::temp_directory_path() / "inspected-XXXXXX";
+    return std::string(mkdtemp(pattern.data()));
+  }();
+  pid_t pid_;
+  std::map<std::string, pid_t> tids_;
+  std::map<pid_t, Truth> truth_;
+};
+
+Json inspected(const std::string& arguments, int status) {
+  const ProgramRun run = runProgram(kInspect + "--json " + arguments, 300);
+  EXPECT_EQ(run.status, status) << run.output;
+  return Json::parse(run.output, nullptr, false);
+}
+
+pid_t holderIn(const Json& row) {
+  return row["holder_tid"].is_null() ? 0 : row["holder_tid"].get<pid_t>();
+}
+
+// What is said instead of a verdict, or of all, in a state that hides them; or of a thread by name,
+// where the wait is hidden too.
+using Hidden = std::map<std::string, std::string>;
+
+// What was found, a word for each that is wrong.
+std::string mistakes(const Json& found, const Inspected& program, const Hidden& hidden) {
+  std::map<pid_t, Json> watched;
+  std::map<pid_t, Json> waits;
+  for (const Json& row : found["watched"]) {
+    watched[row["tid"]] = row;
+  }
+  for (const Json& row : found["waits"]) {
+    waits[row["tid"]] = row;
+  }
+  std::string wrong;
+  for (const auto& [name, tid] : program.tids()) {
+    const auto& [verdict, holder] = program.truth().at(tid);
+    std::string expected = verdict;
+    const std::string kind = hidden.contains(name) ? hidden.at(name) : verdict;
+    for (const std::string& key : {name, verdict, std::string("*")}) {
+      if (hidden.contains(key)) {
+        expected = hidden.at(key);
+        break;
+      }
+    }
+    const Json& row = watched[tid];
+    const bool isRight = row.is_object() && row["verdict"] == expected &&
+                         (expected != verdict || holderIn(row) == holder) &&
+                         (name != "blocker" || row["blocks_signal"] != false);
+    const bool blocks = std::string("working loop starved ended uninterruptible").find(verdict) ==
+                        std::string::npos;
+    const bool waitIsRight = !blocks || (waits.contains(tid) && waits[tid]["kind"] == kind &&
+                                         holderIn(waits[tid]) == holder);
+    if (!isRight || !waitIsRight) {
+      wrong += name + " (" + expected + "): ";
+      wrong += row.dump() + waits[tid].dump() + "\n";
+    }
+  }
+  return wrong;
+}
+
+// Each cycle from its lowest thread on.
+std::set<std::vector<pid_t>> deadlocksIn(const Inspected& program) {
+  std::set<std::vector<pid_t>> all;
+  for (const std::vector<const char*>& names : {std::vector{"two_a", "two_b"},
+                                                {"three_a", "three_b", "three_c"},
+                                                {"joiner", "joined"},
+                                                {"itself"}}) {
+    std::vector<pid_t> cycle(names.size());
+    std::transform(names.begin(), names.end(), cycle.begin(),
+                   [&](const char* name) { return program.tids().at(name); });
+    std::rotate(cycle.begin(), std::min_element(cycle.begin(), cycle.end()), cycle.end());
+    all.insert(cycle);
+  }
+  return all;
+}
+
+// Who gets the processor when is the machine's affair: a look that shows otherwise is repeated.
+void expectTruth(const Inspected& program, const std::string& arguments,
+                 const Hidden& hidden = {}) {
+  std::string wrong;
+  for (int attempt = 0; attempt < 30; ++attempt) {
+    const Json found = inspected("--between 300 " + arguments, 1);
+    ASSERT_TRUE(found.is_object());
+    EXPECT_EQ(found["deadlocks"].get<std::set<std::vector<pid_t>>>(), deadlocksIn(program));
+    wrong = mistakes(found, program, hidden);
+    const std::regex chance("((loop|starved|beating) \\(.*\n)*");
+    if (wrong.empty() || !std::regex_match(wrong, chance)) {
+      break;
+    }
+  }
+  EXPECT_EQ(wrong, "");
+}
+
+class Inspection : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (kEmulated) {
+      GTEST_SKIP() << "an emulator does not show its threads' system calls";
+    }
+  }
+};
+
+TEST_F(Inspection, TellsTheTruthOfAProcessThatRunsAndDoesNotDisturbIt) {
+  const Inspected program({"1", "600000", "hard"});
+  const std::string before = program.switches();
+  expectTruth(program, program.pid());
+  EXPECT_EQ(program.switches(), before);
+  EXPECT_TRUE(program.said().ends_with("ready\n")) << program.said();
+}
+
+TEST_F(Inspection, TellsTheTruthOfAStoppedProcessAndOnceItGoesOn) {
+  const Inspected program({"1", "600000"});
+  program.send(SIGSTOP, "T");
+  const Hidden stopped{{"ended", "ended"}, {"*", "stopped"}};
+  expectTruth(program, program.pid(), stopped);
+  expectTruth(program, "--stacks=all " + program.pid(), stopped);
+  EXPECT_EQ(program.states(), (std::set<std::string>{"", "T"}));
+  program.send(SIGCONT, "S");
+  expectTruth(program, program.pid());
+}
+
+// Where thread ids are others than here, and as small as the words of locks.
+TEST_F(Inspection, TellsTheTruthOfAProcessInANamespace) {
+  const int own = open("/proc/self/ns/pid", O_RDONLY);
+  if (unshare(CLONE_NEWPID) != 0) {
+    GTEST_SKIP() << "no namespaces for this user";
+  }
+  const Inspected program({"1", "600000"});
+  ASSERT_EQ(setns(own, CLONE_NEWPID), 0);
+  expectTruth(program, program.pid());
+  const Json found = inspected("--stacks=all " + program.pid(), 1);
+  EXPECT_NE(found["stacks"].dump().find("::joinOne()"), std::string::npos);
+}
+
+TEST_F(Inspection, TellsTheTruthOfATracedProcess) {
+  const Inspected program({"1", "600000"});
+  for (const auto& [name, tid] : program.tids()) {
+    if (name != "ended") {
+      if (ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) != 0) {
+        GTEST_SKIP() << "no tracing here";
+      }
+      ptrace(PTRACE_INTERRUPT, tid, nullptr, nullptr);
+      waitpid(tid, nullptr, __WALL);
+    }
+  }
+  const Hidden traced{{"ended", "ended"}, {"*", "traced"}};
+  expectTruth(program, program.pid(), traced);
+  const Json found = inspected("--stacks " + program.pid(), 1);
+  ASSERT_FALSE(found["stacks"].empty());
+  for (const Json& stack : found["stacks"]) {
+    EXPECT_TRUE(stack["frames"].empty() && stack["note"].is_string()) << stack;
+  }
+}
+
+const Hidden kDead{{"loop", "unknown"}, {"working", "sleep"}, {"timer", "syscall"}};
+
+// A core that is cut off anywhere does no harm.
+void expectTruthOfCore(const Inspected& program, const std::string& core) {
+  expectTruth(program, core, kDead);
+  const Json found = inspected("--stacks=all --record --program " INSPECTED " " + core, 1);
+  EXPECT_NE(found["stacks"].dump().find("pthread_rejoin_free"), std::string::npos);
+  const size_t bytes = std::filesystem::file_size(core);
+  const std::string command = kInspect + "--stacks --record " + core;
+  for (const size_t part : {1, 2, 10, 100, 1000, 10000}) {
+    std::filesystem::resize_file(core, bytes / part - 1);
+    const ProgramRun run = runProgram(command);
+    EXPECT_TRUE(run.status <= 2) << run.status << run.output;
+    EXPECT_TRUE(part < 1000 || run.has("no libqurnadapt in")) << run.output;
+  }
+}
+
+TEST_F(Inspection, TellsTheTruthOfTheDebuggersCore) {
+  const Inspected program({"1", "600000"});
+  const std::string core = program.directory() + "/gcore";
+  runProgram("gdb -nx -batch -p " + program.pid() + " -ex \"gcore " + core + "\"", 300);
+  if (!std::filesystem::exists(core)) {
+    GTEST_SKIP() << "no debugger here, or it may not attach";
+  }
+  expectTruthOfCore(program, core);
+}
+
+TEST_F(Inspection, TellsTheTruthOfTheKernelsCore) {
+  Inspected program({"1", "600000"});
+  program.end(SIGABRT);
+  for (const auto& file : std::filesystem::directory_iterator(program.directory())) {
+    if (file.path().filename().string().starts_with("core")) {
+      expectTruthOfCore(program, file.path());
+      return;
+    }
+  }
+  GTEST_SKIP() << "this kernel's cores go elsewhere";
+}
+
+TEST_F(Inspection, ShowsStacksAndLetsEveryThreadGoOnAlsoWhenItIsKilled) {
+  const Inspected program({"1", "600000", "hard"});
+  const Json found = inspected("--stacks=all " + program.pid(), 1);
+  std::map<pid_t, std::string> stacks;
+  for (const Json& stack : found["stacks"]) {
+    stacks[stack["tid"]] = stack.dump();
+  }
+  const std::map<std::string, std::string> kWays{
+      {"loop", "::spin()\" ... inspected.cpp"},
+      {"normal", "lockMutex<0>() ... run("},
+      {"joiner", "joinOne"},
+      {"loader", "\"waitForEver\" ... ::holdLoader( ... dl_iterate_phdr"},
+      {"vfork", "uninterruptible sleep, not stopped"}};
+  for (const auto& [name, way] : kWays) {
+    SCOPED_TRACE(stacks[program.tids().at(name)]);
+    expectInOrder(stacks[program.tids().at(name)], way);
+  }
+  for (int i = 0; i < 20; ++i) {
+    runProgram("timeout -s KILL 0.0" + std::to_string(10 + 4 * i) + " " + kInspect +
+               "--stacks=all --between 1 " + program.pid());
+  }
+  Inspected::waitUntil([&] { return !program.states().contains("t"); });
+  expectTruth(program, program.pid());
+}
+
+TEST_F(Inspection, ShowsTheLastCaptureOfADeadLoopThatAHookDealtWith) {
+  const Inspected program({"1000", "100", "loop"});
+  Inspected::waitUntil([&] { return program.said().find("dealt with") != std::string::npos; });
+  const Json record = inspected("--record " + program.pid(), 1)["record"];
+  SCOPED_TRACE(record.dump());
+  EXPECT_EQ(record["tid"], program.tids().at("loop"));
+  expectInOrder(record["frames"].dump(), "spin() ... run(");
+#if defined(__x86_64__)
+  const std::string programCounter = "rip";
+  const std::string stackPointer = "rsp";
+#else
+  const std::string programCounter = "pc";
+  const std::string stackPointer = "sp";
+#endif
+  EXPECT_EQ(record["registers"][programCounter], record["frames"][0]["address"]);
+  EXPECT_NE(record["stack"].dump().find(record["registers"][stackPointer]), std::string::npos);
+  EXPECT_NE(record["stack"].dump().find("run("), std::string::npos);
+}
+
+Json writtenFile(const Inspected& program) {
+  std::ifstream file(program.directory() + "/" + program.pid() + ".json");
+  EXPECT_TRUE(std::filesystem::exists(program.directory() + "/" + program.pid() + ".txt"));
+  return Json::parse(file, nullptr, false);
+}
+
+TEST_F(Inspection, WaitsUntilAThreadIsSilentForTooLong) {
+  const Inspected program({"4", "600000"});
+  const std::string arguments = " --output " + program.directory() + " " + program.pid();
+  EXPECT_EQ(runProgram(kInspect + "--at fatal" + arguments).status, 1);
+  const Json found = writtenFile(program);
+  EXPECT_GE(found["watched"][0]["silence_ms"], 4000) << found;
+  EXPECT_FALSE(found["stacks"].empty());
+}
+
+// No thread is silent beyond its threshold: the guard is.
+TEST_F(Inspection, WaitsUntilTheGuardHasHeardNothing) {
+  const Inspected program({"1000", "200"});
+  auto run = std::async(
+      std::launch::async, runProgram,
+      kInspect + "--at warning --output " + program.directory() + " " + program.pid(), 60);
+  program.send(SIGSTOP, "T");
+  EXPECT_EQ(run.get().status, 0);
+  EXPECT_EQ(writtenFile(program)["watched"][0]["verdict"], "stopped");
+}
+
+TEST_F(Inspection, EndsWithAStatusAndALine) {
+  const Inspected calm({"1000", "600000"});
+  const std::string core = calm.directory() + "/said";
+  const bool isRoot = geteuid() == 0;
+  const std::string asNobody = isRoot ? "setpriv --reuid 65534 --clear-groups " : "";
+  const auto lines = [](const std::string& output) {
+    const std::regex line(R"((# (HELP|TYPE) qurn_\w+ .*|qurn_\w+\{(\w+="([^"\\]|\\["\\n])*",?)*\} )"
+                          R"([0-9.]+)\n)");
+    EXPECT_EQ(std::regex_replace(output, line, ""), "");
+    EXPECT_EQ(output.find('\xFF'), std::string::npos) << "no UTF-8";
+  };
+  const auto harmless = [](const std::string& output) {
+    EXPECT_EQ(output.find('\033'), std::string::npos);
+  };
+  expectAll({{kInspect + calm.pid(), 0, "keeper", "", harmless},
+             {kInspect + "--metrics " + calm.pid(), 0, "qurn_deadlocks{ ... 4", "", lines},
+             {kInspect + "4194305", 2, "no process 4194305"},
+             {asNobody + kInspect + (isRoot ? calm.pid() : "1"), 2, "may not be looked into"},
+             {kInspect + core, 2, "is no core"},
+             {kInspect + calm.directory(), 2, "cannot read"},
+             {kInspect + "$$; exit $?", 2, "no libqurnadapt in the process"},
+             {kInspect + "--at fatal " + calm.pid(), 2, "--output"}});
+}
+
+}  // namespace

@@ -1,0 +1,317 @@
+// inspected SECONDS PERIOD_MS [hard|PLACE]: a thread for each way to be stuck, each registered
+// under the name of its place with thresholds of so many seconds; at PLACE the third one is a
+// second, which a hook deals with. Prints the truth, a line each: "NAME TID VERDICT HOLDER", then
+// "ready", and "disturbed" whenever a wait is interrupted.
+#include <link.h>
+#include <netinet/in.h>
+#include <qurnadapt/qurnadapt.h>
+#include <sched.h>
+#include <semaphore.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <latch>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+uint32_t g_seconds = 1000;
+std::string g_dealtWith;
+std::mutex g_tidsMutex;
+std::map<std::string, pid_t> g_tids;
+std::latch g_kept{1};
+std::latch g_two{2};
+std::latch g_three{3};
+std::latch g_last{1};  // whose lock the others may need to get where they belong
+pthread_rwlock_t g_written = PTHREAD_RWLOCK_INITIALIZER;
+pthread_rwlock_t g_read = PTHREAD_RWLOCK_INITIALIZER;
+pthread_once_t g_once = PTHREAD_ONCE_INIT;
+
+pthread_mutex_t mutexOf(int type, int protocol = PTHREAD_PRIO_NONE,
+                        int robust = PTHREAD_MUTEX_STALLED) {
+  pthread_mutexattr_t kind;
+  pthread_mutexattr_init(&kind);
+  pthread_mutexattr_settype(&kind, type);
+  pthread_mutexattr_setprotocol(&kind, protocol);
+  pthread_mutexattr_setrobust(&kind, robust);
+  pthread_mutex_t mutex;
+  pthread_mutex_init(&mutex, &kind);
+  return mutex;
+}
+
+pthread_mutex_t g_mutexes[] = {
+    mutexOf(PTHREAD_MUTEX_NORMAL),
+    mutexOf(PTHREAD_MUTEX_RECURSIVE),
+    mutexOf(PTHREAD_MUTEX_ERRORCHECK),
+    mutexOf(PTHREAD_MUTEX_NORMAL),
+    mutexOf(PTHREAD_MUTEX_NORMAL, PTHREAD_PRIO_INHERIT),
+    mutexOf(PTHREAD_MUTEX_NORMAL, PTHREAD_PRIO_NONE, PTHREAD_MUTEX_ROBUST),
+};
+pthread_mutex_t g_ring[6] = {};  // two, three, and the joined one's
+
+void waitForEver() {
+  for (;;) {
+    pause();
+  }
+}
+
+template <int Number>
+void lockMutex() {
+  pthread_mutex_lock(&g_mutexes[Number]);
+}
+
+template <int Own, int Next, auto& Others>
+void lockInTurn() {
+  pthread_mutex_lock(&g_ring[Own]);
+  Others.arrive_and_wait();
+  pthread_mutex_lock(&g_ring[Next]);
+}
+
+void lockTwice() {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_mutex_lock(&mutex);
+  pthread_mutex_lock(&mutex);
+}
+
+timespec tomorrow() {
+  timespec time{};
+  clock_gettime(CLOCK_REALTIME, &time);
+  time.tv_sec += 86400;
+  return time;
+}
+
+// Such a name must not be taken for what is waited for.
+void pthread_rejoin_free_rwlock_cond() {
+  const timespec until = tomorrow();
+  pthread_mutex_timedlock(&g_mutexes[3], &until);
+}
+
+void keep() {
+  for (pthread_mutex_t& mutex : g_mutexes) {
+    pthread_mutex_lock(&mutex);
+  }
+  pthread_rwlock_wrlock(&g_written);
+  pthread_rwlock_rdlock(&g_read);
+  g_kept.count_down();
+  pthread_once(&g_once, waitForEver);
+}
+
+void waitForCondition() {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+  const timespec until = tomorrow();
+  pthread_mutex_lock(&mutex);
+  pthread_cond_timedwait(&condition, &mutex, &until);
+}
+
+void waitForSemaphore() {
+  sem_t semaphore;
+  sem_init(&semaphore, 0, 0);
+  sem_wait(&semaphore);
+}
+
+void readFrom(int descriptor) {
+  uint64_t bytes = 0;
+  [[maybe_unused]] const ssize_t length = read(descriptor, &bytes, sizeof(bytes));
+}
+
+void readPipe() {
+  int ends[2] = {};
+  readFrom(pipe(ends) == 0 ? ends[0] : -1);
+}
+
+void acceptSocket() {
+  const int listening = socket(AF_INET, SOCK_STREAM, 0);
+  listen(listening, 1);
+  accept(listening, nullptr, nullptr);
+}
+
+// What an attach interrupts.
+void waitForEvent() {
+  epoll_event event{};
+  const int set = epoll_create1(0);
+  while (epoll_wait(set, &event, 1, 86'400'000) < 0) {
+    std::puts("disturbed");
+  }
+}
+
+void waitForSignal() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGUSR2);
+  const timespec day{86400, 0};
+  while (sigtimedwait(&set, nullptr, &day) < 0) {
+    std::puts("disturbed");
+  }
+}
+
+[[gnu::noinline]] void spin() {
+  for (volatile uint64_t turns = 0;;) {
+    turns = turns + 1;
+  }
+}
+
+int holdLoader(dl_phdr_info* /*info*/, size_t /*size*/, void* /*data*/) {
+  g_last.count_down();
+  waitForEver();
+  return 0;
+}
+
+void load() {
+  g_last.wait();
+  dl_iterate_phdr(holdLoader, nullptr);
+}
+
+void blockSignals() {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, nullptr);
+  waitForEver();
+}
+
+void vforkLong() {
+  if (vfork() == 0) {                  // NOLINT: what is shown
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // NOLINT: harms nobody but the parent
+    waitForEver();
+  }
+}
+
+// On the processor of a neighbour that is more important.
+void starve() {
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(sched_getcpu(), &one);
+  sched_setaffinity(0, sizeof(one), &one);
+  std::thread(spin).detach();
+  const sched_param none{};
+  sched_setscheduler(0, SCHED_IDLE, &none);
+  spin();
+}
+
+struct Place {
+  const char* name;
+  const char* verdict;
+  const char* holder;
+  void (*getStuck)();
+};
+
+uint32_t dealWith(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
+  std::puts("dealt with");
+  return 0;
+}
+
+void run(const Place& place) {
+  pthread_setname_np(pthread_self(), place.name);
+  const bool isDealtWith = g_dealtWith == place.name;
+  FrameDeadloopHandle self = 0;
+  const uint32_t seconds = isDealtWith ? 1 : g_seconds;
+  Frame_SetHeartbeatToMon(&self, seconds, seconds, seconds);
+  Frame_RegDeadloopInfoHook(&self, dealWith);
+  {
+    const std::scoped_lock lock(g_tidsMutex);
+    g_tids[place.name] = gettid();
+  }
+  place.getStuck();
+}
+
+void beat() {
+  FrameDeadloopHandle self = 0;
+  Frame_SetHeartbeatToMon(&self, 1000, 1000, 1000);
+  for (;;) {
+    usleep(10'000);
+    Frame_SendHeartbeatToMon(&self);
+  }
+}
+
+void joinOne() {
+  static const Place kJoined{"joined", "", "", [] { pthread_mutex_lock(&g_ring[5]); }};
+  pthread_mutex_lock(&g_ring[5]);
+  std::thread(run, kJoined).join();
+}
+
+constexpr Place kPlaces[] = {
+    {"keeper", "syscall", "-", keep},
+    {"normal", "mutex", "keeper", lockMutex<0>},
+    {"recursive", "mutex", "keeper", lockMutex<1>},
+    {"checking", "mutex", "keeper", lockMutex<2>},
+    {"timed", "mutex", "keeper", pthread_rejoin_free_rwlock_cond},
+    {"inheriting", "mutex", "keeper", lockMutex<4>},
+    {"robust", "mutex", "keeper", lockMutex<5>},
+    {"two_a", "mutex", "two_b", lockInTurn<0, 1, g_two>},
+    {"two_b", "mutex", "two_a", lockInTurn<1, 0, g_two>},
+    {"three_a", "mutex", "three_b", lockInTurn<2, 3, g_three>},
+    {"three_b", "mutex", "three_c", lockInTurn<3, 4, g_three>},
+    {"three_c", "mutex", "three_a", lockInTurn<4, 2, g_three>},
+    {"itself", "mutex", "itself", lockTwice},
+    {"joiner", "join", "joined", joinOne},
+    {"joined", "mutex", "joiner", nullptr},
+    {"read_written", "rwlock", "keeper", [] { pthread_rwlock_rdlock(&g_written); }},
+    {"write_written", "rwlock", "keeper", [] { pthread_rwlock_wrlock(&g_written); }},
+    {"write_read", "rwlock", "-", [] { pthread_rwlock_wrlock(&g_read); }},
+    {"once", "lock", "-", [] { pthread_once(&g_once, waitForEver); }},
+    {"condition", "condition", "-", waitForCondition},
+    {"semaphore", "semaphore", "-", waitForSemaphore},
+    {"pipe", "syscall", "-", readPipe},
+    {"accept", "syscall", "-", acceptSocket},
+    {"nanosleep", "sleep", "-", [] { sleep(86400); }},
+    {"timer", "sleep", "-", [] { readFrom(timerfd_create(CLOCK_MONOTONIC, 0)); }},
+    {"epoll", "syscall", "-", waitForEvent},
+    {"sigtimedwait", "syscall", "-", waitForSignal},
+    {"blocker", "syscall", "-", blockSignals},
+    {"beating", "working", "-", beat},
+    {"loop", "loop", "-", spin},
+    {"loader", "syscall", "-", [] { dl_iterate_phdr(holdLoader, nullptr); }},
+    {"loading", "mutex", "loader", load},
+    {"ended", "ended", "-", [] {}},
+    {"\033[2J\xFF\"", "syscall", "-", waitForEver},
+    // From here on for "hard" only.
+    {"vfork", "uninterruptible", "-", vforkLong},
+    {"starved", "starved", "-", starve},
+};
+constexpr size_t kHard = 2;
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string third = argc > 3 ? argv[3] : "";
+  g_seconds = static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10));
+  g_dealtWith = third;
+  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+  const auto period = static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10));
+  FrameSetDeadloopPeriodDelay(period);
+  FRAME_KeepAliveProcSet(
+      period, [](void*) -> uint32_t { return 0; }, nullptr);
+  if (FRAME_MntInit() != 0) {
+    return 1;
+  }
+  std::vector<std::thread> threads;  // which keep their ids, ended or not
+  const size_t count = std::size(kPlaces) - (third == "hard" ? 0 : kHard);
+  for (size_t i = 0; i < count; ++i) {
+    if (kPlaces[i].getStuck != nullptr) {
+      threads.emplace_back(run, kPlaces[i]);
+    }
+    if (i == 0) {
+      g_kept.wait();
+    }
+  }
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  usleep(1'300'000);  // everybody is there, and has been silent for a second
+  const std::scoped_lock lock(g_tidsMutex);
+  for (size_t i = 0; i < count; ++i) {
+    const auto& [name, verdict, holder, getStuck] = kPlaces[i];
+    std::printf("%s %d %s %d\n", name, g_tids[name], verdict, g_tids[holder]);
+  }
+  std::puts("ready");
+  waitForEver();
+}
