@@ -103,7 +103,7 @@ class Inspected {
  private:
   [[noreturn]] void start(const std::vector<std::string>& arguments) const {
     const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
-    const rlimit small{256 * 1024, RLIM_INFINITY};  // of each thread, for small cores
+    const rlimit small{rlim_t{256} * 1024, RLIM_INFINITY};  // of each thread, for small cores
     setrlimit(RLIMIT_CORE, &unlimited);
     setrlimit(RLIMIT_STACK, &small);
     if (chdir(directory_.c_str()) != 0 ||
@@ -177,8 +177,8 @@ std::string mistakes(const Json& found, const Inspected& program, const Hidden& 
     const bool waitIsRight = !blocks || (waits.contains(tid) && waits[tid]["kind"] == kind &&
                                          holderIn(waits[tid]) == holder);
     if (!isRight || !waitIsRight) {
-      wrong += name + " (" + expected + "): ";
-      wrong += row.dump() + waits[tid].dump() + "\n";
+      wrong.append(name).append(" (").append(expected).append("): ");
+      wrong.append(row.dump()).append(waits[tid].dump()).append("\n");
     }
   }
   return wrong;
@@ -287,7 +287,7 @@ void expectTruthOfCore(const Inspected& program, const std::string& core) {
   EXPECT_NE(found["stacks"].dump().find("pthread_rejoin_free"), std::string::npos);
   const size_t bytes = std::filesystem::file_size(core);
   const std::string command = kInspect + "--stacks --record " + core;
-  for (const size_t part : {1, 2, 10, 100, 1000, 10000}) {
+  for (const size_t part : {1U, 2U, 10U, 100U, 1000U, 10000U}) {
     std::filesystem::resize_file(core, bytes / part - 1);
     const ProgramRun run = runProgram(command);
     EXPECT_TRUE(run.status <= 2) << run.status << run.output;
@@ -409,6 +409,9 @@ TEST_F(Inspection, EndsWithAStatusAndALine) {
              {kInspect + calm.directory(), 2, "cannot read"},
              {kInspect + "$$; exit $?", 2, "no libqurnadapt in the process"},
              {kInspect + "--at fatal " + calm.pid(), 2, "--output"}});
+  const std::string end = "(sleep 1; kill -KILL " + calm.pid() + ") & ";
+  const Program ended{end + kInspect + "--between 5000 " + calm.pid(), 2, "ended meanwhile"};
+  expectOne(ended, runProgram(ended.command));
 }
 
 }  // namespace
