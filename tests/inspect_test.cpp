@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/ptrace.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -11,127 +10,15 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
-#include <thread>
 
+#include "support/inspected_program.h"
 #include "support/run_program.h"
 
 namespace {
 
 using Json = nlohmann::json;
-using std::chrono::milliseconds;
 
 const std::string kInspect = QURN_INSPECT " ";
-
-struct Truth {
-  std::string verdict;
-  pid_t holder = 0;
-};
-
-// The program, its truth, and a directory that both end with it.
-class Inspected {
- public:
-  explicit Inspected(const std::vector<std::string>& arguments) : pid_(fork()) {
-    if (pid_ == 0) {
-      start(arguments);
-    }
-    waitUntil([this] { return said().ends_with("ready\n"); });
-    std::istringstream lines(said());
-    for (std::string line; std::getline(lines, line);) {
-      std::istringstream words(line);
-      std::string name;
-      pid_t tid = 0;
-      Truth truth;
-      if (words >> name >> tid >> truth.verdict >> truth.holder) {
-        tids_[name] = tid;
-        truth_[tid] = truth;
-      }
-    }
-  }
-  ~Inspected() {
-    end(SIGKILL);
-    std::filesystem::remove_all(directory_);
-  }
-
-  Inspected(const Inspected&) = delete;
-  Inspected& operator=(const Inspected&) = delete;
-
-  static void waitUntil(const std::function<bool()>& happens) {
-    for (int i = 0; i < 600 && !happens(); ++i) {
-      std::this_thread::sleep_for(milliseconds(100));
-    }
-    ASSERT_TRUE(happens());
-  }
-  void end(int signal) {
-    if (pid_ > 0) {
-      kill(pid_, signal);
-      while (waitpid(-1, nullptr, __WALL) > 0) {  // threads that are traced have an end each
-      }
-    }
-    pid_ = 0;
-  }
-  void send(int signal, const std::string& state) const {
-    kill(pid_, signal);
-    waitUntil([&] { return states().contains(state); });
-  }
-  std::set<std::string> states() const {
-    std::set<std::string> all;
-    for (const auto& [name, tid] : tids_) {
-      all.insert(fieldOf(tid, "State").substr(0, 1));
-    }
-    return all;
-  }
-  // How often each thread that only waits was woken, or stopped.
-  std::string switches() const {
-    std::string all;
-    for (const auto& [name, tid] : tids_) {
-      const bool waits = std::string("working loop starved ended").find(truth_.at(tid).verdict) ==
-                         std::string::npos;
-      all += waits ? name + fieldOf(tid, "voluntary_ctxt_switches") + " " : "";
-    }
-    return all;
-  }
-  std::string said() const {
-    std::ifstream file(directory_ + "/said");
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-  std::string pid() const { return std::to_string(pid_); }
-  const std::string& directory() const { return directory_; }
-  const std::map<pid_t, Truth>& truth() const { return truth_; }
-  const std::map<std::string, pid_t>& tids() const { return tids_; }
-
- private:
-  [[noreturn]] void start(const std::vector<std::string>& arguments) const {
-    const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
-    const rlimit small{256 * 1024, RLIM_INFINITY};  // of each thread, for small cores
-    setrlimit(RLIMIT_CORE, &unlimited);
-    setrlimit(RLIMIT_STACK, &small);
-    if (chdir(directory_.c_str()) != 0 ||
-        dup2(open("said", O_CREAT | O_WRONLY | O_APPEND, 0644), STDOUT_FILENO) < 0) {
-      _exit(1);
-    }
-    const char* third = arguments.size() > 2 ? arguments[2].c_str() : nullptr;
-    execl(INSPECTED, INSPECTED, arguments[0].c_str(), arguments[1].c_str(), third, nullptr);
-    _exit(1);
-  }
-  std::string fieldOf(pid_t tid, const std::string& key) const {
-    std::ifstream file("/proc/" + pid() + "/task/" + std::to_string(tid) + "/status");
-    for (std::string line; std::getline(file, line);) {
-      if (line.starts_with(key + ":\t")) {
-        return line.substr(key.size() + 2);
-      }
-    }
-    return {};
-  }
-
-  std::string directory_ = [] {
-    std::string pattern = std::filesystem::temp_directory_path() / "inspected-XXXXXX";
-    return std::string(mkdtemp(pattern.data()));
-  }();
-  pid_t pid_;
-  std::map<std::string, pid_t> tids_;
-  std::map<pid_t, Truth> truth_;
-};
 
 Json inspected(const std::string& arguments, int status) {
   const ProgramRun run = runProgram(kInspect + "--json " + arguments, 300);
@@ -177,8 +64,8 @@ std::string mistakes(const Json& found, const Inspected& program, const Hidden& 
     const bool waitIsRight = !blocks || (waits.contains(tid) && waits[tid]["kind"] == kind &&
                                          holderIn(waits[tid]) == holder);
     if (!isRight || !waitIsRight) {
-      wrong += name + " (" + expected + "): ";
-      wrong += row.dump() + waits[tid].dump() + "\n";
+      wrong.append(name).append(" (").append(expected).append("): ");
+      wrong.append(row.dump()).append(waits[tid].dump()).append("\n");
     }
   }
   return wrong;
@@ -287,7 +174,7 @@ void expectTruthOfCore(const Inspected& program, const std::string& core) {
   EXPECT_NE(found["stacks"].dump().find("pthread_rejoin_free"), std::string::npos);
   const size_t bytes = std::filesystem::file_size(core);
   const std::string command = kInspect + "--stacks --record " + core;
-  for (const size_t part : {1, 2, 10, 100, 1000, 10000}) {
+  for (const size_t part : {1U, 2U, 10U, 100U, 1000U, 10000U}) {
     std::filesystem::resize_file(core, bytes / part - 1);
     const ProgramRun run = runProgram(command);
     EXPECT_TRUE(run.status <= 2) << run.status << run.output;
@@ -409,6 +296,9 @@ TEST_F(Inspection, EndsWithAStatusAndALine) {
              {kInspect + calm.directory(), 2, "cannot read"},
              {kInspect + "$$; exit $?", 2, "no libqurnadapt in the process"},
              {kInspect + "--at fatal " + calm.pid(), 2, "--output"}});
+  const std::string end = "(sleep 1; kill -KILL " + calm.pid() + ") & ";
+  const Program ended{end + kInspect + "--between 5000 " + calm.pid(), 2, "ended meanwhile"};
+  expectOne(ended, runProgram(ended.command));
 }
 
 }  // namespace

@@ -98,7 +98,7 @@ void pthread_rejoin_free_rwlock_cond() {
 }
 
 void keep() {
-  for (pthread_mutex_t& mutex : g_mutexes) {
+  for (pthread_mutex_t& mutex : g_mutexes) {  // NOLINT: by reference
     pthread_mutex_lock(&mutex);
   }
   pthread_rwlock_wrlock(&g_written);

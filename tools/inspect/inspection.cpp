@@ -249,8 +249,10 @@ Snapshot inspect(const Target& target, const Library& library, const NameOfCode&
   const Look second = target.isCore() ? first : looker.look(first);
   const auto between =
       target.isCore() ? std::chrono::nanoseconds{} : std::chrono::steady_clock::now() - start;
-  if (second.threads.empty() && !target.isCore()) {
-    throw Mistake("the process has ended meanwhile");
+  // Else nobody would seem to be watched.
+  if (!target.get<char>(reinterpret_cast<uint64_t>(library.record.monitor.address))) {
+    throw Mistake(target.isCore() ? "the watch is not in the core, which may be cut off"
+                                  : "the process has ended meanwhile");
   }
 
   Snapshot snapshot;
