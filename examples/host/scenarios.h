@@ -6,13 +6,13 @@
 #include <span>
 
 struct Scenario {
-  const char* name;
-  const char* story;
-  int exitStatus;       // of the host
-  const char* stuckIn;  // the function that the report names first among ours, or null
-  void (*prepare)();    // on the main thread, before the workers start; may be null
+  const char* name = nullptr;
+  const char* story = nullptr;
+  int exitStatus = 0;             // of the host
+  const char* stuckIn = nullptr;  // the function that the report names first among ours, or null
+  void (*prepare)() = nullptr;    // on the main thread, before the workers start; may be null
   // On the worker. Returns whether the worker goes on working; false ends it at once.
-  bool (*happen)(FrameDeadloopHandle& self);
+  bool (*happen)(FrameDeadloopHandle& self) = nullptr;
   int workers = 1;  // that it happens to
 };
 
