@@ -1,5 +1,7 @@
 // The monitor beyond its model: real threads that are watched, end and are handled, its
 // initialisation, the legacy heart calls, and dead-loop sections.
+#include <sys/syscall.h>
+
 #include <barrier>
 #include <filesystem>
 #include <semaphore>
@@ -204,6 +206,17 @@ TEST_F(DetectionPass, GoesOnBesideStraySignalsAndTheirCapturesAreNoOnesReport) {
   EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_SIGNALED) << "not for this one";
   stuck.interrupt();
   EXPECT_TRUE(eventually(isCaptured));
+}
+
+TEST_F(DetectionPass, AThreadThatEndsInItsHandlerLeavesTheRecordToTheNextOne) {
+  SilentThread stuck;
+  fault::arm("KEM_TaskStackInfoGet", EIO);
+  fault::onStrike([] { syscall(SYS_exit, 0); });
+  EXPECT_EQ(passAfter(1000), 3U);
+  stuck.end();
+  passAfter(0);
+  raise(SIGRTMIN + 2);
+  EXPECT_TRUE(isCaptured());
 }
 
 // Its heartbeat reads the clock under its own lock, and never comes back.
