@@ -96,7 +96,7 @@ TEST(Report, TellsWhatLostAndCutLinesHeld) {
                          do sed "/$line/d; / #[45] /d" loop.log; done)"});
   expectSame("cut", {R"(for line in "third threshold t" "is captured" "Captured process" " #2 "
                         do sed "/$line/s/.\{13\}\$//; / #[3-5] /d; /Task(/q" loop.log; done)"});
-  expectGolden("torn", R"(sed "/third threshold t/s/(.*//; /Captured/s/0\.\$//; / #1 /d; /Task/d
+  expectGolden("torn", R"(sed "/third threshold t/s/(.*//; /Captured/s/0\.\$//; / #1 /d; /Task(/d
                                / #2 /s/\.\$/ ... (cut)/; / #[3-5] /d" loop.log
                           sed "1,/third threshold t/s/(.*//; /Exit/s/8\. .*//; / #/d" loop.log)");
   // A record in the journal whose length is wrong.

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -26,6 +27,13 @@ Json silenceOf(const DeadLoop& loop) {
          {"silent_ms", crossing.isCut ? orNull(crossing.silentMs) : Json(crossing.silentMs)}});
   }
   return silence;
+}
+
+Json thresholdsOf(const DeadLoop& loop) {
+  const bool areTold = std::any_of(
+      loop.silence.begin(), loop.silence.end(),
+      [&](const Crossing& crossing) { return !crossing.isCut || loop.thresholdsMs.back() != 0; });
+  return areTold ? Json(loop.thresholdsMs) : Json();
 }
 
 Json framesOf(const DeadLoop& loop) {
@@ -74,7 +82,7 @@ void writeJson(std::ostream& out, const std::vector<DeadLoop>& loops) {
          {"process_id", orNull(loop.processId)},
          {"thread", orNull(loop.thread)},
          {"thread_id", orNull(loop.threadId)},
-         {"thresholds_ms", loop.silence.empty() ? Json() : Json(loop.thresholdsMs)},
+         {"thresholds_ms", thresholdsOf(loop)},
          {"silence", silenceOf(loop)},
          {"signal", orNull(loop.signal)},
          {"signal_failed", loop.signalFailed},

@@ -29,7 +29,19 @@ constexpr std::array<Rule, 8> kRules{{
     {"ZOT_Exit with code ", true, &Storyteller::exit},
 }};
 
+constexpr std::array<bool, 256> kFirstLetters = [] {
+  std::array<bool, 256> letters{};
+  for (const Rule& rule : kRules) {
+    letters[static_cast<unsigned char>(rule.text.front())] = true;
+  }
+  return letters;
+}();
+
+// Most lines of a log are none of ours, and that is told by one letter.
 const Rule* ruleFor(std::string_view text) {
+  if (text.empty() || !kFirstLetters[static_cast<unsigned char>(text.front())]) {
+    return nullptr;
+  }
   const auto* rule = std::find_if(kRules.begin(), kRules.end(), [text](const Rule& candidate) {
     const size_t length = candidate.text.size();
     return text.starts_with(candidate.text) &&
