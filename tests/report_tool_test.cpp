@@ -15,8 +15,9 @@ namespace {
 
 // What it prints of the log that the shell's commands make of the recorded ones, for people and for
 // machines.
-void expectGolden(const std::string& name, const std::string& log) {
-  const std::string piped = "cd " GOLDEN " && (" + log + ") | " REPORT;
+void expectGolden(const std::string& name, const std::string& log,
+                  const std::string& options = "") {
+  const std::string piped = "cd " GOLDEN " && (" + log + ") | " REPORT + options;
   expectAll({{piped + "| diff " + name + ".txt -", 0, ""},
              {piped + "--json /dev/stdin | diff " + name + ".json -", 0, ""}});
 }
@@ -103,6 +104,21 @@ TEST(Report, TellsWhatLostAndCutLinesHeld) {
   expectAll({{R"((printf "__CURSOR=1\nMESSAGE\n\377\377\377\377\377\377\377\377x\n\n"
                   cat )" GOLDEN "/loop.log) | " REPORT,
               0, "worker-2"}});
+}
+
+TEST(Report, GroupsDeadLoopsByWhereTheyAreStuck) {
+  // Elsewhere; twice, once of it behind a lock; without names; not captured.
+  const std::string log = R"(sed "/ #[345] /d" hook.log; sed "/ #[345] /d" loop.log
+                             sed "/ #[345] /d; s/ #2 / #3 /; s/ #1 / #2 /; s/ #0 / #1 /
+                                  s/0x11\./0x99./; s/worker-2/worker-3/; s/= 3195/= 4195/
+                                  / #1 /{h; s/#1 .*/#0 pthread_mutex_lock+0x5./; G}" loop.log
+                             sed "s/#\([0-2]\) .*/#\1 0x1\1./; / #[345] /d" loop.log
+                             sed "/send to thread/q" loop.log)";
+  expectGolden("group", log, "--group ");
+  expectAll({{"cd " GOLDEN " && (" + log + ") | " REPORT "--collapsed", 0,
+              "qurn-host;worker_main;enter_a_loop;spin_until_rescued 1\n ... "
+              "spin_until_rescued;pthread_mutex_lock 1\n"},
+             {REPORT "--collapsed --json " GOLDEN "/loop.log", 2, "a form of its own"}});
 }
 
 TEST(Report, IsHarmlessToATerminalWhateverALogHolds) {

@@ -72,6 +72,12 @@ void writeEscaped(std::ostream& out, const std::string& json) {
   }
 }
 
+void writeArray(std::ostream& out, const Json& all) {
+  // A log need not be UTF-8, JSON must.
+  writeEscaped(out, all.dump(2, ' ', false, Json::error_handler_t::replace));
+  out << "\n";
+}
+
 }  // namespace
 
 void writeJson(std::ostream& out, const std::vector<DeadLoop>& loops) {
@@ -94,9 +100,22 @@ void writeJson(std::ostream& out, const std::vector<DeadLoop>& loops) {
           loop.decision.made() || loop.decision.exitStatus ? decisionOf(loop.decision) : Json()},
          {"missing", missingFrom(loop)}});
   }
-  // A log need not be UTF-8, JSON must.
-  writeEscaped(out, all.dump(2, ' ', false, Json::error_handler_t::replace));
-  out << "\n";
+  writeArray(out, all);
+}
+
+void writeJson(std::ostream& out, const std::vector<Group>& groups) {
+  Json all = Json::array();
+  for (const Group& group : groups) {
+    all.push_back({{"count", group.count},
+                   {"first", orNull(group.first)},
+                   {"last", orNull(group.last)},
+                   {"longest_silence_ms", orNull(group.longestSilenceMs)},
+                   {"processes", group.processes},
+                   {"threads", group.threads},
+                   {"decisions", group.decisions},
+                   {"frames", framesOf(group.example)}});
+  }
+  writeArray(out, all);
 }
 
 }  // namespace qurn::report

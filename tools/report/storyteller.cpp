@@ -187,12 +187,12 @@ void Storyteller::frame(Message& message) {
   if (frame.text.empty() || frame.text.find(' ') != std::string::npos) {
     return;
   }
-  std::vector<Frame>& frames = current().frames;
+  const std::vector<Frame>& frames = current().frames;
   if (index < frames.size() && !frames[index].text.empty()) {
-    if (frames[index].text == frame.text) {
-      return;  // the same line twice
+    if (index > 0 || frames.front().text == frame.text) {
+      return;  // the same line twice, or somebody else's
     }
-    begin({});
+    begin({});  // all that stands before the frames is lost
   }
   current().captured = true;
   current().frames.resize(std::max(current().frames.size(), index + 1));

@@ -40,23 +40,17 @@ std::string listOf(const std::vector<std::string>& parts) {
   return list;
 }
 
-std::string decisionOf(const DeadLoop& loop) {
-  const Decision& decision = loop.decision;
-  if (decision.byDefault || decision.exitStatus) {
-    return std::string(decision.byDefault ? "no hook of its own: " : "") + "the process " +
-           (decision.exitStatus ? "ended with status " + std::to_string(*decision.exitStatus)
-                                : std::string("was to be ended"));
-  }
-  if (decision.threadHook || decision.processHook) {
-    return std::string("left to ") + (decision.threadHook ? "the thread's own hook" : "") +
-           (decision.threadHook && decision.processHook ? " and " : "") +
-           (decision.processHook ? "the process-wide hook" : "");
-  }
-  return "the log ends before a decision";
-}
-
 std::string nameOf(const Frame& frame) {
   return frame.symbol.empty() ? frame.text : demangled(frame.symbol);
+}
+
+std::string countsOf(const Counts& counts) {
+  std::vector<std::string> parts;
+  for (const auto& [what, count] : counts) {
+    parts.push_back((what.empty() ? "not told" : printable(what)) +
+                    (counts.size() > 1 ? " (" + std::to_string(count) + ")" : ""));
+  }
+  return listOf(parts);
 }
 
 class TextWriter {
@@ -70,7 +64,24 @@ class TextWriter {
     writeTrace(loop);
   }
 
+  void write(const Group& group) {
+    out_ << colours_.title << group.count << (group.count == 1 ? " dead loop" : " dead loops")
+         << colours_.none << "\n";
+    writeFact("first", printable(group.first));
+    writeFact("last", printable(group.last));
+    writeFact("longest silence",
+              group.longestSilenceMs == 0 ? "" : seconds(group.longestSilenceMs));
+    writeFact("processes", countsOf(group.processes));
+    writeFact("threads", countsOf(group.threads));
+    writeFact("decided", countsOf(group.decisions));
+    writeTrace(group.example);
+  }
+
  private:
+  void writeFact(const char* what, const std::string& fact) {
+    out_ << "  " << padded(what, 16) << (fact.empty() ? "not told" : fact) << "\n";
+  }
+
   void writeTitle(const DeadLoop& loop) {
     out_ << colours_.title << "Dead loop";
     if (!loop.thread.empty()) {
@@ -129,7 +140,7 @@ class TextWriter {
           "", "not captured by " + signal + " in this log: blocked, or not back from the kernel");
     }
     if (loop.captured || loop.decision.made()) {
-      writeEvent(loop.decision.at, decisionOf(loop));
+      writeEvent(loop.decision.at, decisionText(loop));
     }
     if (const auto missing = missingFrom(loop); !missing.empty()) {
       writeEvent("", "incomplete: the log lacks " + listOf(missing));
@@ -165,6 +176,35 @@ class TextWriter {
 };
 
 }  // namespace
+
+std::string decisionText(const DeadLoop& loop) {
+  const Decision& decision = loop.decision;
+  if (decision.byDefault || decision.exitStatus) {
+    return std::string(decision.byDefault ? "no hook of its own: " : "") + "the process " +
+           (decision.exitStatus ? "ended with status " + std::to_string(*decision.exitStatus)
+                                : std::string("was to be ended"));
+  }
+  if (decision.threadHook || decision.processHook) {
+    return std::string("left to ") + (decision.threadHook ? "the thread's own hook" : "") +
+           (decision.threadHook && decision.processHook ? " and " : "") +
+           (decision.processHook ? "the process-wide hook" : "");
+  }
+  return "the log ends before a decision";
+}
+
+void writeText(std::ostream& out, const std::vector<Group>& groups, bool inColour) {
+  TextWriter writer(out, inColour);
+  for (const Group& group : groups) {
+    writer.write(group);
+    out << (&group == &groups.back() ? "" : "\n");
+  }
+}
+
+void writeCollapsed(std::ostream& out, const Counts& stacks) {
+  for (const auto& [stack, count] : stacks) {
+    out << printable(stack) << " " << count << "\n";
+  }
+}
 
 void writeText(std::ostream& out, const std::vector<DeadLoop>& loops, bool inColour) {
   TextWriter writer(out, inColour);
