@@ -15,8 +15,9 @@ namespace {
 
 // What it prints of the log that the shell's commands make of the recorded ones, for people and for
 // machines.
-void expectGolden(const std::string& name, const std::string& log) {
-  const std::string piped = "cd " GOLDEN " && (" + log + ") | " REPORT;
+void expectGolden(const std::string& name, const std::string& log,
+                  const std::string& options = "") {
+  const std::string piped = "cd " GOLDEN " && (" + log + ") | " REPORT + options;
   expectAll({{piped + "| diff " + name + ".txt -", 0, ""},
              {piped + "--json /dev/stdin | diff " + name + ".json -", 0, ""}});
 }
@@ -44,6 +45,92 @@ TEST(Report, TellsWhatTheLogTells) {
                R"(sed "s/ /T/; s/\./,/; s/tovDeadloopTask://; s/^/abcd-ef-gh ij:kl:mn /" loop.log
                                     sed "s/\.[0-9]* / 42 /" loop.log
                                     sed "s/^.*:[0-9]* \([FTSZC]\|#\)/ \1/" hook.log)");
+}
+
+// What it prints is another recorded log's, once times are written as in that one.
+void expectSame(const std::string& name, const std::vector<std::string>& logs) {
+  std::vector<Program> programs;
+  for (const std::string& log : logs) {
+    programs.push_back({"cd " GOLDEN " && (" + log + ") | " REPORT +
+                            R"(| sed "s/T\(..:..:..\....\)[0-9]*[Z+:0-9]*/ \1/" | diff )" + name +
+                            ".txt -",
+                        0, ""});
+  }
+  expectAll(programs);
+}
+
+TEST(Report, IsTheSameWhateverStandsBeforeTheLine) {
+  std::vector<std::string> logs;
+  for (const std::string prefix :
+       {"2026-11-26T07:59:26+0100 alpha qurn-host[1]: ", "Nov 26 06:59:26.123456 alpha qurn[1]: ",
+        "alpha_1  | ", "2026-11-26T06:59:26.123456789Z stderr F ",
+        "[pod\\/a-1\\/app] 2026-11-26T06:59:26.123456789Z ", "<13>Nov  6 06:59:26 alpha qurn: ",
+        "<13>1 2026-11-26T06:59:26.1+01:00 alpha app 1 - [m@1 a=b] "}) {
+    logs.push_back("sed \"s/^/" + prefix + "/\" loop.log");
+  }
+  // A thread's name may hold what looks like a message, or like the end of a prefix.
+  for (const std::string thread :
+       {"worker #1", "Signal Proc", "#1 ", "] 0 a:1 #1 f", "x:1] 0 a:1 #1 "}) {
+    logs.push_back("sed \"s/tovDeadloopTask/" + thread + "/\" loop.log");
+  }
+  // Without the log's own head.
+  for (const std::string prefix :
+       {R"(\1T\2Z )", R"(\1T\2Z qurn: )", R"(\1T\2123+01:00 alpha qurn[1]: )",
+        R"(<14>1 \1T\2Z alpha qurn 1 kind - )", R"(alpha_1  | \1T\2123456Z )",
+        R"(\1T\2Z stderr F )", R"([pod\/a\/b] \1T\2Z )"}) {
+    logs.push_back(R"(sed -n "s/^\(....-..-..\) \(..:..:..\....\) .* 0 [^ ]*:[0-9]* /)" + prefix +
+                   R"(/p" loop.log)");
+  }
+  expectSame("whole", logs);
+}
+
+TEST(Report, TellsWritersApartThatHaveTheSameIds) {
+  expectSame("mixed", {R"(paste -d "\n" loop.log hook.log |
+                            sed "s/24681/24685/; 1~2s/^/alpha_1  | /; 2~2s/^/beta_1   | /")",
+                       "cat mixed.journal.json", "cat mixed.export"});
+}
+
+// Each costs what it held and no more.
+TEST(Report, TellsWhatLostAndCutLinesHeld) {
+  expectSame("lost", {R"(for line in "first threshold t" "third threshold t" "is captured" \
+                                     "Captured process" " #[12] " " #" "Task(" "ZOT_Exit"
+                         do sed "/$line/d; / #[45] /d" loop.log; done)"});
+  expectSame("cut", {R"(for line in "third threshold t" "is captured" "Captured process" " #2 "
+                        do sed "/$line/s/.\{13\}\$//; / #[3-5] /d; /Task(/q" loop.log; done)"});
+  expectGolden("torn", R"(sed "/third threshold t/s/(.*//; /Captured/s/0\.\$//; / #1 /d; /Task(/d
+                               / #2 /s/\.\$/ ... (cut)/; / #[3-5] /d" loop.log
+                          sed "1,/third threshold t/s/(.*//; /Exit/s/8\. .*//; / #/d" loop.log)");
+  // A record in the journal whose length is wrong.
+  expectAll({{R"((printf "__CURSOR=1\nMESSAGE\n\377\377\377\377\377\377\377\377x\n\n"
+                  cat )" GOLDEN "/loop.log) | " REPORT,
+              0, "worker-2"}});
+}
+
+TEST(Report, GroupsDeadLoopsByWhereTheyAreStuck) {
+  // Elsewhere; twice, once of it behind a lock; without names; not captured.
+  const std::string log = R"(sed "/ #[345] /d" hook.log; sed "/ #[345] /d" loop.log
+                             sed "/ #[345] /d; s/ #2 / #3 /; s/ #1 / #2 /; s/ #0 / #1 /
+                                  s/0x11\./0x99./; s/worker-2/worker-3/; s/= 3195/= 4195/
+                                  / #1 /{h; s/#1 .*/#0 pthread_mutex_lock+0x5./; G}" loop.log
+                             sed "s/#\([0-2]\) .*/#\1 0x1\1./; / #[345] /d" loop.log
+                             sed "/send to thread/q" loop.log)";
+  expectGolden("group", log, "--group ");
+  expectAll({{"cd " GOLDEN " && (" + log + ") | " REPORT "--collapsed", 0,
+              "qurn-host;worker_main;enter_a_loop;spin_until_rescued 1\n ... "
+              "spin_until_rescued;pthread_mutex_lock 1\n"},
+             {REPORT "--collapsed --json " GOLDEN "/loop.log", 2, "a form of its own"}});
+}
+
+TEST(Report, IsHarmlessToATerminalWhateverALogHolds) {
+  const std::string odd =
+      "cd " GOLDEN R"( && sed "s/worker-2/a\xc2\x9b\x7f\xff\xe2\x82\xac\xed\xa0\x80/
+                                    s/time = 1203/time = 4294967295/; s/time = 3195/time = 0/
+                                    s/time = 2195/time = 4294967296/" loop.log | )" REPORT;
+  expectAll({{odd + "| head -n 4", 0,
+              R"(thread a\xc2\x9b\x7f\xff€\xed\xa0\x80 (24687) in ... )"
+              R"(4294967.3 s ====================  first ... for ?   ... 0.0 s ... third)",
+              "====================="},
+             {odd + "--json | head -n 6", 0, R"("thread": "a\u009b\u007f)"}});
 }
 
 TEST(Report, EndsAsItsHelpSays) {

@@ -16,14 +16,16 @@ struct Crossing {
   int threshold;  // 1, 2 or 3
   LogTime at;
   uint32_t silentMs;
+  bool isCut = false;  // the line was, so that 0 ms may be unknown
 };
 
 struct Frame {
-  std::string text;  // as it was written
+  std::string text;  // as it was written, empty where the log lacks the frame
   std::string symbol;
   uint64_t offset = 0;     // behind the symbol
   uint64_t address = 0;    // of a frame that was written without a symbol
   std::string sourceLine;  // FILE:LINE, where it could be told
+  bool isCut = false;      // in the log
 };
 
 // Of the thread's own hook and then the process-wide one, or by default: to end the process.
@@ -39,7 +41,7 @@ struct Decision {
 
 struct DeadLoop {
   std::string process;
-  uint32_t processId = 0;
+  uint32_t processId = 0;  // 0: not told, as are the thread's and the thresholds
   std::string thread;
   uint32_t threadId = 0;
   std::array<uint32_t, 3> thresholdsMs{};
@@ -49,8 +51,12 @@ struct DeadLoop {
   bool captured = false;
   LogTime reportedAt;
   std::string captureStamp;  // the report's own, at UTC+8
+  bool isCaptureCut = false;
   std::vector<Frame> frames;
   Decision decision;
 };
+
+// What a whole log would tell and this one does not, as people would say it.
+std::vector<std::string> missingFrom(const DeadLoop& loop);
 
 }  // namespace qurn::report

@@ -9,7 +9,7 @@
 namespace qurn::report {
 
 // In the order in which their third thresholds, or else their reports, stand in the log. Lines of
-// several processes may be mixed if each names its writer as "[NAME:ID]" or "[ID]".
+// several processes may be mixed if what stands before their messages tells them apart.
 std::vector<DeadLoop> readLog(std::istream& log);
 
 }  // namespace qurn::report

@@ -22,10 +22,14 @@ constexpr int kNoneFound = 1;
 constexpr int kMistake = 2;
 
 constexpr const char* kUsage =
-    "usage: qurn-report [--json] [--program FILE [--base ADDRESS]] [--maps FILE] [LOG]\n"
+    "usage: qurn-report [--json] [--program FILE [--base ADDRESS]] [--maps FILE]\n"
+    "                   [--group | --collapsed] [LOG]\n"
     "Prints the dead loops that LOG, or standard input, tells of.\n"
     "\n"
     "  --json          for machines\n"
+    "  --group         tell dead loops that are stuck at the same place once, the most frequent "
+    "first\n"
+    "  --collapsed     stacks and how often each was seen, for flame graphs\n"
     "  --program FILE  take source lines, and names for bare addresses, from this program; a\n"
     "                  position-independent one's addresses need its place in memory as well:\n"
     "  --base ADDRESS  where it was loaded\n"
@@ -36,6 +40,8 @@ constexpr const char* kUsage =
 
 struct Options {
   bool json = false;
+  bool group = false;
+  bool collapsed = false;
   std::string program;
   uint64_t base = 0;
   std::string maps;
@@ -61,7 +67,9 @@ uint64_t addressOf(const std::string& text) {
 }
 
 Options parseOptions(int argc, char** argv) {
-  constexpr std::array<option, 6> kLong{{{"json", no_argument, nullptr, 'j'},
+  constexpr std::array<option, 8> kLong{{{"json", no_argument, nullptr, 'j'},
+                                         {"group", no_argument, nullptr, 'g'},
+                                         {"collapsed", no_argument, nullptr, 'c'},
                                          {"program", required_argument, nullptr, 'p'},
                                          {"base", required_argument, nullptr, 'b'},
                                          {"maps", required_argument, nullptr, 'm'},
@@ -72,6 +80,12 @@ Options parseOptions(int argc, char** argv) {
     switch (c) {
       case 'j':
         options.json = true;
+        break;
+      case 'g':
+        options.group = true;
+        break;
+      case 'c':
+        options.collapsed = true;
         break;
       case 'p':
         options.program = optarg;
@@ -86,6 +100,9 @@ Options parseOptions(int argc, char** argv) {
         (c == 'h' ? std::cout : std::cerr) << kUsage;
         std::exit(c == 'h' ? kFound : kMistake);
     }
+  }
+  if (options.collapsed && (options.json || options.group)) {
+    fail("--collapsed is a form of its own");
   }
   if (argc - optind > 1) {
     fail("one log at a time");
@@ -116,9 +133,19 @@ std::vector<qurn::report::DeadLoop> read(const std::string& log) {
   return qurn::report::readLog(file);
 }
 
+template <typename Told>
+void write(const std::vector<Told>& told, bool json) {
+  if (json) {
+    qurn::report::writeJson(std::cout, told);
+  } else {
+    qurn::report::writeText(std::cout, told, isatty(STDOUT_FILENO) == 1);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::ios::sync_with_stdio(false);
   const Options options = parseOptions(argc, argv);
   const qurn::report::Symbols symbols = symbolsFor(options);
   std::vector<qurn::report::DeadLoop> loops = read(options.log);
@@ -127,10 +154,12 @@ int main(int argc, char** argv) {
       symbols.explain(frame, &frame != &loop.frames.front());
     }
   }
-  if (options.json) {
-    qurn::report::writeJson(std::cout, loops);
+  if (options.collapsed) {
+    qurn::report::writeCollapsed(std::cout, qurn::report::collapsedStacks(loops));
+  } else if (options.group) {
+    write(qurn::report::groupsOf(loops), options.json);
   } else {
-    qurn::report::writeText(std::cout, loops, isatty(STDOUT_FILENO) == 1);
+    write(loops, options.json);
   }
   return loops.empty() ? kNoneFound : kFound;
 }

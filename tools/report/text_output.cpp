@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "output.h"
+#include "printable.h"
 #include "symbols.h"
 
 namespace qurn::report {
@@ -18,13 +19,6 @@ struct Colours {
 };
 constexpr Colours kColours{"\033[1m", "\033[32m", "\033[33m", "\033[31m", "\033[2m", "\033[0m"};
 
-// A log may hold what a terminal would obey.
-std::string printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
-  return text;
-}
-
 std::string seconds(uint32_t ms) {
   std::array<char, 16> text{};
   std::snprintf(text.data(), text.size(), "%.1f s", ms / 1000.0);
@@ -36,19 +30,27 @@ std::string padded(std::string text, size_t width) {
   return text;
 }
 
-std::string decisionOf(const DeadLoop& loop) {
-  const Decision& decision = loop.decision;
-  if (decision.byDefault) {
-    return "no hook of its own: the process " +
-           (decision.exitStatus ? "ended with status " + std::to_string(*decision.exitStatus)
-                                : std::string("was to be ended"));
+// "a", "a and b", "a, b and c".
+std::string listOf(const std::vector<std::string>& parts) {
+  std::string list;
+  for (const std::string& part : parts) {
+    const bool isLast = &part == &parts.back();
+    list += (list.empty() ? "" : isLast ? " and " : ", ") + part;
   }
-  if (decision.threadHook || decision.processHook) {
-    return std::string("left to ") + (decision.threadHook ? "the thread's own hook" : "") +
-           (decision.threadHook && decision.processHook ? " and " : "") +
-           (decision.processHook ? "the process-wide hook" : "");
+  return list;
+}
+
+std::string nameOf(const Frame& frame) {
+  return frame.symbol.empty() ? frame.text : demangled(frame.symbol);
+}
+
+std::string countsOf(const Counts& counts) {
+  std::vector<std::string> parts;
+  for (const auto& [what, count] : counts) {
+    parts.push_back((what.empty() ? "not told" : printable(what)) +
+                    (counts.size() > 1 ? " (" + std::to_string(count) + ")" : ""));
   }
-  return "the log ends before a decision";
+  return listOf(parts);
 }
 
 class TextWriter {
@@ -62,46 +64,92 @@ class TextWriter {
     writeTrace(loop);
   }
 
+  void write(const Group& group) {
+    out_ << colours_.title << group.count << (group.count == 1 ? " dead loop" : " dead loops")
+         << colours_.none << "\n";
+    writeFact("first", printable(group.first));
+    writeFact("last", printable(group.last));
+    writeFact("longest silence",
+              group.longestSilenceMs == 0 ? "" : seconds(group.longestSilenceMs));
+    writeFact("processes", countsOf(group.processes));
+    writeFact("threads", countsOf(group.threads));
+    writeFact("decided", countsOf(group.decisions));
+    writeTrace(group.example);
+  }
+
  private:
+  void writeFact(const char* what, const std::string& fact) {
+    out_ << "  " << padded(what, 16) << (fact.empty() ? "not told" : fact) << "\n";
+  }
+
   void writeTitle(const DeadLoop& loop) {
     out_ << colours_.title << "Dead loop";
     if (!loop.thread.empty()) {
-      out_ << " of thread " << printable(loop.thread) << " (" << loop.threadId << ")";
+      out_ << " of thread " << printable(loop.thread);
+      writeId("", loop.threadId);
     }
     if (!loop.process.empty()) {
-      out_ << " in " << printable(loop.process) << " (process " << loop.processId << ")";
+      out_ << " in " << printable(loop.process);
+      writeId("process ", loop.processId);
     }
     out_ << colours_.none << "\n";
   }
 
-  void writeTimeline(const DeadLoop& loop) {
-    const uint32_t longest = loop.silence.empty() ? 1 : std::max(1U, loop.silence.back().silentMs);
-    const std::array<std::string_view, 3> levels{colours_.note, colours_.warning, colours_.alarm};
-    for (const Crossing& crossing : loop.silence) {
-      const auto index = static_cast<size_t>(crossing.threshold - 1);
-      const size_t bar = kBarWidth * crossing.silentMs / longest;
-      writeEvent(crossing.at, "silent for " + padded(seconds(crossing.silentMs), 7) + " " +
-                                  std::string(levels.at(index)) +
-                                  padded(std::string(bar, '='), kBarWidth) +
-                                  std::string(colours_.none) + "  " + kOrdinals.at(index) +
-                                  " threshold, " + seconds(loop.thresholdsMs.at(index)));
+  void writeId(const char* of, uint32_t id) {
+    if (id != 0) {
+      out_ << " (" << of << id << ")";
     }
+  }
+
+  void writeTimeline(const DeadLoop& loop) {
+    uint32_t longest = 1;
+    for (const Crossing& crossing : loop.silence) {
+      longest = std::max(longest, crossing.silentMs);
+    }
+    for (const Crossing& crossing : loop.silence) {
+      writeCrossing(crossing, loop.thresholdsMs, longest);
+    }
+    writeCapture(loop);
+  }
+
+  void writeCrossing(const Crossing& crossing, const std::array<uint32_t, 3>& thresholdsMs,
+                     uint32_t longest) {
+    const std::array<std::string_view, 3> levels{colours_.note, colours_.warning, colours_.alarm};
+    const auto index = static_cast<size_t>(crossing.threshold - 1);
+    const size_t bar = kBarWidth * crossing.silentMs / longest;
+    const auto known = [&](uint32_t ms) { return crossing.isCut && ms == 0 ? "?" : seconds(ms); };
+    writeEvent(crossing.at, "silent for " + padded(known(crossing.silentMs), 7) + " " +
+                                std::string(levels.at(index)) +
+                                padded(std::string(bar, '='), kBarWidth) +
+                                std::string(colours_.none) + "  " + kOrdinals.at(index) +
+                                " threshold, " + known(thresholdsMs.at(index)));
+  }
+
+  void writeCapture(const DeadLoop& loop) {
     const std::string signal =
         loop.signal == 0 ? "the signal" : "signal " + std::to_string(loop.signal);
     if (loop.captured) {
-      writeEvent(loop.reportedAt,
-                 "captured by " + signal + " (" + printable(loop.captureStamp) + " UTC+8)");
-      writeEvent(loop.decision.at, decisionOf(loop));
+      writeEvent(
+          loop.reportedAt,
+          "captured by " + signal +
+              (loop.captureStamp.empty() ? "" : " (" + printable(loop.captureStamp) + " UTC+8)"));
     } else if (loop.signalFailed) {
       writeEvent("", "not captured: " + signal + " could not be sent");
     } else {
       writeEvent(
           "", "not captured by " + signal + " in this log: blocked, or not back from the kernel");
     }
+    if (loop.captured || loop.decision.made()) {
+      writeEvent(loop.decision.at, decisionText(loop));
+    }
+    if (const auto missing = missingFrom(loop); !missing.empty()) {
+      writeEvent("", "incomplete: the log lacks " + listOf(missing));
+    }
   }
 
   void writeEvent(const LogTime& at, const std::string& what) {
-    out_ << "  " << colours_.faint << padded(at, widest_) << colours_.none << "  " << what << "\n";
+    out_ << "  " << colours_.faint << padded(printable(at), widest_) << colours_.none << "  "
+         << what << "\n";
     widest_ = std::max(widest_, at.size());
   }
 
@@ -112,8 +160,9 @@ class TextWriter {
       std::snprintf(offset.data(), offset.size(), "+0x%llx",
                     static_cast<unsigned long long>(frame.offset));
       out_ << padded("  #" + std::to_string(index++), 6) << " "
-           << printable(frame.symbol.empty() ? frame.text : demangled(frame.symbol))
-           << (frame.symbol.empty() || frame.offset == 0 ? "" : offset.data());
+           << (frame.text.empty() ? "?" : printable(nameOf(frame)))
+           << (frame.symbol.empty() || frame.offset == 0 ? "" : offset.data())
+           << (frame.isCut ? "..." : "");
       if (!frame.sourceLine.empty()) {
         out_ << colours_.faint << "  " << frame.sourceLine << colours_.none;
       }
@@ -127,6 +176,35 @@ class TextWriter {
 };
 
 }  // namespace
+
+std::string decisionText(const DeadLoop& loop) {
+  const Decision& decision = loop.decision;
+  if (decision.byDefault || decision.exitStatus) {
+    return std::string(decision.byDefault ? "no hook of its own: " : "") + "the process " +
+           (decision.exitStatus ? "ended with status " + std::to_string(*decision.exitStatus)
+                                : std::string("was to be ended"));
+  }
+  if (decision.threadHook || decision.processHook) {
+    return std::string("left to ") + (decision.threadHook ? "the thread's own hook" : "") +
+           (decision.threadHook && decision.processHook ? " and " : "") +
+           (decision.processHook ? "the process-wide hook" : "");
+  }
+  return "the log ends before a decision";
+}
+
+void writeText(std::ostream& out, const std::vector<Group>& groups, bool inColour) {
+  TextWriter writer(out, inColour);
+  for (const Group& group : groups) {
+    writer.write(group);
+    out << (&group == &groups.back() ? "" : "\n");
+  }
+}
+
+void writeCollapsed(std::ostream& out, const Counts& stacks) {
+  for (const auto& [stack, count] : stacks) {
+    out << printable(stack) << " " << count << "\n";
+  }
+}
 
 void writeText(std::ostream& out, const std::vector<DeadLoop>& loops, bool inColour) {
   TextWriter writer(out, inColour);

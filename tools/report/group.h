@@ -1,0 +1,32 @@
+// Dead loops that are stuck at the same place, told once.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "dead_loop.h"
+
+namespace qurn::report {
+
+using Counts = std::map<std::string, size_t>;
+
+struct Group {
+  size_t count = 0;
+  LogTime first;
+  LogTime last;
+  uint32_t longestSilenceMs = 0;
+  Counts processes;
+  Counts threads;
+  Counts decisions;
+  DeadLoop example;  // the first with the most of its stack
+};
+
+// By the names of the stuck stack: where it waits and where code lies in memory differ from one
+// time to the next. The most frequent first.
+std::vector<Group> groupsOf(const std::vector<DeadLoop>& loops);
+
+// The stack with its outermost frame first, then its count, as tools for flame graphs read them.
+Counts collapsedStacks(const std::vector<DeadLoop>& loops);
+
+}  // namespace qurn::report

@@ -1,0 +1,124 @@
+#include "journal_record.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "scanner.h"
+
+namespace qurn::report {
+namespace {
+
+constexpr std::array<std::string_view, 6> kWriterFields{
+    "_BOOT_ID", "_HOSTNAME", "CONTAINER_NAME", "SYSLOG_IDENTIFIER", "_PID", "TID"};
+
+std::string timeOf(std::string_view microseconds) {
+  uint64_t number = 0;
+  if (!Scanner(microseconds).number(number)) {
+    return {};
+  }
+  const auto seconds = static_cast<time_t>(number / 1'000'000);
+  tm parts{};
+  std::array<char, 48> text{};
+  if (gmtime_r(&seconds, &parts) == nullptr) {
+    return {};
+  }
+  const size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
+  std::snprintf(&text.at(length), text.size() - length, ".%06uZ",
+                static_cast<unsigned>(number % 1'000'000));
+  return text.data();
+}
+
+// What is no UTF-8 stands as an array of bytes, a field that was given twice as one of texts.
+std::string textOf(const nlohmann::json& value) {
+  if (value.is_string()) {
+    return value.get<std::string>();
+  }
+  std::string text;
+  if (value.is_array()) {
+    for (const nlohmann::json& part : value) {
+      if (part.is_string()) {
+        return part.get<std::string>();
+      }
+      text.push_back(part.is_number_unsigned() ? static_cast<char>(part.get<unsigned>()) : '?');
+    }
+  }
+  return text;
+}
+
+// Eight bytes of length, the lowest first, then so many of text and the line's end.
+std::optional<std::string> readBinaryValue(std::istream& journal) {
+  constexpr uint64_t kMostBytes = 1 << 20;
+  std::array<char, 8> bytes{};
+  journal.read(bytes.data(), bytes.size());
+  uint64_t length = 0;
+  for (size_t i = bytes.size(); i > 0; --i) {
+    length = length << 8 | static_cast<unsigned char>(bytes.at(i - 1));
+  }
+  if (!journal || length > kMostBytes) {
+    return std::nullopt;  // nothing that the library writes is as long
+  }
+  std::string value(length, '\0');
+  journal.read(value.data(), static_cast<std::streamsize>(length));
+  value.resize(static_cast<size_t>(journal.gcount()));
+  journal.ignore(1);
+  return value;
+}
+
+}  // namespace
+
+void JournalRecord::take(std::string_view field, std::string_view value) {
+  if (field == "MESSAGE") {
+    message = value;
+  } else if (field == "__REALTIME_TIMESTAMP") {
+    at = timeOf(value);
+  } else if (std::find(kWriterFields.begin(), kWriterFields.end(), field) != kWriterFields.end()) {
+    // Records list their fields in any order.
+    const std::string part = std::string(field) + "=" + std::string(value) + "\n";
+    size_t place = 0;
+    while (place < writer.size() && writer.compare(place, part.size(), part) < 0) {
+      place = writer.find('\n', place) + 1;
+    }
+    writer.insert(place, part);
+  }
+}
+
+bool beginsExportedRecord(std::string_view line) { return line.starts_with("__CURSOR="); }
+
+JournalRecord readExportedRecord(std::istream& journal) {
+  JournalRecord record;
+  for (std::string line; std::getline(journal, line) && !line.empty();) {
+    const size_t equals = line.find('=');
+    if (equals != std::string::npos) {
+      record.take(std::string_view(line).substr(0, equals),
+                  std::string_view(line).substr(equals + 1));
+      continue;
+    }
+    const std::optional<std::string> value = readBinaryValue(journal);
+    if (!value) {
+      break;  // this is no record, or one torn apart; what follows may be a log's lines
+    }
+    record.take(line, *value);
+  }
+  return record;
+}
+
+bool readJsonRecord(std::string_view line, JournalRecord& record) {
+  if (!line.starts_with('{') || line.find("\"MESSAGE\"") == std::string_view::npos) {
+    return false;
+  }
+  const auto fields = nlohmann::json::parse(line, nullptr, false);
+  if (!fields.is_object()) {
+    return false;
+  }
+  for (const auto& [field, value] : fields.items()) {
+    record.take(field, textOf(value));
+  }
+  return true;
+}
+
+}  // namespace qurn::report
