@@ -2,6 +2,7 @@
 // pieces, and over one that it is writing.
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "support/run_program.h"
@@ -49,13 +50,12 @@ TEST(Report, TellsWhatTheLogTells) {
 
 // What it prints is another recorded log's, once times are written as in that one.
 void expectSame(const std::string& name, const std::vector<std::string>& logs) {
-  std::vector<Program> programs;
-  for (const std::string& log : logs) {
-    programs.push_back({"cd " GOLDEN " && (" + log + ") | " REPORT +
-                            R"(| sed "s/T\(..:..:..\....\)[0-9]*[Z+:0-9]*/ \1/" | diff )" + name +
-                            ".txt -",
-                        0, ""});
-  }
+  std::vector<Program> programs(logs.size());
+  std::transform(logs.begin(), logs.end(), programs.begin(), [&](const std::string& log) {
+    std::string command = "cd " GOLDEN " && (" + log + ") | " REPORT;
+    command.append(R"(| sed "s/T\(..:..:..\....\)[0-9]*[Z+:0-9]*/ \1/" | diff )");
+    return Program{command.append(name).append(".txt -"), 0, ""};
+  });
   expectAll(programs);
 }
 

@@ -20,6 +20,8 @@ void tryInput(Bytes bytes) {
   const auto loops = qurn::report::readLog(log);
   std::ostringstream text;
   qurn::report::writeText(text, loops, false);
+  qurn::report::writeText(text, qurn::report::groupsOf(loops), false);
+  qurn::report::writeCollapsed(text, qurn::report::collapsedStacks(loops));
   const std::string shown = text.str();
   assert(std::none_of(shown.begin(), shown.end(),
                       [](unsigned char c) { return (c < ' ' && c != '\n') || c == 0x7F; }));
@@ -28,4 +30,7 @@ void tryInput(Bytes bytes) {
   qurn::report::writeJson(json, loops);
   assert(nlohmann::json::parse(json.str()).size() == loops.size());
   assert(!hasControls(json.str()));
+  std::ostringstream groups;
+  qurn::report::writeJson(groups, qurn::report::groupsOf(loops));
+  assert(nlohmann::json::parse(groups.str()).empty() == loops.empty());
 }
