@@ -255,7 +255,7 @@ inline const char* keptText(ThreadRecords& own, const char* text) {
 }
 
 [[gnu::cold, gnu::noinline]] Share* openShare(ThreadRecords& own, uint32_t handleId,
-                                              Charge charge) {
+                                              const Charge& charge) {
   Books& all = books();
   const std::lock_guard lock(all.mutex);
   if (handleId > ZOT_RAW_HANDLE_LIMIT) {
