@@ -115,10 +115,16 @@ bool scan(int maps, uint64_t address, FrameTaskStackInfo& info) noexcept {
 
 }  // namespace
 
-// Of this thread, whose map is still there when the process's first thread has ended.
+// The process's map is gone when its first thread has ended, this thread's is not; the first of
+// them is the one that emulators know.
 bool findMapping(uint64_t address, FrameTaskStackInfo& info) noexcept {
-  const qurn::ScopedFd maps(open("/proc/thread-self/maps", O_RDONLY | O_CLOEXEC));
-  return maps.valid() && (askKernel(maps.get(), address, info) || scan(maps.get(), address, info));
+  for (const char* path : {"/proc/self/maps", "/proc/thread-self/maps"}) {
+    const qurn::ScopedFd maps(open(path, O_RDONLY | O_CLOEXEC));
+    if (maps.valid() && (askKernel(maps.get(), address, info) || scan(maps.get(), address, info))) {
+      return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace tov
