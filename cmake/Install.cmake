@@ -12,7 +12,7 @@ install(TARGETS tovplatform bexlin EXPORT tovplatformTargets
 install(DIRECTORY include/qurnadapt DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(DIRECTORY platform/include/tovplatform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         COMPONENT platform)
-install(FILES ${PROJECT_BINARY_DIR}/platform/qurnadapt.catalog DESTINATION lib/systemd/catalog
+install(FILES ${PROJECT_BINARY_DIR}/platform/tovplatform.catalog DESTINATION lib/systemd/catalog
         COMPONENT platform)
 if(QURN_BUILD_EXAMPLES)
   install(TARGETS qurn_host qurn_guard RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT examples)
