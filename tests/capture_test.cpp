@@ -161,6 +161,10 @@ TEST(StackSlice, LiesAroundTheStackPointerInsideTheStackIfItsBoundsAreKnown) {
     redirectFile("/maps", nullptr);
     FrameStackMemoryGet(&record, &length);
     EXPECT_EQ(length, 2048U);
+    length = 77;
+    record.registers[qurn::kStackPointerWord] = 0;
+    FrameStackMemoryGet(&record, &length);
+    EXPECT_EQ(length, 77U) << "there is no stack";
   });
 }
 

@@ -29,6 +29,15 @@ ZotHandleRecord* moduleNamed(const char* name) {
   return record;
 }
 
+TEST(HandleTableMemory, IsOfTheFirstPartition) {
+  g_aucZotMemPt[0] = 3;
+  ASSERT_EQ(nbb_handle_initialize(), 1U);
+  EXPECT_FALSE(held().empty());
+  for (const std::string& line : held()) {
+    EXPECT_NE(line.find("partition 3, ssp_ptr_hdl"), std::string::npos) << line;
+  }
+}
+
 TEST(LegacyHandle, IsARecordOfTheHandleBlocksAroundAModuleNamedAfterItsNumber) {
   ZotHandleRecord* first = nullptr;
   ZotHandleRecord* second = nullptr;

@@ -55,9 +55,12 @@ TEST(HeartBridge, ReachesTheMonitorFromTheLoadOnAndKeepsItsSetWhole) {
       << "a second initialisation changes nothing";
 
   const TovHeartFunSet full = g_stTovHeartFunSet;
-  TovHeartFunSet incomplete = full;
-  incomplete.pfnReboot = nullptr;
-  EXPECT_CODES(Codes(2, QURN_FAILED), ZotHeartFunReg(&incomplete), ZotHeartFunReg(nullptr));
+  EXPECT_EQ(ZotHeartFunReg(nullptr), QURN_FAILED);
+  for (size_t missing = 0; missing < sizeof(full); missing += sizeof(void*)) {
+    TovHeartFunSet incomplete = full;
+    memset(reinterpret_cast<char*>(&incomplete) + missing, 0, sizeof(void*));
+    EXPECT_EQ(ZotHeartFunReg(&incomplete), QURN_FAILED) << missing;
+  }
   EXPECT_EQ(useTheHeartBridge(&self), Codes(4, QURN_OK));
 
   recorded::forget();

@@ -60,9 +60,10 @@ void tellAnswers(const std::string& file, const std::string& keys) {
 
 TEST(Yaml, AnswersByDottedPathsAndIndexes) {
   tellAnswers(
-      "a: {b: {c: deep}, list: [x, {k: v}, '', [p, q]]}\nempty:\nnumber: 12\n",
+      "a: {b: {c: deep}, list: [x, {k: v}, '', [p, q]]}\nempty:\nnumber: 12\n0: {0: none}\n",
       "a.b.c a.list[0] a.list[1].k a.list[2] a.list[3] a.list[3][1] number a a.b a.list "
-      "empty a.list[4] a.list[x] a.list[ a.list.k number.x number[0] absent absent.x . [0] " +
+      "empty 0.0 0[0] a.list[4] a.list[x] a.list[ a.list.k number.x number[0] absent absent.x . "
+      "[0] " +
           std::string(600, 'k'));
   for (const char* other : {"", "just text", "[1, 2]", "a: [unclosed"}) {
     tellAnswers(other, "watchDog");
