@@ -36,18 +36,20 @@ class Name {
   std::array<char, 64> bytes_{};
 };
 
-// A file that takes the place of an older one only when it is whole.
+// A file that takes the place of an older one only when it is whole. Several processes may keep
+// theirs in one directory.
 class NewFile {
  public:
-  NewFile(int directory, const Name& name) noexcept
+  NewFile(int directory, std::string_view process, std::string_view ending) noexcept
       : directory_(directory),
-        name_(name),
-        fd_((unlinkat(directory, kTemporary, 0),
-             openat(directory, kTemporary, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600))) {}
+        name_(process, ending),
+        temporary_(process, ".new"),
+        fd_((unlinkat(directory, temporary_.get(), 0),
+             openat(directory, temporary_.get(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600))) {}
   ~NewFile() {
     if (fd_ >= 0) {
       close(fd_);
-      renameat(directory_, kTemporary, directory_, name_.get());
+      renameat(directory_, temporary_.get(), directory_, name_.get());
     }
   }
   NewFile(const NewFile&) = delete;
@@ -58,9 +60,9 @@ class NewFile {
   }
 
  private:
-  static constexpr const char* kTemporary = ".new.maps";
   int directory_;
-  const Name& name_;
+  Name name_;
+  Name temporary_;
   int fd_;
 };
 
@@ -197,8 +199,11 @@ bool removeOldestBeyondLimit(int directory) noexcept {
       process.copy(oldest.data(), process.size());
     }
   });
-  return count > kMostKept && unlinkat(directory, Name(oldest.data(), kMapEnding).get(), 0) == 0 &&
-         (unlinkat(directory, Name(oldest.data(), kIdsEnding).get(), 0), true);
+  if (count <= kMostKept) {
+    return false;
+  }
+  unlinkat(directory, Name(oldest.data(), kIdsEnding).get(), 0);
+  return unlinkat(directory, Name(oldest.data(), kMapEnding).get(), 0) == 0;
 }
 
 }  // namespace
@@ -213,8 +218,7 @@ void keepMemoryMap(const std::string& directory) noexcept {
   TextBuilder process(digits.data(), digits.size() - 1);
   process.addNumber(static_cast<uint64_t>(getpid()));
   {
-    const Name name(process.text(), kMapEnding);
-    const NewFile map(target.get(), name);
+    const NewFile map(target.get(), process.text(), kMapEnding);
     forEachLine(maps.get(), [&map](char* line) {
       const size_t length = strlen(line);
       line[length] = '\n';
@@ -224,8 +228,7 @@ void keepMemoryMap(const std::string& directory) noexcept {
   }
   lseek(maps.get(), 0, SEEK_SET);
   {
-    const Name name(process.text(), kIdsEnding);
-    const NewFile ids(target.get(), name);
+    const NewFile ids(target.get(), process.text(), kIdsEnding);
     forEachLine(maps.get(), [&ids](const char* line) { writeBuildIds(line, ids); });
   }
   while (removeOldestBeyondLimit(target.get())) {
