@@ -1,0 +1,94 @@
+#include "options.h"
+
+#include <getopt.h>
+
+#include <array>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+namespace qurn::report {
+namespace {
+
+constexpr const char* kUsage =
+    "usage: qurn-report [OPTIONS] [LOG]...\n"
+    "Prints the dead loops that the LOGs, or standard input, tell of.\n"
+    "\n"
+    "  --json          for machines\n"
+    "  --group         tell dead loops that are stuck at the same place once, the most frequent "
+    "first\n"
+    "  --collapsed     stacks and how often each was seen, for flame graphs\n"
+    "  --program FILE  take source lines, and names for bare addresses, from this program; a\n"
+    "                  position-independent one's addresses need its place in memory as well:\n"
+    "  --base ADDRESS  where it was loaded\n"
+    "  --maps FILE     a copy of /proc/PID/maps, made while the process ran: the same for the\n"
+    "                  program and every library in it\n"
+    "\n"
+    "Ends with status 0 when there is a dead loop, 1 when there is none, 2 after a mistake.\n";
+
+uint64_t addressIn(const char* text) {
+  const char* end = text + strlen(text);
+  const char* digits = text + (strncmp(text, "0x", 2) == 0 ? 2 : 0);
+  uint64_t address = 0;
+  const auto [parsed, mistake] = std::from_chars(digits, end, address, 16);
+  if (mistake != std::errc() || parsed != end) {
+    fail(std::string("no hexadecimal address: ") + text);
+  }
+  return address;
+}
+
+struct Rule {
+  const char* name;
+  int argument;
+  void (*take)(const char* value, Options& options);
+};
+
+constexpr std::array kRules{
+    Rule{"json", no_argument, [](const char*, Options& options) { options.json = true; }},
+    Rule{"group", no_argument, [](const char*, Options& options) { options.group = true; }},
+    Rule{"collapsed", no_argument, [](const char*, Options& options) { options.collapsed = true; }},
+    Rule{"program", required_argument,
+         [](const char* value, Options& options) { options.program = value; }},
+    Rule{"base", required_argument,
+         [](const char* value, Options& options) { options.base = addressIn(value); }},
+    Rule{"maps", required_argument,
+         [](const char* value, Options& options) { options.maps = value; }},
+    Rule{"help", no_argument,
+         [](const char*, Options&) {
+           std::cout << kUsage;
+           std::exit(kFound);
+         }},
+};
+
+}  // namespace
+
+Options parseOptions(int argc, char** argv) {
+  std::array<option, kRules.size() + 1> longOptions{};
+  for (size_t i = 0; i < kRules.size(); ++i) {
+    longOptions.at(i) = {kRules.at(i).name, kRules.at(i).argument, nullptr, static_cast<int>(i)};
+  }
+  Options options;
+  for (int c = 0; (c = getopt_long(argc, argv, "", longOptions.data(), nullptr)) != -1;) {
+    if (c == '?') {
+      std::cerr << kUsage;
+      std::exit(kMistake);
+    }
+    kRules.at(static_cast<size_t>(c)).take(optarg, options);
+  }
+  if (options.collapsed && (options.json || options.group)) {
+    fail("--collapsed is a form of its own");
+  }
+  options.logs.assign(argv + optind, argv + argc);
+  if (options.logs.empty()) {
+    options.logs = {"-"};
+  }
+  return options;
+}
+
+void fail(const std::string& why) {
+  std::cerr << "qurn-report: " << why << "\n";
+  std::exit(kMistake);
+}
+
+}  // namespace qurn::report
