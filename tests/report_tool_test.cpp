@@ -10,7 +10,13 @@
 #define REPORT QURN_EMULATOR QURN_REPORT " "
 
 // Named by nothing but the debug information.
-static void hiddenFunction() { std::puts("hidden"); }
+static void* returnAddress = nullptr;
+__attribute__((noinline)) static void noteCaller() { returnAddress = __builtin_return_address(0); }
+__attribute__((always_inline)) inline void inlinedFunction() {
+  noteCaller();
+  std::puts("hidden");
+}
+__attribute__((noinline)) static void hiddenFunction() { inlinedFunction(); }
 
 namespace {
 
@@ -149,32 +155,64 @@ TEST(Report, BareAddressesAreFoundInTheMemoryMap) {
   hiddenFunction();
   const std::string maps = testing::TempDir() + "maps" + std::to_string(getpid());
   std::ofstream(maps) << std::ifstream("/proc/self/maps").rdbuf();
+  std::ofstream(maps, std::ios::app) << "8000-9000 r-xp 0 00:00 0 \n9000-a000 r-xp 0 00:00 0 [x]\n";
   const auto start = reinterpret_cast<unsigned long>(&hiddenFunction);
-  const std::string here = std::to_string(start);
-  // Where it is, as a return address may lie, and before it begins.
-  const std::string frames = "0 " + here + " 1 " + std::to_string(start + 4) + " 2 " + here;
-  expectAll({{R"((echo "Signal 36 is captured at ."; echo Captured process: svc; )"
-              R"(printf " #%d 0x%x.\n" )" +
-                  frames + ") | " REPORT "--maps " + maps,
-              0,
+  // Where it is, as a return address may lie, before it begins, and what is in no file.
+  std::string frames;
+  for (const unsigned long address :
+       {start, reinterpret_cast<unsigned long>(returnAddress), start, 0x8010UL, 0x9020UL}) {
+    frames += " " + std::to_string(address);
+  }
+  const std::string log = R"((echo "Signal 36 is captured at ."; echo Captured process: svc; n=0
+                              for address in)" +
+                          frames + R"(; do printf " #%d 0x%x.\n" $n $address; n=$((n + 1)); done
+                              echo " #5 i."; echo " #6 f+0x1.") | )" REPORT "--maps " +
+                          maps;
+  expectAll({{log, 0,
               "#0   hiddenFunction()   ... report_tool_test.cpp: ... "
-              "#1   hiddenFunction()+0x4   ... report_tool_test.cpp: ... #2   ",
-              "#2   hiddenFunction()"}});
+              "\n       inlinedFunction()   ... report_tool_test.cpp: ... (inlined)\n"
+              "  #1   hiddenFunction()+0x ... report_tool_test.cpp: ... #2   ... "
+              "  #3   [anonymous]+0x10\n  #4   [x]+0x20\n  #5   i\n  #6   f+0x1\n",
+              "#2   hiddenFunction() ... lacks frame"},
+             {log + " --json", 0, "inlinedFunction()\", ... \"inlined\": true"},
+             {log + " --collapsed", 0, ";hiddenFunction();inlinedFunction();hiddenFunction() 1"}});
   std::remove(maps.c_str());
 }
 
+// The map that the platform kept beside the log names every address, unless it cannot be the
+// process's, or the files are no longer those that it ran.
 TEST(Report, OfARealProcessHasTheSourceOfWhereItWasStuck) {
+  const std::string kept = testing::TempDir() + "kept" + std::to_string(getpid());
+  const auto run = runProgram("mkdir " + kept + "; TOV_LOG_TARGET=file:" + kept +
+                              "/log " QURN_EMULATOR QURN_HOST " --period 200 --thresholds 1,1,2");
+  ASSERT_EQ(run.status, 88) << run.output;
   // ThreadSanitizer runs the handler late, when the stack has moved on.
   const std::string frame =
       std::string(QURN_SANITIZE) == "thread"
           ? ""
           : R"("function": "enter_a_loop" ... "source": "examples/host/scenarios.cpp: ... )";
-  expectAll({{QURN_EMULATOR QURN_HOST " --period 200 --thresholds 1,1,2 2>&1 | " REPORT
-                                      "--json --program " QURN_HOST,
-              0,
+  const auto changed = [&](const std::string& name, const std::string& change) {
+    const std::string copy = kept + name;
+    return "cp -rp " + kept + " " + copy + "; cd " + copy + "; " + change + "; " + REPORT +
+           "--json log";
+  };
+  expectAll({{REPORT "--json " + kept + "/log", 0,
               R"("threshold": 1 ... "threshold": 2 ... "threshold": 3 ... )" + frame +
                   R"("exit_status": 88)",
-              R"("thread_id": null ... "threshold": 4)"}});
+              R"("thread_id": null ... "threshold": 4 ... "module": null)"},
+             {REPORT "--json --maps /nowhere/; " REPORT "--json --program " QURN_HOST " <" + kept +
+                  "/log",
+              0, "cannot read the memory map ... " + frame},
+             {changed("1", R"(sed -i "/qurn-host/s/^[0-9a-f]*/00ff/" *.build-ids)"), 0,
+              R"(qurn-host is not what the process of  ... it had 00ff ... "module": "libc.so.6")",
+              "scenarios.cpp"},
+             {changed("2", "rm *.build-ids; touch -d 1999-01-01 *.maps"), 0,
+              "qurn-host has changed since  ... \"module\": \"libc.so.6\"", "scenarios.cpp"},
+             {changed("3", "touch -d 1999-01-01 *.maps *.build-ids"), 0,
+              "is older than the report of", R"("module": ")"},
+             {changed("4", R"(sed -i "s/ 0x[0-9a-f]*\./ 0x10./" log)"), 0, "is another process",
+              R"("module": ")"}});
+  runProgram("rm -r " + kept + "*");
 }
 
 }  // namespace

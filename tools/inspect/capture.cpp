@@ -32,7 +32,7 @@ std::vector<Word> stackWords(const FrameDeadloopDumpInfo& dump, uint32_t length,
   for (size_t at = 0; at + sizeof(uint64_t) <= bytes; at += sizeof(uint64_t)) {
     Word word{dump.stackDumpStart + at, 0, {}};
     memcpy(&word.value, dump.stackBytes + at, sizeof(word.value));
-    word.code = demangled(symbols.nameOf(word.value).c_str());
+    word.code = demangled(symbols.nameOf(word.value));
     words.push_back(std::move(word));
   }
   return words;

@@ -51,12 +51,10 @@ Json jsonOf(const WatchedThread& thread) {
           {"why", thread.why}};
 }
 
-Json jsonOf(const Frame& frame) {
-  return {{"address", hex(frame.address)},
-          {"function", orNull(frame.function)},
-          {"offset", frame.offset},
-          {"source", orNull(frame.source)},
-          {"inlined", frame.isInlined}};
+Json jsonOf(const CodeFrame& frame) {
+  return {{"address", hex(frame.address)},  {"function", orNull(frame.function)},
+          {"module", orNull(frame.module)}, {"offset", frame.offset},
+          {"source", orNull(frame.source)}, {"inlined", frame.isInlined}};
 }
 
 Json jsonOf(const Wait& wait) {

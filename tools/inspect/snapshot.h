@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "../common/code_frame.h"
+
 namespace qurn::inspect {
 
 enum class Verdict : uint8_t {
@@ -76,19 +78,11 @@ struct Process {
   bool isCore = false;
 };
 
-struct Frame {
-  uint64_t address = 0;
-  std::string function;  // demangled; empty where it has no name
-  uint64_t offset = 0;
-  std::string source;
-  bool isInlined = false;
-};
-
 struct Stack {
   pid_t tid = 0;
   std::string name;
   std::string note;  // why there are no frames, or fewer
-  std::vector<Frame> frames;
+  std::vector<CodeFrame> frames;
 };
 
 struct Register {
@@ -106,7 +100,7 @@ struct Word {
 struct Capture {
   std::string at;
   pid_t tid = 0;
-  std::vector<Frame> frames;
+  std::vector<CodeFrame> frames;
   std::vector<Register> registers;
   std::vector<Word> stack;
 };

@@ -1,13 +1,9 @@
 #include "symbols.h"
 
-#include <cxxabi.h>
-#include <dwarf.h>
-#include <elfutils/libdw.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "common/scoped_fd.h"
@@ -45,66 +41,7 @@ int findBuiltElf(Dwfl_Module* module, void** userData, const char* name, Dwarf_A
   return dwfl_build_id_find_elf(module, userData, name, base, file, elf);
 }
 
-std::string placeOf(const char* file, int line) {
-  return file == nullptr ? std::string() : std::string(file) + ":" + std::to_string(line);
-}
-
-std::string sourceOf(Dwfl_Module* module, uint64_t address) {
-  Dwfl_Line* found = dwfl_module_getsrc(module, address);
-  int line = 0;
-  const char* file =
-      found == nullptr ? nullptr : dwfl_lineinfo(found, nullptr, &line, nullptr, nullptr, nullptr);
-  return placeOf(file, line);
-}
-
-// Where an inlined call stands in the function that it was inlined into.
-std::string callPlaceOf(Dwarf_Die* inlined, Dwarf_Die* unit) {
-  Dwarf_Attribute attribute;
-  Dwarf_Word file = 0;
-  Dwarf_Word line = 0;
-  Dwarf_Files* files = nullptr;
-  if (dwarf_formudata(dwarf_attr(inlined, DW_AT_call_file, &attribute), &file) != 0 ||
-      dwarf_formudata(dwarf_attr(inlined, DW_AT_call_line, &attribute), &line) != 0 ||
-      dwarf_getsrcfiles(unit, &files, nullptr) != 0) {
-    return {};
-  }
-  return placeOf(dwarf_filesrc(files, file, nullptr, nullptr), static_cast<int>(line));
-}
-
-std::string nameOfDie(Dwarf_Die* die) {
-  Dwarf_Attribute attribute;
-  for (const unsigned name : {unsigned{DW_AT_linkage_name}, unsigned{DW_AT_name}}) {
-    if (const char* text = dwarf_formstring(dwarf_attr_integrate(die, name, &attribute))) {
-      return demangled(text);
-    }
-  }
-  return {};
-}
-
-// Adds the inlined frames, innermost first, and returns where the function itself stands.
-std::string addInlined(Dwfl_Module* module, uint64_t inside, uint64_t address, std::string source,
-                       std::vector<Frame>& frames) {
-  Dwarf_Addr bias = 0;
-  Dwarf_Die* unit = dwfl_module_addrdie(module, inside, &bias);
-  Dwarf_Die* scopes = nullptr;
-  const int count = unit == nullptr ? 0 : dwarf_getscopes(unit, inside - bias, &scopes);
-  for (int i = 0; i < count; ++i) {
-    if (dwarf_tag(&scopes[i]) == DW_TAG_inlined_subroutine) {
-      frames.push_back({address, nameOfDie(&scopes[i]), 0, source, true});
-      source = callPlaceOf(&scopes[i], unit);
-    }
-  }
-  std::free(scopes);
-  return source;
-}
-
 }  // namespace
-
-std::string demangled(const char* symbol) {
-  const std::unique_ptr<char, decltype(&std::free)> name(
-      abi::__cxa_demangle(symbol, nullptr, nullptr, nullptr), &std::free);
-  return name == nullptr ? symbol : name.get();
-}
 
 Symbols::Symbols(const Target& target, const SymbolSources& sources, Depth depth)
     : root_("/proc/" + std::to_string(target.pid()) + "/root"),
@@ -145,22 +82,6 @@ std::string Symbols::nameOf(uint64_t address) const {
   }
   const char* name = dwfl_module_addrname(module, address - 1);
   return names_[address] = name == nullptr ? "" : name;
-}
-
-void Symbols::explain(uint64_t address, bool isCaller, std::vector<Frame>& frames) const {
-  const uint64_t inside = address - (isCaller ? 1 : 0);
-  Dwfl_Module* module = address == 0 ? nullptr : dwfl_addrmodule(session_.get(), inside);
-  if (module == nullptr) {
-    frames.push_back({address, {}, 0, {}, false});
-    return;
-  }
-  const std::string source = addInlined(module, inside, address, sourceOf(module, inside), frames);
-  GElf_Off offset = 0;
-  GElf_Sym symbol{};
-  const char* name =
-      dwfl_module_addrinfo(module, inside, &offset, &symbol, nullptr, nullptr, nullptr);
-  frames.push_back({address, name == nullptr ? std::string() : demangled(name),
-                    name == nullptr ? 0 : offset + (address - inside), source, false});
 }
 
 // ---- unwinding

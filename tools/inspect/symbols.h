@@ -9,15 +9,13 @@
 #include <unordered_map>
 #include <vector>
 
+#include "../common/code_frame.h"
 #include "snapshot.h"
 #include "target.h"
 
 namespace qurn::inspect {
 
 class CoreTarget;
-
-// As it stands in a program's source, if it was mangled.
-std::string demangled(const char* symbol);
 
 struct SymbolSources {
   std::string program;    // of a core, where it is no longer where it was
@@ -33,9 +31,9 @@ class Symbols {
 
   // Empty for what is no code.
   std::string nameOf(uint64_t address) const;
-  // The frame, before it those that were inlined into it, innermost first. A caller's address may
-  // be the first one behind its function.
-  void explain(uint64_t address, bool isCaller, std::vector<Frame>& frames) const;
+  void explain(uint64_t address, bool isCaller, std::vector<CodeFrame>& frames) const {
+    explainCode(session_.get(), address, isCaller, frames);
+  }
 
   using ReadWord = std::function<bool(uint64_t address, uint64_t* word)>;
   // The addresses on a stack, innermost first.

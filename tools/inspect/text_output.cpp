@@ -140,16 +140,18 @@ void writeWaits(std::ostream& out, const Snapshot& snapshot) {
   }
 }
 
-std::string frameText(const Frame& frame) {
-  std::string text = frame.function.empty() ? hex(frame.address) : frame.function;
-  if (!frame.function.empty() && !frame.isInlined) {
+std::string frameText(const CodeFrame& frame) {
+  std::string text = frame.function.empty() ? frame.module : frame.function;
+  if (text.empty()) {
+    text = hex(frame.address);
+  } else if (!frame.isInlined) {
     text += "+" + hex(frame.offset);
   }
   return printable(text + (frame.source.empty() ? "" : " at " + frame.source) +
                    (frame.isInlined ? " (inlined)" : ""));
 }
 
-void writeFrames(std::ostream& out, const std::vector<Frame>& frames) {
+void writeFrames(std::ostream& out, const std::vector<CodeFrame>& frames) {
   for (size_t i = 0; i < frames.size(); ++i) {
     out << "  #" << i << " " << frameText(frames[i]) << "\n";
   }

@@ -22,10 +22,12 @@ struct Crossing {
 struct Frame {
   std::string text;  // as it was written, empty where the log lacks the frame
   std::string symbol;
-  uint64_t offset = 0;     // behind the symbol
+  uint64_t offset = 0;     // behind the symbol, without one behind the module's start
   uint64_t address = 0;    // of a frame that was written without a symbol
-  std::string sourceLine;  // FILE:LINE, where it could be told
+  std::string module;      // the file that it is in, and
+  std::string sourceLine;  // FILE:LINE, where they could be told
   bool isCut = false;      // in the log
+  bool isInlined = false;  // into the next one that is not; the log does not know of it
 };
 
 // Of the thread's own hook and then the process-wide one, or by default: to end the process.

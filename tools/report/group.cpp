@@ -4,8 +4,8 @@
 #include <array>
 #include <string_view>
 
+#include "../common/code_frame.h"
 #include "output.h"
-#include "symbols.h"
 
 namespace qurn::report {
 namespace {
@@ -54,7 +54,7 @@ std::vector<std::string> namesOf(const DeadLoop& loop) {
   if (names.empty()) {
     names = {loop.process, loop.thread};
     for (const Frame& frame : loop.frames) {
-      names.push_back(frame.text);
+      names.push_back(nameOf(frame));
     }
   }
   return names;
@@ -109,7 +109,7 @@ std::vector<Group> Groups::sorted() const {
 std::string collapsedStack(const DeadLoop& loop) {
   std::string stack = loop.process.empty() ? "?" : loop.process;
   for (auto frame = loop.frames.rbegin(); frame != loop.frames.rend(); ++frame) {
-    std::string name = frame->symbol.empty() ? frame->text : demangled(frame->symbol);
+    std::string name = nameOf(*frame);
     std::replace(name.begin(), name.end(), ';', ':');  // which separates frames
     stack += ";" + (name.empty() ? "?" : name);
   }

@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "../common/code_frame.h"
 #include "output.h"
-#include "symbols.h"
 
 namespace qurn::report {
 namespace {
@@ -39,11 +39,14 @@ Json thresholdsOf(const DeadLoop& loop) {
 Json framesOf(const DeadLoop& loop) {
   Json frames = Json::array();
   for (const Frame& frame : loop.frames) {
-    frames.push_back({{"text", orNull(frame.text)},
+    const bool hasOffset = !frame.symbol.empty() || !frame.module.empty();
+    frames.push_back({{"text", orNull(frame.isInlined ? "" : frame.text)},
                       {"function", frame.symbol.empty() ? Json() : Json(demangled(frame.symbol))},
-                      {"offset", frame.symbol.empty() ? Json() : Json(frame.offset)},
+                      {"module", orNull(frame.module)},
+                      {"offset", hasOffset ? Json(frame.offset) : Json()},
                       {"address", orNull(frame.address)},
-                      {"source", orNull(frame.sourceLine)}});
+                      {"source", orNull(frame.sourceLine)},
+                      {"inlined", frame.isInlined}});
   }
   return frames;
 }

@@ -3,29 +3,29 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <vector>
 
+#include "explainer.h"
 #include "log_reader.h"
 #include "log_text.h"
 #include "options.h"
 #include "output.h"
-#include "symbols.h"
 
 namespace qurn::report {
 namespace {
 
-Symbols symbolsFor(const Options& options) {
-  Symbols symbols;
-  if (!options.program.empty() && !symbols.addProgram(options.program, options.base)) {
-    fail("cannot read the program " + options.program);
+Explainer explainerFor(const Options& options) {
+  try {
+    return {{options.program, options.base, options.maps, mapDirectoriesBeside(options.logs)},
+            [](const std::string& warning) { std::cerr << "qurn-report: " << warning << "\n"; }};
+  } catch (const std::runtime_error& mistake) {
+    fail(mistake.what());
   }
-  if (!options.maps.empty() && !symbols.addMemoryMap(options.maps)) {
-    fail("cannot read the memory map " + options.maps);
-  }
-  return symbols;
 }
 
 std::unique_ptr<Output> outputFor(const Options& options) {
@@ -53,13 +53,11 @@ void readLog(const std::string& log, LogText& text) {
 }
 
 int report(const Options& options) {
-  const Symbols symbols = symbolsFor(options);
+  Explainer explainer = explainerFor(options);
   const std::unique_ptr<Output> output = outputFor(options);
   int status = kNoneFound;
   LogReader reader([&](DeadLoop&& loop) {
-    for (Frame& frame : loop.frames) {
-      symbols.explain(frame, &frame != &loop.frames.front());
-    }
+    explainer.explain(loop);
     output->tell(loop);
     status = kFound;
   });

@@ -27,6 +27,9 @@ void addThresholds(const DeadLoop& loop, std::vector<std::string>& missing) {
 void addFrames(const DeadLoop& loop, std::vector<std::string>& missing) {
   size_t number = 0;
   for (const Frame& frame : loop.frames) {
+    if (frame.isInlined) {
+      continue;
+    }
     const std::string name = "frame #" + std::to_string(number++);
     if (frame.text.empty()) {
       missing.push_back(name);

@@ -31,6 +31,9 @@ std::unique_ptr<Output> textGroupOutput(std::ostream& out, bool inColour);
 std::unique_ptr<Output> jsonGroupOutput(std::ostream& out);
 std::unique_ptr<Output> collapsedOutput(std::ostream& out);
 
+// The function, or else the place in its file, or else what the log has.
+std::string nameOf(const Frame& frame);
+
 // How a dead loop ended, as people would say it.
 std::string decisionText(const DeadLoop& loop);
 

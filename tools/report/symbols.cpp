@@ -1,106 +1,220 @@
 #include "symbols.h"
 
-#include <cxxabi.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "common/scoped_fd.h"
 
 namespace qurn::report {
 namespace {
 
-constexpr Dwfl_Callbacks kCallbacks{dwfl_linux_proc_find_elf, dwfl_standard_find_debuginfo,
-                                    dwfl_offline_section_address, nullptr};
+std::string fileNameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 struct Sought {
-  const std::string& symbol;
-  uint64_t address;  // 0 until found
+  const Frame& frame;
+  std::set<uint64_t> addresses;
 };
 
-bool isExported(const GElf_Sym& symbol) {
-  const unsigned binding = GELF_ST_BIND(symbol.st_info);
-  return symbol.st_shndx != SHN_UNDEF && (binding == STB_GLOBAL || binding == STB_WEAK);
+// The section that a report's names come from.
+Elf_Scn* exportsOf(Elf* elf, GElf_Shdr& header) {
+  Elf_Scn* section = nullptr;
+  while ((section = elf_nextscn(elf, section)) != nullptr) {
+    if (gelf_getshdr(section, &header) != nullptr && header.sh_type == SHT_DYNSYM) {
+      return section;
+    }
+  }
+  return nullptr;
 }
 
-// A report's names are those of exported symbols, so a local one of the same name is another.
 int lookInModule(Dwfl_Module* module, void** /*ours*/, const char* /*name*/, Dwarf_Addr /*start*/,
                  void* argument) {
-  auto& sought = *static_cast<Sought*>(argument);
-  const int count = dwfl_module_getsymtab(module);
-  for (int i = 0; i < count; ++i) {
+  auto& [frame, addresses] = *static_cast<Sought*>(argument);
+  GElf_Addr bias = 0;
+  GElf_Shdr header{};
+  Elf* elf = dwfl_module_getelf(module, &bias);
+  Elf_Scn* section = elf == nullptr ? nullptr : exportsOf(elf, header);
+  Elf_Data* data = section == nullptr ? nullptr : elf_getdata(section, nullptr);
+  const size_t count =
+      data == nullptr || header.sh_entsize == 0 ? 0 : data->d_size / header.sh_entsize;
+  for (size_t i = 0; i < count; ++i) {
     GElf_Sym symbol{};
-    GElf_Addr address = 0;
-    const char* name =
-        dwfl_module_getsym_info(module, i, &symbol, &address, nullptr, nullptr, nullptr);
-    if (name != nullptr && sought.symbol == name && isExported(symbol)) {
-      sought.address = address;
-      return DWARF_CB_ABORT;
+    if (gelf_getsym(data, static_cast<int>(i), &symbol) == nullptr ||
+        symbol.st_shndx == SHN_UNDEF || (symbol.st_size != 0 && symbol.st_size < frame.offset)) {
+      continue;
+    }
+    const char* name = elf_strptr(elf, header.sh_link, symbol.st_name);
+    if (name != nullptr && frame.symbol == name) {
+      addresses.insert(symbol.st_value + bias);
     }
   }
   return DWARF_CB_OK;
 }
 
-std::string sourceLineOf(Dwfl_Module* module, uint64_t address) {
-  Dwfl_Line* found = dwfl_module_getsrc(module, address);
-  int line = 0;
-  const char* file =
-      found == nullptr ? nullptr : dwfl_lineinfo(found, nullptr, &line, nullptr, nullptr, nullptr);
-  return file == nullptr ? std::string() : std::string(file) + ":" + std::to_string(line);
-}
-
 }  // namespace
 
-Symbols::Symbols() : session_(dwfl_begin(&kCallbacks), &dwfl_end) {}
+Symbols::Symbols(MemoryMap map, std::string program, Warnings& warnings)
+    : map_(std::move(map)),
+      program_(std::move(program)),
+      warnings_(warnings),
+      session_(
+          [] {
+            static const Dwfl_Callbacks kCallbacks{findElf, dwfl_standard_find_debuginfo,
+                                                   dwfl_offline_section_address, nullptr};
+            return dwfl_begin(&kCallbacks);
+          }(),
+          &dwfl_end) {}
 
-bool Symbols::addProgram(const std::string& path, uint64_t base) {
-  dwfl_report_begin_add(session_.get());
-  const Dwfl_Module* module =
-      dwfl_report_elf(session_.get(), path.c_str(), path.c_str(), -1, base, true);
-  return dwfl_report_end(session_.get(), nullptr, nullptr) == 0 && module != nullptr;
+std::unique_ptr<Symbols> Symbols::ofProgram(const std::string& path, uint64_t base,
+                                            Warnings& warnings) {
+  std::unique_ptr<Symbols> symbols(new Symbols({}, path, warnings));
+  Dwfl* session = symbols->session_.get();
+  const Dwfl_Module* module = dwfl_report_elf(session, path.c_str(), path.c_str(), -1, base, true);
+  const bool isRead = dwfl_report_end(session, nullptr, nullptr) == 0 && module != nullptr;
+  return isRead ? std::move(symbols) : nullptr;
 }
 
-bool Symbols::addMemoryMap(const std::string& path) {
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> map(std::fopen(path.c_str(), "r"),
-                                                            &std::fclose);
-  if (map == nullptr) {
+std::unique_ptr<Symbols> Symbols::ofProcess(const MemoryMap& map, const std::string& program,
+                                            Warnings& warnings) {
+  std::unique_ptr<Symbols> symbols(new Symbols(map, program, warnings));
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(map.path.c_str(), "r"),
+                                                             &std::fclose);
+  Dwfl* session = symbols->session_.get();
+  const int mistake = file == nullptr ? -1 : dwfl_linux_proc_maps_report(session, file.get());
+  if (dwfl_report_end(session, nullptr, nullptr) != 0 || mistake != 0) {
+    return nullptr;
+  }
+  symbols->takeBuildIds();
+  return symbols;
+}
+
+// ---- the right files
+
+void Symbols::takeBuildIds() {
+  const auto take = [](Dwfl_Module* module, void** userData, const char* name, Dwarf_Addr /*start*/,
+                       void* argument) -> int {
+    auto& symbols = *static_cast<Symbols*>(argument);
+    *userData = &symbols;
+    const auto known = symbols.map_.buildIds.find(name);
+    if (known != symbols.map_.buildIds.end()) {
+      const std::string& digits = known->second;
+      std::vector<unsigned char> id(digits.size() / 2);
+      for (size_t i = 0; i < id.size(); ++i) {
+        std::from_chars(&digits[2 * i], &digits[2 * i] + 2, id[i], 16);
+      }
+      dwfl_module_report_build_id(module, id.data(), id.size(), 0);
+    }
+    return DWARF_CB_OK;
+  };
+  dwfl_getmodules(session_.get(), take, this, 0);
+  const auto& ids = map_.buildIds;
+  const std::string id = program_.empty() || ids.empty() ? std::string() : buildIdOf(program_);
+  if (!id.empty() && std::none_of(ids.begin(), ids.end(),
+                                  [&id](const auto& mapped) { return mapped.second == id; })) {
+    warnings_.add(program_ + " is not what the process of " + map_.path + " ran; it is not used");
+  }
+}
+
+// Names from another build would be wrong ones.
+bool Symbols::mayTake(const std::string& path, const std::string& mapped) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
     return false;
   }
-  dwfl_report_begin_add(session_.get());
-  const int mistake = dwfl_linux_proc_maps_report(session_.get(), map.get());
-  return dwfl_report_end(session_.get(), nullptr, nullptr) == 0 && mistake == 0;
-}
-
-uint64_t Symbols::addressOf(const std::string& symbol) const {
-  Sought sought{symbol, 0};
-  dwfl_getmodules(session_.get(), lookInModule, &sought, 0);
-  return sought.address;
-}
-
-void Symbols::explain(Frame& frame, bool caller) const {
-  const uint64_t start = frame.symbol.empty() ? 0 : addressOf(frame.symbol);
-  const uint64_t address = start == 0 ? frame.address : start + frame.offset;
-  // A return address may be the first one behind its function.
-  const uint64_t inside = address - (caller ? 1 : 0);
-  Dwfl_Module* module = address == 0 ? nullptr : dwfl_addrmodule(session_.get(), inside);
-  if (module == nullptr) {
-    return;
+  const auto ran = map_.buildIds.find(mapped);
+  if (ran != map_.buildIds.end()) {
+    const std::string id = buildIdOf(path);
+    if (id != ran->second && path != program_) {
+      warnings_.add(path + " is not what the process of " + map_.path + " ran (build id " +
+                    (id.empty() ? "none" : id) + ", it had " + ran->second +
+                    "); no names are taken from it");
+    }
+    return id == ran->second;
   }
-  frame.sourceLine = sourceLineOf(module, inside);
-  if (frame.symbol.empty()) {
-    GElf_Off offset = 0;
-    GElf_Sym symbol{};
-    const char* name =
-        dwfl_module_addrinfo(module, inside, &offset, &symbol, nullptr, nullptr, nullptr);
-    if (name != nullptr) {
-      frame.symbol = name;
-      frame.offset = offset + (address - inside);
+  if (path != program_ && status.st_ctime > map_.madeAt) {
+    warnings_.add(path + " has changed since " + map_.path +
+                  " was made, and no build ids were kept; no names are taken from it");
+    return false;
+  }
+  return path != program_ || fileNameOf(path) == fileNameOf(mapped);
+}
+
+int Symbols::findElf(Dwfl_Module* module, void** userData, const char* name, Dwarf_Addr base,
+                     char** file, Elf** elf) {
+  auto* symbols = static_cast<Symbols*>(*userData);
+  if (symbols == nullptr || name[0] != '/') {
+    return -1;
+  }
+  const std::string mapped(withoutDeletedMark(name));
+  for (const std::string& path : {symbols->program_, mapped}) {
+    if (!path.empty() && symbols->mayTake(path, name)) {
+      const int found = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+      if (found >= 0) {
+        *file = strdup(path.c_str());
+        return found;
+      }
     }
   }
+  return dwfl_build_id_find_elf(module, userData, name, base, file, elf);
 }
 
-std::string demangled(const std::string& symbol) {
-  const std::unique_ptr<char, decltype(&std::free)> name(
-      abi::__cxa_demangle(symbol.c_str(), nullptr, nullptr, nullptr), &std::free);
-  return name == nullptr ? symbol : name.get();
+// ---- frames
+
+const UnfiledCode* Symbols::unfiledAt(uint64_t address) const {
+  const auto found = std::find_if(
+      map_.unfiled.begin(), map_.unfiled.end(),
+      [address](const UnfiledCode& code) { return address >= code.start && address < code.end; });
+  return found == map_.unfiled.end() ? nullptr : &*found;
+}
+
+bool Symbols::holds(uint64_t address) const {
+  return dwfl_addrmodule(session_.get(), address) != nullptr || unfiledAt(address) != nullptr;
+}
+
+// 0 when no file exports the name, or several do and nobody knows whose it is.
+uint64_t Symbols::addressOf(const Frame& frame) {
+  Sought sought{frame, {}};
+  dwfl_getmodules(session_.get(), lookInModule, &sought, 0);
+  return sought.addresses.size() == 1 ? *sought.addresses.begin() : 0;
+}
+
+const std::vector<Frame>& Symbols::explain(const Frame& frame, bool isCaller) {
+  auto [known, isNew] = explained_.try_emplace((isCaller ? "caller " : "") + frame.text);
+  std::vector<Frame>& frames = known->second;
+  if (!isNew) {
+    return frames;
+  }
+  const uint64_t start = frame.symbol.empty() ? 0 : addressOf(frame);
+  const uint64_t address = start == 0 ? frame.address : start + frame.offset;
+  std::vector<CodeFrame> found;
+  if (address != 0) {
+    explainCode(session_.get(), address, isCaller, found);
+  }
+  if (const UnfiledCode* code = unfiledAt(address); code != nullptr && found.size() == 1) {
+    found.front().module = code->name;
+    found.front().offset = address - code->start;
+  }
+  for (const CodeFrame& code : found) {
+    Frame explained = frame;
+    explained.module = code.module;
+    explained.sourceLine = code.source;
+    explained.isInlined = code.isInlined;
+    if (code.isInlined || frame.symbol.empty()) {
+      explained.symbol = code.function;
+      explained.offset = code.offset;
+    }
+    frames.push_back(explained);
+  }
+  if (frames.empty()) {
+    frames.push_back(frame);
+  }
+  return frames;
 }
 
 }  // namespace qurn::report

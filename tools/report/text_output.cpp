@@ -4,9 +4,9 @@
 #include <string>
 #include <string_view>
 
+#include "../common/code_frame.h"
 #include "output.h"
 #include "printable.h"
-#include "symbols.h"
 
 namespace qurn::report {
 namespace {
@@ -25,6 +25,12 @@ std::string seconds(uint32_t ms) {
   return text.data();
 }
 
+std::string hex(uint64_t number) {
+  std::array<char, 24> text{};
+  std::snprintf(text.data(), text.size(), "0x%llx", static_cast<unsigned long long>(number));
+  return text.data();
+}
+
 std::string padded(std::string text, size_t width) {
   text.resize(std::max(text.size(), width), ' ');
   return text;
@@ -38,10 +44,6 @@ std::string listOf(const std::vector<std::string>& parts) {
     list += (list.empty() ? "" : isLast ? " and " : ", ") + part;
   }
   return list;
-}
-
-std::string nameOf(const Frame& frame) {
-  return frame.symbol.empty() ? frame.text : demangled(frame.symbol);
 }
 
 std::string countsOf(const Counts& counts) {
@@ -156,17 +158,15 @@ class TextWriter {
   void writeTrace(const DeadLoop& loop) {
     size_t index = 0;
     for (const Frame& frame : loop.frames) {
-      std::array<char, 24> offset{};
-      std::snprintf(offset.data(), offset.size(), "+0x%llx",
-                    static_cast<unsigned long long>(frame.offset));
-      out_ << padded("  #" + std::to_string(index++), 6) << " "
+      const std::string number = frame.isInlined ? "" : "#" + std::to_string(index++);
+      const bool hasOffset = !frame.symbol.empty() && frame.offset != 0;
+      out_ << padded("  " + number, 6) << " "
            << (frame.text.empty() ? "?" : printable(nameOf(frame)))
-           << (frame.symbol.empty() || frame.offset == 0 ? "" : offset.data())
-           << (frame.isCut ? "..." : "");
+           << (hasOffset ? "+" + hex(frame.offset) : "") << (frame.isCut ? "..." : "");
       if (!frame.sourceLine.empty()) {
-        out_ << colours_.faint << "  " << frame.sourceLine << colours_.none;
+        out_ << colours_.faint << "  " << printable(frame.sourceLine) << colours_.none;
       }
-      out_ << "\n";
+      out_ << (frame.isInlined ? " (inlined)\n" : "\n");
     }
   }
 
@@ -224,6 +224,13 @@ class CollapsedOutput : public Output {
 };
 
 }  // namespace
+
+std::string nameOf(const Frame& frame) {
+  if (!frame.symbol.empty()) {
+    return demangled(frame.symbol);
+  }
+  return frame.module.empty() ? frame.text : frame.module + "+" + hex(frame.offset);
+}
 
 std::string decisionText(const DeadLoop& loop) {
   const Decision& decision = loop.decision;
