@@ -5,7 +5,9 @@
 #include <string_view>
 
 #include "../common/code_frame.h"
+#include "log_time.h"
 #include "output.h"
+#include "selection.h"
 
 namespace qurn::report {
 namespace {
@@ -70,15 +72,18 @@ std::string fingerprintOf(const DeadLoop& loop) {
   return fingerprint;
 }
 
-LogTime timeOf(const DeadLoop& loop) {
-  return !loop.reportedAt.empty() || loop.silence.empty() ? loop.reportedAt
-                                                          : loop.silence.back().at;
+// Logs are read one after another; a time that cannot be told is as late as it stands.
+bool isBefore(const LogTime& one, const LogTime& other) {
+  const Time now = currentTime();
+  const auto first = timeIn(one, now);
+  const auto second = timeIn(other, now);
+  return first && second && *first < *second;
 }
 
 void addTo(Group& group, const DeadLoop& loop) {
   const LogTime at = timeOf(loop);
-  group.first = group.count == 0 ? at : group.first;
-  group.last = at;
+  group.first = group.count == 0 || isBefore(at, group.first) ? at : group.first;
+  group.last = group.count > 0 && isBefore(at, group.last) ? group.last : at;
   if (group.count == 0 || loop.frames.size() > group.example.frames.size()) {
     group.example = loop;
   }

@@ -1,7 +1,10 @@
 #include "log_text.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
+
+#include "message_search.h"
 
 namespace qurn::report {
 namespace {
@@ -17,10 +20,19 @@ uint64_t lengthIn(std::string_view bytes) {
   return length;
 }
 
+// Of the lines that are no message's for sure, at the block's beginning. Its last line may go on.
+size_t lengthOfOthers(std::string_view block) {
+  const void* end = memrchr(block.data(), '\n', findSign(block, 0));
+  return end == nullptr ? 0 : static_cast<size_t>(static_cast<const char*>(end) - block.data()) + 1;
+}
+
 }  // namespace
 
 void LogText::take(std::string_view block) {
   while (!block.empty()) {
+    if (expected_ == Expected::kLine && kept_.empty()) {
+      block.remove_prefix(lengthOfOthers(block));
+    }
     const size_t length = lengthOfRest(block);
     const std::string_view piece = block.substr(0, length);
     if (kept_.empty() && piece.size() == length) {

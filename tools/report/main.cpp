@@ -1,18 +1,17 @@
 // Prints the dead loops that logs tell of, each as a trace with a timeline of the silence before
 // it.
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <vector>
 
 #include "explainer.h"
+#include "follow.h"
+#include "log_file.h"
+#include "log_files.h"
 #include "log_reader.h"
-#include "log_text.h"
 #include "options.h"
 #include "output.h"
 
@@ -22,7 +21,7 @@ namespace {
 Explainer explainerFor(const Options& options) {
   try {
     return {{options.program, options.base, options.maps, mapDirectoriesBeside(options.logs)},
-            [](const std::string& warning) { std::cerr << "qurn-report: " << warning << "\n"; }};
+            complain};
   } catch (const std::runtime_error& mistake) {
     fail(mistake.what());
   }
@@ -33,41 +32,54 @@ std::unique_ptr<Output> outputFor(const Options& options) {
     return collapsedOutput(std::cout);
   }
   if (options.json) {
-    return options.group ? jsonGroupOutput(std::cout) : jsonOutput(std::cout);
+    return options.group    ? jsonGroupOutput(std::cout)
+           : options.follow ? jsonLineOutput(std::cout)
+                            : jsonOutput(std::cout);
   }
   const bool inColour = isatty(STDOUT_FILENO) == 1;
   return options.group ? textGroupOutput(std::cout, inColour) : textOutput(std::cout, inColour);
 }
 
-void readLog(const std::string& log, LogText& text) {
-  const int file = log == "-" ? STDIN_FILENO : open(log.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file < 0) {
-    fail("cannot read the log " + log);
+// False when some of it could not be read.
+bool readLog(const LogParts& parts, bool isFollowed, LogReader& reader) {
+  bool isWell = true;
+  LogText text(reader);
+  for (const std::string& part : parts) {
+    LogFile file(part, text);
+    if (isFollowed && file.isOpen() && &part == &parts.back()) {
+      follow(file, reader, std::cout);
+    } else {
+      file.readToEnd();
+    }
+    isWell = file.end() && isWell;
   }
-  std::vector<char> block(size_t{256} * 1024);
-  for (ssize_t length = 0;
-       (length = read(file, block.data(), block.size())) > 0 || (length < 0 && errno == EINTR);) {
-    text.take({block.data(), static_cast<size_t>(std::max<ssize_t>(length, 0))});
-  }
-  text.end();
+  reader.finish();
+  return isWell;
 }
 
 int report(const Options& options) {
   Explainer explainer = explainerFor(options);
   const std::unique_ptr<Output> output = outputFor(options);
   int status = kNoneFound;
-  LogReader reader([&](DeadLoop&& loop) {
+  const auto tell = [&](DeadLoop&& loop) {
+    if (!options.selection.has(loop)) {
+      return;
+    }
     explainer.explain(loop);
     output->tell(loop);
     status = kFound;
-  });
-  LogText text(reader);
-  for (const std::string& log : options.logs) {
-    readLog(log, text);
+  };
+  bool isWell = true;
+  const std::vector<LogParts> logs = logsIn(options.logs);
+  for (const LogParts& log : logs) {
+    LogReader reader(tell);
+    isWell = readLog(log, options.follow && &log == &logs.back(), reader) && isWell;
   }
-  reader.finish();
   output->end();
-  return status;
+  if (!std::cout.flush() && !isReaderGone()) {
+    fail("cannot write all of it");
+  }
+  return isWell ? status : kMistake;
 }
 
 }  // namespace

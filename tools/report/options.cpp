@@ -13,12 +13,23 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: qurn-report [OPTIONS] [LOG]...\n"
-    "Prints the dead loops that the LOGs, or standard input, tell of.\n"
+    "Prints the dead loops that the LOGs, or standard input, tell of. A LOG may be a directory of "
+    "logs\n"
+    "and may be packed by gzip or zstd; the parts of one that was rotated are read as one, oldest "
+    "first.\n"
     "\n"
     "  --json          for machines\n"
     "  --group         tell dead loops that are stuck at the same place once, the most frequent "
     "first\n"
     "  --collapsed     stacks and how often each was seen, for flame graphs\n"
+    "  --follow        go on as the last log grows, until interrupted; with --json an object a "
+    "line\n"
+    "  --since TIME    those reported then or later: 2026-11-26, \"2026-11-26 06:59:26\",\n"
+    "                  2026-11-26T06:59:26+01:00, or -90s, -15m, -2h, -7d ago; without a zone a\n"
+    "                  time is this system's (TZ), in logs too\n"
+    "  --until TIME    those reported then or earlier\n"
+    "  --process NAME|PID, --thread NAME|TID\n"
+    "                  those of this one; may be given several times\n"
     "  --program FILE  take source lines, and names for bare addresses, from this program; a\n"
     "                  position-independent one's addresses need its place in memory as well:\n"
     "  --base ADDRESS  where it was loaded\n"
@@ -40,6 +51,14 @@ uint64_t addressIn(const char* text) {
   return address;
 }
 
+Time timeOption(const char* text) {
+  const std::optional<Time> time = timeOrAgeIn(text, currentTime());
+  if (!time) {
+    fail(std::string("no time: ") + text);
+  }
+  return *time;
+}
+
 struct Rule {
   const char* name;
   int argument;
@@ -50,6 +69,18 @@ constexpr std::array kRules{
     Rule{"json", no_argument, [](const char*, Options& options) { options.json = true; }},
     Rule{"group", no_argument, [](const char*, Options& options) { options.group = true; }},
     Rule{"collapsed", no_argument, [](const char*, Options& options) { options.collapsed = true; }},
+    Rule{"follow", no_argument, [](const char*, Options& options) { options.follow = true; }},
+    Rule{"since", required_argument,
+         [](const char* value, Options& options) { options.selection.since = timeOption(value); }},
+    Rule{"until", required_argument,
+         [](const char* value, Options& options) { options.selection.until = timeOption(value); }},
+    Rule{"process", required_argument,
+         [](const char* value, Options& options) {
+           options.selection.processes.emplace_back(value);
+         }},
+    Rule{
+        "thread", required_argument,
+        [](const char* value, Options& options) { options.selection.threads.emplace_back(value); }},
     Rule{"program", required_argument,
          [](const char* value, Options& options) { options.program = value; }},
     Rule{"base", required_argument,
@@ -81,6 +112,9 @@ Options parseOptions(int argc, char** argv) {
   if (options.collapsed && (options.json || options.group)) {
     fail("--collapsed is a form of its own");
   }
+  if (options.follow && (options.group || options.collapsed)) {
+    fail("--follow does not come to the end, where --group and --collapsed are told");
+  }
   options.logs.assign(argv + optind, argv + argc);
   if (options.logs.empty()) {
     options.logs = {"-"};
@@ -88,8 +122,10 @@ Options parseOptions(int argc, char** argv) {
   return options;
 }
 
+void complain(const std::string& why) { std::cerr << "qurn-report: " << why << "\n"; }
+
 void fail(const std::string& why) {
-  std::cerr << "qurn-report: " << why << "\n";
+  complain(why);
   std::exit(kMistake);
 }
 

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "selection.h"
+
 namespace qurn::report {
 
 constexpr int kFound = 0;
@@ -15,6 +17,8 @@ struct Options {
   bool json = false;
   bool group = false;
   bool collapsed = false;
+  bool follow = false;
+  Selection selection;
   std::string program;
   uint64_t base = 0;
   std::string maps;
@@ -24,6 +28,7 @@ struct Options {
 // Ends the program after --help, or a mistake.
 Options parseOptions(int argc, char** argv);
 
+void complain(const std::string& why);
 // Ends the program.
 [[noreturn]] void fail(const std::string& why);
 

@@ -10,7 +10,6 @@ namespace {
 
 constexpr size_t kMostFrames = 64;    // more than the library ever writes
 constexpr size_t kMostSilent = 1000;  // threads of one writer, of which most are soon heard again
-constexpr std::string_view kCutMark = " ... (cut)";
 
 struct Rule {
   std::string_view text;

@@ -12,6 +12,9 @@
 
 namespace qurn::report {
 
+// What stands at the end of a line that the library cut.
+constexpr std::string_view kCutMark = " ... (cut)";
+
 // Whether the text begins as one of the messages that tell of a dead loop.
 bool beginsMessage(std::string_view text);
 
