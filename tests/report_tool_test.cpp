@@ -96,6 +96,53 @@ TEST(Report, TellsWritersApartThatHaveTheSameIds) {
                        "cat mixed.journal.json", "cat mixed.export"});
 }
 
+// Two units in two boots, in a journal that the system's own tools make.
+TEST(Report, ReadsAJournal) {
+  const std::string journal = testing::TempDir() + "journal" + std::to_string(getpid());
+  const auto make = [](const std::string& file, const std::string& pids,
+                       const std::string& change) {
+    return "(cd " GOLDEN "; for pid in " + pids +
+           R"(; do perl -00 -ne "print if /_PID=$pid/" mixed.export; done |
+              perl -00 -pe "s/^_PID=(.*)/_SYSTEMD_UNIT=svc\$1.service\n_TRANSPORT=journal\n\$&/m;
+                s/^_PID=(.*)/qq{_BOOT_ID=\$1} . 0 x 27 . qq{\n__MONOTONIC_TIMESTAMP=1\n\$&}/me;)" +
+           change + R"(" | /lib/systemd/systemd-journal-remote -o )" + file + " - 2>&1)";
+  };
+  ASSERT_EQ(runProgram("mkdir -p " + journal + "/small; " +
+                       make(journal + "/a.journal", "24670 24671", "") + " && " +
+                       make(journal + "/small/a.journal", "24670", ""))
+                .status,
+            0);
+  const std::string read = REPORT "--journal-dir " + journal;
+  const auto same = [&](const std::string& options, const std::string& name) {
+    return Program{"cd " GOLDEN "; " + read + options +
+                       R"(| sed "s/T\(..:..:..\....\)[0-9]*[Z+:0-9]*/ \1/" | diff )" + name +
+                       ".txt -",
+                   0, ""};
+  };
+  // Later ones, with lines that were cut beside fields that were not.
+  const std::string more =
+      R"(s/^(__REALTIME_TIMESTAMP=)(\d+)/\$1 . (\$2 + 3600_000_000)/me;
+         s/^MESSAGE=#(\d) (.*)\.\$/MESSAGE=#\$1 s\nQURN_FRAME_NUMBER=\$1\nQURN_FRAME=\$2/m;
+         s/(timeout\.\()elapsed time = (\d+).*/\$1\nQURN_SILENCE_MS=\$2/)";
+  expectAll({same("", "mixed"),
+             same(" --journal=svc24670", "whole"),
+             same(" --journal=svc24670.service --since 2026-11-26T06:59:26.7Z", "whole"),
+             same(" --boot=-1", "whole"),
+             same(" --boot=24670000000000000000000000000000", "whole"),
+             {read + " --until 2026-11-26T06:59:26.7Z", 1, ""},
+             {read + " --boot=-2", 2, "does not reach back"},
+             {read + " --boot=x", 2, "no boot"},
+             {read + " " GOLDEN "/loop.log", 2, "either the journal"},
+             {REPORT "--journal-dir " GOLDEN, 2, "there is no journal"},
+             {REPORT "--journal-dir /nowhere", 2, "cannot read the journal"},
+             {"(sleep 0.5; " + make(journal + "/small/b.journal", "24671", more) + ") & " + read +
+                  "/small --follow | sed -u /enter_a_loop_with/q",
+              0,
+              "process 24670 ... process 24671 ... silent for 3.2 s ... third threshold, ? ... "
+              "#0   spin_until_rescued+0xf\n ... enter_a_loop_with_a_hook+0x26"}});
+  runProgram("rm -r " + journal);
+}
+
 // Each costs what it held and no more.
 TEST(Report, TellsWhatLostAndCutLinesHeld) {
   expectSame("lost", {R"(for line in "first threshold t" "third threshold t" "is captured" \

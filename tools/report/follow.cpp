@@ -7,6 +7,8 @@
 #include <array>
 #include <csignal>
 
+#include "common/scoped_fd.h"
+
 namespace qurn::report {
 namespace {
 
@@ -26,15 +28,14 @@ ScopedFd endSignals() {
 
 }  // namespace
 
-void follow(LogFile& file, LogReader& reader, std::ostream& out) {
+void follow(const Growing& log, LogReader& reader, std::ostream& out) {
   const ScopedFd signals = endSignals();
   std::array<pollfd, 3> events{{{signals.get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}, {}}};
-  for (unsigned look = 1; file.readWhatIsThere() && out.flush(); ++look) {
-    file.followRotation();
+  for (unsigned look = 1; log.read() && out.flush(); ++look) {
     if (look % kLooksASecond == 0) {
       reader.passTime();
     }
-    events[2] = {file.pipe(), POLLIN, 0};
+    events[2] = {log.descriptor(), POLLIN, 0};
     poll(events.data(), events.size(), kLookMs);
     if (events[0].revents != 0 || events[1].revents != 0) {
       return;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "scanner.h"
 
@@ -14,6 +15,12 @@ namespace {
 
 constexpr std::array<std::string_view, 6> kWriterFields{
     "_BOOT_ID", "_HOSTNAME", "CONTAINER_NAME", "SYSLOG_IDENTIFIER", "_PID", "TID"};
+
+constexpr std::array<std::pair<std::string_view, std::string JournalRecord::*>, 4> kTold{
+    {{"MESSAGE", &JournalRecord::message},
+     {"QURN_SILENCE_MS", &JournalRecord::silenceMs},
+     {"QURN_FRAME_NUMBER", &JournalRecord::frameNumber},
+     {"QURN_FRAME", &JournalRecord::frame}}};
 
 std::string timeOf(std::string_view microseconds) {
   uint64_t number = 0;
@@ -52,10 +59,13 @@ std::string textOf(const nlohmann::json& value) {
 }  // namespace
 
 void JournalRecord::take(std::string_view field, std::string_view value) {
-  if (field == "MESSAGE") {
-    message = value;
-  } else if (field == "__REALTIME_TIMESTAMP") {
+  if (field == "__REALTIME_TIMESTAMP") {
     at = timeOf(value);
+  } else if (const auto* told =
+                 std::find_if(kTold.begin(), kTold.end(),
+                              [field](const auto& known) { return known.first == field; });
+             told != kTold.end()) {
+    this->*told->second = value;
   } else if (std::find(kWriterFields.begin(), kWriterFields.end(), field) != kWriterFields.end()) {
     // Records list their fields in any order.
     const std::string part = std::string(field) + "=" + std::string(value) + "\n";
@@ -65,6 +75,22 @@ void JournalRecord::take(std::string_view field, std::string_view value) {
     }
     writer.insert(place, part);
   }
+}
+
+std::string wholeMessage(const JournalRecord& record) {
+  constexpr std::string_view kBeforeSilence = " threshold timeout.(";
+  const std::string& message = record.message;
+  const std::string frame = "#" + record.frameNumber + " " + record.frame;
+  if (!record.frame.empty() && message.find(frame) == std::string::npos) {
+    return frame + ".";
+  }
+  const size_t before = message.find(kBeforeSilence);
+  const std::string silence = "elapsed time = " + record.silenceMs + ",";
+  if (!record.silenceMs.empty() && before != std::string::npos &&
+      message.find(silence) == std::string::npos) {
+    return message.substr(0, before + kBeforeSilence.size()) + silence;
+  }
+  return message;
 }
 
 bool beginsExportedRecord(std::string_view line) { return line.starts_with("__CURSOR="); }

@@ -20,7 +20,7 @@ class LogReader {
   explicit LogReader(Sink sink) : tellings_(std::move(sink)) {}
 
   void takeLine(std::string_view line);
-  void takeRecord(const JournalRecord& record) { take(record.message, record); }
+  void takeRecord(const JournalRecord& record) { take(wholeMessage(record), record); }
   // Called at regular intervals while more is awaited.
   void passTime() { tellings_.passTime(); }
   void finish() { tellings_.finish(); }

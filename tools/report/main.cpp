@@ -9,6 +9,7 @@
 
 #include "explainer.h"
 #include "follow.h"
+#include "journal.h"
 #include "log_file.h"
 #include "log_files.h"
 #include "log_reader.h"
@@ -20,8 +21,12 @@ namespace {
 
 Explainer explainerFor(const Options& options) {
   try {
-    return {{options.program, options.base, options.maps, mapDirectoriesBeside(options.logs)},
-            complain};
+    std::vector<std::string> directories = mapDirectoriesBeside(options.logs);
+    if (options.journal && !options.journal->unit.empty()) {
+      const std::string& unit = options.journal->unit;
+      directories.push_back("/run/" + unit.substr(0, unit.rfind('.')));
+    }
+    return {{options.program, options.base, options.maps, directories}, complain};
   } catch (const std::runtime_error& mistake) {
     fail(mistake.what());
   }
@@ -47,7 +52,12 @@ bool readLog(const LogParts& parts, bool isFollowed, LogReader& reader) {
   for (const std::string& part : parts) {
     LogFile file(part, text);
     if (isFollowed && file.isOpen() && &part == &parts.back()) {
-      follow(file, reader, std::cout);
+      const auto read = [&file] {
+        const bool isAlive = file.readWhatIsThere();
+        file.followRotation();
+        return isAlive;
+      };
+      follow({read, [&file] { return file.pipe(); }}, reader, std::cout);
     } else {
       file.readToEnd();
     }
@@ -55,6 +65,33 @@ bool readLog(const LogParts& parts, bool isFollowed, LogReader& reader) {
   }
   reader.finish();
   return isWell;
+}
+
+bool readLogs(const Options& options, const Sink& tell) {
+  bool isWell = true;
+  const std::vector<LogParts> logs = logsIn(options.logs);
+  for (const LogParts& log : logs) {
+    LogReader reader(tell);
+    isWell = readLog(log, options.follow && &log == &logs.back(), reader) && isWell;
+  }
+  return isWell;
+}
+
+void readJournal(const Options& options, LogReader& reader) {
+  try {
+    Journal journal(*options.journal, options.selection);
+    const auto read = [&] {
+      journal.read(reader);
+      return true;
+    };
+    read();
+    if (options.follow) {
+      follow({read, [&journal] { return journal.descriptor(); }}, reader, std::cout);
+    }
+    reader.finish();
+  } catch (const std::runtime_error& mistake) {
+    fail(mistake.what());
+  }
 }
 
 int report(const Options& options) {
@@ -70,10 +107,11 @@ int report(const Options& options) {
     status = kFound;
   };
   bool isWell = true;
-  const std::vector<LogParts> logs = logsIn(options.logs);
-  for (const LogParts& log : logs) {
+  if (options.journal) {
     LogReader reader(tell);
-    isWell = readLog(log, options.follow && &log == &logs.back(), reader) && isWell;
+    readJournal(options, reader);
+  } else {
+    isWell = readLogs(options, tell);
   }
   output->end();
   if (!std::cout.flush() && !isReaderGone()) {

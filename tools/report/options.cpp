@@ -30,6 +30,11 @@ constexpr const char* kUsage =
     "  --until TIME    those reported then or earlier\n"
     "  --process NAME|PID, --thread NAME|TID\n"
     "                  those of this one; may be given several times\n"
+    "  --journal[=UNIT]\n"
+    "                  read the system's journal, or what a unit wrote there, of this boot\n"
+    "  --journal-dir DIR\n"
+    "                  read the journal in this directory, of all boots\n"
+    "  --boot[=WHICH]  of the journal's last boot, the one before it (-1), all, or by its id\n"
     "  --program FILE  take source lines, and names for bare addresses, from this program; a\n"
     "                  position-independent one's addresses need its place in memory as well:\n"
     "  --base ADDRESS  where it was loaded\n"
@@ -65,6 +70,10 @@ struct Rule {
   void (*take)(const char* value, Options& options);
 };
 
+JournalChoice& journalOf(Options& options) {
+  return options.journal ? *options.journal : options.journal.emplace();
+}
+
 constexpr std::array kRules{
     Rule{"json", no_argument, [](const char*, Options& options) { options.json = true; }},
     Rule{"group", no_argument, [](const char*, Options& options) { options.group = true; }},
@@ -81,6 +90,16 @@ constexpr std::array kRules{
     Rule{
         "thread", required_argument,
         [](const char* value, Options& options) { options.selection.threads.emplace_back(value); }},
+    Rule{"journal", optional_argument,
+         [](const char* value, Options& options) {
+           journalOf(options).unit = value == nullptr ? "" : value;
+         }},
+    Rule{"journal-dir", required_argument,
+         [](const char* value, Options& options) { journalOf(options).directory = value; }},
+    Rule{"boot", optional_argument,
+         [](const char* value, Options& options) {
+           journalOf(options).boot = value == nullptr ? "0" : value;
+         }},
     Rule{"program", required_argument,
          [](const char* value, Options& options) { options.program = value; }},
     Rule{"base", required_argument,
@@ -116,6 +135,9 @@ Options parseOptions(int argc, char** argv) {
     fail("--follow does not come to the end, where --group and --collapsed are told");
   }
   options.logs.assign(argv + optind, argv + argc);
+  if (options.journal && !options.logs.empty()) {
+    fail("either the journal is read, or logs are");
+  }
   if (options.logs.empty()) {
     options.logs = {"-"};
   }

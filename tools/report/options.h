@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "journal.h"
 #include "selection.h"
 
 namespace qurn::report {
@@ -23,6 +25,7 @@ struct Options {
   uint64_t base = 0;
   std::string maps;
   std::vector<std::string> logs;
+  std::optional<JournalChoice> journal;
 };
 
 // Ends the program after --help, or a mistake.
