@@ -26,12 +26,28 @@ size_t lengthOfOthers(std::string_view block) {
   return end == nullptr ? 0 : static_cast<size_t>(static_cast<const char*>(end) - block.data()) + 1;
 }
 
+// Of the rest of a record, where all of it is in the block, in fields of one line each, and none is
+// a message for sure; else 0.
+size_t lengthOfOtherFields(std::string_view block) {
+  const size_t sign = findSign(block, 0);
+  size_t from = 0;
+  for (size_t end = 0; (end = block.find('\n', from)) < sign; from = end + 1) {
+    if (end == from) {
+      return end + 1;
+    }
+    if (block.substr(from, end - from).find('=') == std::string_view::npos) {
+      return 0;
+    }
+  }
+  return 0;
+}
+
 }  // namespace
 
 void LogText::take(std::string_view block) {
   while (!block.empty()) {
-    if (expected_ == Expected::kLine && kept_.empty()) {
-      block.remove_prefix(lengthOfOthers(block));
+    if (kept_.empty()) {
+      block.remove_prefix(passOver(block));
     }
     const size_t length = lengthOfRest(block);
     const std::string_view piece = block.substr(0, length);
@@ -45,6 +61,22 @@ void LogText::take(std::string_view block) {
     }
     block.remove_prefix(piece.size());
   }
+}
+
+// Most of a log need not be taken apart. How much of the block's beginning that is.
+size_t LogText::passOver(std::string_view block) {
+  if (expected_ == Expected::kLine) {
+    return lengthOfOthers(block);
+  }
+  if (expected_ != Expected::kField || !record_.message.empty()) {
+    return 0;
+  }
+  const size_t length = lengthOfOtherFields(block);
+  if (length > 0) {
+    record_ = {};
+    expected_ = Expected::kLine;
+  }
+  return length;
 }
 
 void LogText::end() {

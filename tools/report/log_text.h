@@ -21,6 +21,7 @@ class LogText {
  private:
   enum class Expected : uint8_t { kLine, kField, kLength, kValue };
 
+  size_t passOver(std::string_view block);
   [[nodiscard]] size_t lengthOfRest(std::string_view block) const;
   void step(std::string_view piece);
   void takeField(std::string_view line);

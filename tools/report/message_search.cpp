@@ -82,7 +82,7 @@ Bytes mayBeginAny(const char* place, std::index_sequence<i...> /*signs*/) {
 bool isNone(const Bytes& found) {
   std::array<uint64_t, sizeof(Bytes) / sizeof(uint64_t)> parts{};
   std::memcpy(parts.data(), &found, sizeof(found));
-  return (parts[0] | parts[1]) == 0;
+  return std::all_of(parts.begin(), parts.end(), [](uint64_t part) { return part == 0; });
 }
 
 }  // namespace
