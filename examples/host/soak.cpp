@@ -1,13 +1,16 @@
 // Many dead loops in one process, each reported and handled by its thread's hook, and what
 // the process holds after the first rounds and after the last.
+#include <poll.h>
 #include <qurnadapt/qurnadapt.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
 #include <iterator>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -33,7 +36,24 @@ uint32_t release(FrameDeadloopHandle* handle, uint64_t /*threadId*/, uint32_t /*
   return 0;
 }
 
-void be_silent_until_handled() {
+// What a thread may be stuck in; the reports tell them apart. Each returns whether nothing came.
+bool sleep_a_while() {
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  return true;
+}
+
+bool poll_a_while() { return poll(nullptr, 0, 20) == 0; }
+
+bool wait_a_while() {
+  std::mutex mutex;
+  std::condition_variable never;
+  std::unique_lock lock(mutex);
+  return never.wait_for(lock, std::chrono::milliseconds(20)) == std::cv_status::timeout;
+}
+
+constexpr std::array<bool (*)(), 3> kWaysToBeStuck{sleep_a_while, poll_a_while, wait_a_while};
+
+void be_silent_until_handled(size_t way) {
   FrameDeadloopHandle self = 0;
   if (Frame_SetHeartbeatToMon(&self, 1, 1, 1) != QURN_OK) {
     return;
@@ -41,7 +61,7 @@ void be_silent_until_handled() {
   g_handled.at(self) = false;
   Frame_RegDeadloopInfoHook(&self, release);
   while (!g_handled.at(self)) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    static_cast<void>(kWaysToBeStuck.at(way)());
   }
   Frame_StopHeartbeatToMon(&self);
 }
@@ -50,8 +70,8 @@ void runRounds(int count) {
   for (int round = 0; round < count; ++round) {
     std::vector<std::thread> threads;
     threads.reserve(kThreads);
-    for (int i = 0; i < kThreads; ++i) {
-      threads.emplace_back(be_silent_until_handled);
+    for (size_t i = 0; i < kThreads; ++i) {
+      threads.emplace_back(be_silent_until_handled, i % kWaysToBeStuck.size());
     }
     for (std::thread& thread : threads) {
       thread.join();

@@ -126,7 +126,7 @@ std::string Journal::bootBefore(int count) {
   sd_journal* journal = journal_.get();
   check(sd_journal_seek_tail(journal), "the journal's end");
   for (; sd_journal_previous(journal) > 0; --count) {
-    const std::string boot(valueOf(journal, kBootField));
+    std::string boot(valueOf(journal, kBootField));
     if (count == 0) {
       return boot;
     }
@@ -149,8 +149,7 @@ std::string Journal::bootBefore(int count) {
 
 void Journal::read(LogReader& reader) {
   sd_journal_process(journal_.get());
-  int more = 0;
-  while ((more = check(sd_journal_next(journal_.get()), "the journal")) > 0) {
+  while (check(sd_journal_next(journal_.get()), "the journal") > 0) {
     uint64_t at = 0;
     if (sd_journal_get_realtime_usec(journal_.get(), &at) < 0 || at > end_) {
       continue;
