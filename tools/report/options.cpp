@@ -26,7 +26,7 @@ constexpr const char* kUsage =
     "line\n"
     "  --since TIME    those reported then or later: 2026-11-26, \"2026-11-26 06:59:26\",\n"
     "                  2026-11-26T06:59:26+01:00, or -90s, -15m, -2h, -7d ago; without a zone a\n"
-    "                  time is this system's (TZ), in logs too\n"
+    "                  time is in UTC, in logs too\n"
     "  --until TIME    those reported then or earlier\n"
     "  --process NAME|PID, --thread NAME|TID\n"
     "                  those of this one; may be given several times\n"
