@@ -13,10 +13,8 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: qurn-report [OPTIONS] [LOG]...\n"
-    "Prints the dead loops that the LOGs, or standard input, tell of. A LOG may be a directory of "
-    "logs\n"
-    "and may be packed by gzip or zstd; the parts of one that was rotated are read as one, oldest "
-    "first.\n"
+    "Prints the dead loops that the LOGs, or standard input, tell of. A LOG may be a directory of\n"
+    "logs, and be packed by gzip or zstd. The parts of one that was rotated are read as one.\n"
     "\n"
     "  --json          for machines\n"
     "  --group         tell dead loops that are stuck at the same place once, the most frequent "
@@ -28,15 +26,19 @@ constexpr const char* kUsage =
     "                  2026-11-26T06:59:26+01:00, or -90s, -15m, -2h, -7d ago; without a zone a\n"
     "                  time is in UTC, in logs too\n"
     "  --until TIME    those reported then or earlier\n"
-    "  --process NAME|PID, --thread NAME|TID\n"
-    "                  those of this one; may be given several times\n"
+    "  --process NAME|PID\n"
+    "                  those in this process; may be given several times\n"
+    "  --thread NAME|TID\n"
+    "                  those of this thread; may be given several times\n"
     "  --program FILE  take source lines, and names for bare addresses, from this program; a\n"
     "                  position-independent one's addresses need its place in memory as well:\n"
     "  --base ADDRESS  where it was loaded\n"
     "  --maps FILE     a copy of /proc/PID/maps, made while the process ran: the same for the\n"
     "                  program and every library in it\n"
     "\n"
-    "Ends with status 0 when there is a dead loop, 1 when there is none, 2 after a mistake.\n";
+    "Ends with status 0 when there is a dead loop, 1 when there is none, 2 after a mistake or "
+    "when\n"
+    "some of a log could not be read; what could be is told.\n";
 
 uint64_t addressIn(const char* text) {
   const char* end = text + strlen(text);
