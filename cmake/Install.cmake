@@ -5,6 +5,14 @@ include(CMakePackageConfigHelpers)
 
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qurnadapt)
 
+# qurn_install_completions(COMPONENT PROGRAM...)
+function(qurn_install_completions component)
+  foreach(program ${ARGN})
+    install(FILES ${PROJECT_SOURCE_DIR}/tools/completion.bash RENAME ${program}
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT ${component})
+  endforeach()
+endfunction()
+
 install(TARGETS qurnadapt EXPORT qurnadaptTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 install(TARGETS tovplatform bexlin EXPORT tovplatformTargets
@@ -16,15 +24,18 @@ install(FILES ${PROJECT_BINARY_DIR}/platform/tovplatform.catalog DESTINATION lib
         COMPONENT platform)
 if(QURN_BUILD_EXAMPLES)
   install(TARGETS qurn_host qurn_guard RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT examples)
-  install(TARGETS legacy_component LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT examples)
+  install(TARGETS legacy_component LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/qurnadapt
+          COMPONENT examples)
   install(FILES examples/host/host.yaml DESTINATION ${CMAKE_INSTALL_DATADIR}/qurnadapt
           COMPONENT examples)
   install(FILES ${PROJECT_BINARY_DIR}/examples/qurn-host.service
                 ${PROJECT_BINARY_DIR}/examples/qurn-host-inspect.service
           DESTINATION lib/systemd/system COMPONENT examples)
+  qurn_install_completions(examples qurn-guard qurn-host)
 endif()
 if(QURN_BUILD_TOOLS)
   install(TARGETS qurn_inspect qurn_report RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  qurn_install_completions(tools qurn-inspect qurn-report)
 endif()
 
 # Two sets of targets, because a host with a real platform does without the stand-in.
@@ -46,27 +57,3 @@ file(RELATIVE_PATH from_pkgconfig_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconf
 configure_file(cmake/qurnadapt.pc.in ${PROJECT_BINARY_DIR}/qurnadapt.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qurnadapt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT development)
-
-# Debian packages, one a component. See scripts/package.
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_CONTACT "The libqurnadapt maintainers <maintainers@qurnadapt.invalid>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Watches the threads of service processes and reports dead loops")
-set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libqurnadapt2)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS libtovplatform)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libqurnadapt-dev)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libqurnadapt2 (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_PLATFORM_PACKAGE_NAME libtovplatform)
-set(CPACK_DEBIAN_PLATFORM_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME qurnadapt-tools)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
-set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME qurnadapt-examples)
-set(CPACK_DEBIAN_EXAMPLES_PACKAGE_DEPENDS "libqurnadapt2 (= ${PROJECT_VERSION}), libtovplatform (= ${PROJECT_VERSION})")
-include(CPack)

@@ -5,6 +5,8 @@
 
 #include "../../tools/report/log_text.h"
 #include "../../tools/report/output.h"
+#include "../../tools/report/selection.h"
+#include "../../tools/report/unpacker.h"
 #include "fuzz_target.h"
 
 // Control characters behind ASCII, as UTF-8 writes them.
@@ -14,17 +16,22 @@ static bool hasControls(const std::string& text) {
          }) != text.end();
 }
 
-// The log as the program would be given it, in blocks of this size.
+// The log, which may be packed, as the program would be given it, in blocks of this size.
 static size_t tell(const std::vector<char>& log, size_t blockSize, qurn::report::Output& output) {
   size_t count = 0;
+  qurn::report::Selection selection;
   qurn::report::LogReader reader([&](qurn::report::DeadLoop&& loop) {
+    selection.since = qurn::report::timeIn(qurn::report::timeOf(loop), {});
+    assert(selection.has(loop));
     output.tell(loop);
     ++count;
   });
   qurn::report::LogText text(reader);
+  qurn::report::Unpacker unpacker([&](std::string_view block) { text.take(block); });
   for (size_t at = 0; at < log.size(); at += blockSize) {
-    text.take({log.data() + at, std::min(blockSize, log.size() - at)});
+    unpacker.take({log.data() + at, std::min(blockSize, log.size() - at)});
   }
+  unpacker.end();
   text.end();
   reader.finish();
   output.end();

@@ -125,7 +125,7 @@ std::vector<LogParts> logsIn(const std::vector<std::string>& paths) {
   for (const std::string& file : files) {
     Part part = partOf(file);
     // Without its log it may as well be a name of its own: of one of several instances.
-    part.log = part.isInner && names.count(part.log) == 0 ? file : part.log;
+    part.log = part.isInner && !names.contains(part.log) ? file : part.log;
     const size_t place = places.try_emplace(part.log, logs.size()).first->second;
     logs.resize(std::max(logs.size(), place + 1));
     logs[place].push_back(std::move(part));

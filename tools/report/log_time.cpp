@@ -67,12 +67,11 @@ bool takeTimeOfDay(Scanner& rest, tm& parts, microseconds& fraction) {
 }
 
 // "Z", "+01:00", "-0100", "+01", or nothing.
-bool takeZone(Scanner& rest, std::optional<std::chrono::minutes>& east) {
+bool takeZone(Scanner& rest, std::chrono::minutes& east) {
   if (rest.text().empty()) {
     return true;
   }
   if (rest.skip("Z")) {
-    east = std::chrono::minutes(0);
     return rest.text().empty();
   }
   const bool isWest = rest.skip("-");
@@ -98,10 +97,8 @@ bool isWithinBounds(const tm& parts) {
          parts.tm_hour < 25 && parts.tm_min < 60 && parts.tm_sec <= 60;
 }
 
-Time pointAt(tm parts, microseconds fraction, const std::optional<std::chrono::minutes>& east) {
-  parts.tm_isdst = -1;
-  const time_t seconds = east ? timegm(&parts) : mktime(&parts);
-  return Time(std::chrono::seconds(seconds)) + fraction - (east ? *east : std::chrono::minutes(0));
+Time pointAt(tm parts, microseconds fraction, std::chrono::minutes east) {
+  return Time(std::chrono::seconds(timegm(&parts))) + fraction - east;
 }
 
 }  // namespace
@@ -110,7 +107,7 @@ std::optional<Time> timeIn(std::string_view text, Time now) {
   Scanner rest(text);
   tm parts{};
   microseconds fraction{0};
-  std::optional<std::chrono::minutes> east;
+  std::chrono::minutes east{0};
   const bool hasYear = takeIsoDate(rest, parts);
   if (!hasYear && !takeMonthAndDay(rest, parts)) {
     return std::nullopt;
@@ -127,7 +124,7 @@ std::optional<Time> timeIn(std::string_view text, Time now) {
   }
   const auto seconds = std::chrono::system_clock::to_time_t(now);
   tm today{};
-  localtime_r(&seconds, &today);
+  gmtime_r(&seconds, &today);
   parts.tm_year = today.tm_year;
   if (pointAt(parts, fraction, east) > now + std::chrono::hours(24)) {
     --parts.tm_year;

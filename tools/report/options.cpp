@@ -13,10 +13,8 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: qurn-report [OPTIONS] [LOG]...\n"
-    "Prints the dead loops that the LOGs, or standard input, tell of. A LOG may be a directory of "
-    "logs\n"
-    "and may be packed by gzip or zstd; the parts of one that was rotated are read as one, oldest "
-    "first.\n"
+    "Prints the dead loops that the LOGs, or standard input, tell of. A LOG may be a directory of\n"
+    "logs, and be packed by gzip or zstd. The parts of one that was rotated are read as one.\n"
     "\n"
     "  --json          for machines\n"
     "  --group         tell dead loops that are stuck at the same place once, the most frequent "
@@ -26,15 +24,17 @@ constexpr const char* kUsage =
     "line\n"
     "  --since TIME    those reported then or later: 2026-11-26, \"2026-11-26 06:59:26\",\n"
     "                  2026-11-26T06:59:26+01:00, or -90s, -15m, -2h, -7d ago; without a zone a\n"
-    "                  time is this system's (TZ), in logs too\n"
+    "                  time is in UTC, in logs too\n"
     "  --until TIME    those reported then or earlier\n"
-    "  --process NAME|PID, --thread NAME|TID\n"
-    "                  those of this one; may be given several times\n"
+    "  --process NAME|PID\n"
+    "                  those in this process; may be given several times\n"
+    "  --thread NAME|TID\n"
+    "                  those of this thread; may be given several times\n"
     "  --journal[=UNIT]\n"
-    "                  read the system's journal, or what a unit wrote there, of this boot\n"
+    "                  read the system's journal of this boot, or what a unit wrote there\n"
     "  --journal-dir DIR\n"
     "                  read the journal in this directory, of all boots\n"
-    "  --boot[=WHICH]  of the journal's last boot, the one before it (-1), all, or by its id\n"
+    "  --boot[=WHICH]  of the journal's last boot, the one before it (-1), all, or one by its id\n"
     "  --program FILE  take source lines, and names for bare addresses, from this program; a\n"
     "                  position-independent one's addresses need its place in memory as well:\n"
     "  --base ADDRESS  where it was loaded\n"
@@ -43,7 +43,9 @@ constexpr const char* kUsage =
     "  --maps DIR      where there is a PID.maps for each process; without it they are sought\n"
     "                  where the logs are, and in $RUNTIME_DIRECTORY\n"
     "\n"
-    "Ends with status 0 when there is a dead loop, 1 when there is none, 2 after a mistake.\n";
+    "Ends with status 0 when there is a dead loop, 1 when there is none, 2 after a mistake or "
+    "when\n"
+    "some of a log could not be read; what could be is told.\n";
 
 uint64_t addressIn(const char* text) {
   const char* end = text + strlen(text);

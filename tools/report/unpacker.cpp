@@ -1,5 +1,6 @@
 #include "unpacker.h"
 
+#define ZLIB_CONST  // what is unpacked stays as it is
 #include <zlib.h>
 #include <zstd.h>
 
@@ -13,36 +14,39 @@ namespace {
 
 constexpr size_t kBlockBytes = size_t{128} * 1024;
 
+struct EndInflate {
+  void operator()(z_stream* stream) const {
+    inflateEnd(stream);
+    delete stream;
+  }
+};
+
 class Gzip : public Archive {
  public:
-  Gzip() {
-    constexpr int kGzipOnly = 16;
-    isReady_ = inflateInit2(&stream_, MAX_WBITS + kGzipOnly) == Z_OK;
-  }
-  ~Gzip() override { inflateEnd(&stream_); }
-
   std::string unpack(std::string_view& packed, const Take& take) override {
     if (!isReady_) {
       return "no memory to unpack it";
     }
     int result = Z_OK;
     do {
-      stream_.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(packed.data()));
-      stream_.avail_in = static_cast<uInt>(packed.size());
-      stream_.next_out = reinterpret_cast<Bytef*>(block_.data());
-      stream_.avail_out = static_cast<uInt>(block_.size());
-      result = inflate(&stream_, Z_NO_FLUSH);
-      packed.remove_prefix(packed.size() - stream_.avail_in);
-      take({block_.data(), block_.size() - stream_.avail_out});
-    } while (result == Z_OK && (!packed.empty() || stream_.avail_out == 0));
+      stream_->next_in = reinterpret_cast<const Bytef*>(packed.data());
+      stream_->avail_in = static_cast<uInt>(packed.size());
+      stream_->next_out = reinterpret_cast<Bytef*>(block_.data());
+      stream_->avail_out = static_cast<uInt>(block_.size());
+      result = inflate(stream_.get(), Z_NO_FLUSH);
+      packed.remove_prefix(packed.size() - stream_->avail_in);
+      take({block_.data(), block_.size() - stream_->avail_out});
+    } while (result == Z_OK && (!packed.empty() || stream_->avail_out == 0));
     isWhole_ = result == Z_STREAM_END;
     const bool isFine = result == Z_OK || result == Z_STREAM_END || result == Z_BUF_ERROR;
-    return isFine ? "" : stream_.msg == nullptr ? "damaged" : stream_.msg;
+    return isFine ? "" : stream_->msg == nullptr ? "damaged" : stream_->msg;
   }
 
  private:
-  z_stream stream_{};
-  bool isReady_ = false;
+  static constexpr int kWithHeader = 16;
+
+  std::unique_ptr<z_stream, EndInflate> stream_{new z_stream{}};
+  bool isReady_ = inflateInit2(stream_.get(), MAX_WBITS + kWithHeader) == Z_OK;
   std::vector<char> block_ = std::vector<char>(kBlockBytes);
 };
 

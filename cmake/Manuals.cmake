@@ -1,0 +1,37 @@
+# Manual pages. A program's options are told by the program itself, and by no second text.
+find_program(HELP2MAN help2man REQUIRED)
+find_program(MD2MAN go-md2man REQUIRED)
+set(manuals ${PROJECT_SOURCE_DIR}/docs/man)
+
+# qurn_manual(PAGE COMMAND...): a page that the command writes to its standard output.
+function(qurn_manual page)
+  cmake_path(GET page EXTENSION LAST_ONLY section)
+  string(SUBSTRING ${section} 1 -1 section)
+  set(file ${PROJECT_BINARY_DIR}/man/${page})
+  cmake_parse_arguments(PARSE_ARGV 1 made "" "" "COMMAND;DEPENDS;COMPONENT")
+  add_custom_command(OUTPUT ${file} COMMAND ${made_COMMAND} > ${file} DEPENDS ${made_DEPENDS} VERBATIM)
+  add_custom_target(manual_${page} ALL DEPENDS ${file})
+  install(FILES ${file} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${made_COMPONENT})
+endfunction()
+
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man)
+foreach(page libqurnadapt.3 qurnadapt.yaml.5)
+  set(component development)
+  if(page MATCHES yaml)
+    set(component platform)
+  endif()
+  qurn_manual(${page} COMMAND ${MD2MAN} -in ${manuals}/${page}.md DEPENDS ${manuals}/${page}.md
+              COMPONENT ${component})
+endforeach()
+foreach(target qurn_report qurn_inspect qurn_guard qurn_host)
+  if(TARGET ${target})
+    string(REPLACE _ - program ${target})
+    set(component examples)
+    if(program MATCHES "report|inspect")
+      set(component tools)
+    endif()
+    qurn_manual(${program}.1 COMMAND ${HELP2MAN} --no-info --version-string=${PROJECT_VERSION}
+                --include=${manuals}/${program}.h2m $<TARGET_FILE:${target}>
+                DEPENDS ${target} ${manuals}/${program}.h2m COMPONENT ${component})
+  endif()
+endforeach()
