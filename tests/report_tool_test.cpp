@@ -328,10 +328,14 @@ TEST(Report, OfARealProcessHasTheSourceOfWhereItWasStuck) {
   expectAll({{REPORT "--json " + kept + "/log", 0,
               R"("threshold": 1 ... "threshold": 2 ... "threshold": 3 ... )" + frame +
                   R"("exit_status": 88)",
-              R"("thread_id": null ... "threshold": 4 ... "module": null)"},
+              R"("thread_id": null ... "threshold": 4 ... "function": null,
+        "module": null)"},
              {REPORT "--json --maps /nowhere/; " REPORT "--json --program " QURN_HOST " <" + kept +
                   "/log",
               0, "cannot read the memory map ... " + frame},
+             {"cp -r " + kept + " " + kept + "0; rm " + kept + "0/*.maps; " + REPORT "--group " +
+                  kept + "0/log " + kept + "/log",
+              0, "2 dead loops"},
              {changed("1", R"(sed -i "/qurn-host/s/^[0-9a-f]*/00ff/" *.build-ids)"), 0,
               R"(qurn-host is not what the process of  ... it had 00ff ... "module": "libc.so.6")",
               "scenarios.cpp"},

@@ -44,31 +44,35 @@ bool isWait(const std::string& name) {
          std::find(beginnings, kWaits.end(), name) != kWaits.end();
 }
 
-// Frames without a name are left out: their addresses differ from process to process. A stack
-// without any name is like no other, and what is stuck is then known by its thread at most.
-std::vector<std::string> namesOf(const DeadLoop& loop) {
-  std::vector<std::string> names;
+// Without any name a stack is like no other, and what is stuck is known by its thread at most.
+std::string namelessFingerprintOf(const DeadLoop& loop) {
+  std::string fingerprint = loop.process + "\n" + loop.thread + "\n";
   for (const Frame& frame : loop.frames) {
-    if (!frame.symbol.empty()) {
-      names.push_back(demangled(frame.symbol));
-    }
+    fingerprint += nameOf(frame) + "\n";
   }
-  if (names.empty()) {
-    names = {loop.process, loop.thread};
-    for (const Frame& frame : loop.frames) {
-      names.push_back(nameOf(frame));
-    }
-  }
-  return names;
+  return fingerprint;
 }
 
+// Frames without a name are left out: their addresses differ from process to process. So are those
+// that the log has no name for where it names the stuck function: not every process's memory map is
+// still there.
 std::string fingerprintOf(const DeadLoop& loop) {
-  const std::vector<std::string> names = namesOf(loop);
-  auto from = std::find_if_not(names.begin(), names.end(), isWait);
-  from = from == names.end() ? names.begin() : from;
+  const std::vector<Frame>& frames = loop.frames;
+  const auto isNamed = [](const Frame& frame) { return !frame.symbol.empty() && !frame.isInlined; };
+  auto stuck = std::find_if(frames.begin(), frames.end(), [&](const Frame& frame) {
+    return isNamed(frame) && !isWait(demangled(frame.symbol));
+  });
+  stuck = stuck == frames.end() ? std::find_if(frames.begin(), frames.end(), isNamed) : stuck;
+  if (stuck == frames.end()) {
+    return namelessFingerprintOf(loop);
+  }
+  const bool isLogged = stuck->address == 0;
   std::string fingerprint;
-  std::for_each(from, names.end(),
-                [&](const std::string& name) { fingerprint.append(name).push_back('\n'); });
+  for (auto frame = stuck; frame != frames.end(); ++frame) {
+    if (!frame->symbol.empty() && (!isLogged || (frame->address == 0 && !frame->isInlined))) {
+      fingerprint += demangled(frame->symbol) + "\n";
+    }
+  }
   return fingerprint;
 }
 
