@@ -23,10 +23,6 @@ LogFile::LogFile(std::string path, LogText& text)
       text_(text),
       unpacker_([&text](std::string_view part) { text.take(part); }),
       block_(kBlockBytes) {
-  open();
-}
-
-void LogFile::open() {
   if (path_ != "-") {
     file_.emplace(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
   }
@@ -47,6 +43,7 @@ bool LogFile::readBlock() {
   } while (length < 0 && errno == EINTR);
   if (length < 0) {
     complain(strerror(errno));
+    isReadable_ = false;
   }
   if (length > 0) {
     unpacker_.take({block_.data(), static_cast<size_t>(length)});
@@ -62,7 +59,7 @@ void LogFile::readToEnd() {
 bool LogFile::readWhatIsThere() {
   if (!isPipe_) {
     readToEnd();
-    return true;
+    return isReadable_;
   }
   pollfd ready{descriptor(), POLLIN, 0};
   while (poll(&ready, 1, 0) == 1) {
@@ -85,11 +82,15 @@ void LogFile::followRotation() {
   }
   // The service goes on with the old file until it opens the new one.
   struct stat current {};
-  if (path_ != "-" && stat(path_.c_str(), &current) == 0 && current.st_size > 0 &&
-      (current.st_ino != ours.st_ino || current.st_dev != ours.st_dev)) {
+  if (path_ == "-" || stat(path_.c_str(), &current) != 0 || current.st_size == 0 ||
+      (current.st_ino == ours.st_ino && current.st_dev == ours.st_dev)) {
+    return;
+  }
+  const int next = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (next >= 0) {
     readToEnd();
     endPart();
-    open();
+    file_.emplace(next);
   }
 }
 

@@ -20,7 +20,7 @@ class LogFile {
 
   [[nodiscard]] bool isOpen() const { return descriptor() >= 0; }
   void readToEnd();
-  // What there is without waiting. False at the end of a pipe.
+  // What there is without waiting. False at the end of a pipe, or when it cannot be read.
   bool readWhatIsThere();
   // Goes on with the file that has taken its place or, where it was truncated, from its start.
   void followRotation();
@@ -33,7 +33,6 @@ class LogFile {
  private:
   [[nodiscard]] int descriptor() const;
   bool readBlock();
-  void open();
   void endPart();
   void complain(const std::string& why);
 
@@ -41,6 +40,7 @@ class LogFile {
   LogText& text_;
   std::optional<ScopedFd> file_;
   bool isPipe_ = false;
+  bool isReadable_ = true;
   bool isWell_ = true;
   Unpacker unpacker_;
   std::vector<char> block_;

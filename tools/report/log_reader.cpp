@@ -9,6 +9,7 @@ namespace qurn::report {
 namespace {
 
 constexpr size_t kMostWriters = 8000;
+constexpr size_t kMostLineBytes = 16384;  // a few times what the library writes
 
 }  // namespace
 
@@ -23,6 +24,7 @@ void LogReader::takeLine(std::string_view line) {
 
 // A service's standard error may be kept in the journal, each line with a prefix of its own.
 void LogReader::take(std::string_view text, const JournalRecord& record) {
+  text = text.substr(0, kMostLineBytes);
   text.remove_suffix(text.ends_with('\r') ? 1 : 0);
   const LogLine line = takeApart(text, beginsMessage);
   if (beginsMessage(line.message)) {
