@@ -29,6 +29,8 @@ class Explainer {
 
   // Throws std::runtime_error when what was asked for cannot be read.
   Explainer(SymbolSources sources, Warn warn);
+  Explainer(const Explainer&) = delete;
+  Explainer& operator=(const Explainer&) = delete;
 
   void explain(DeadLoop& loop);
 
