@@ -60,7 +60,7 @@ std::vector<UnfiledCode> readUnfiledCode(const std::string& path) {
 }  // namespace
 
 bool MemoryMap::isOlderThan(const DeadLoop& loop) const {
-  return !buildIds.empty() && madeAt + kTolerance < timeOf(loop);
+  return isOfReport && madeAt + kTolerance < timeOf(loop);
 }
 
 std::optional<MemoryMap> readMemoryMap(const std::string& path) {
@@ -70,11 +70,12 @@ std::optional<MemoryMap> readMemoryMap(const std::string& path) {
       access(path.c_str(), R_OK) != 0) {
     return std::nullopt;
   }
-  MemoryMap map{path, status.st_mtime, {}, readUnfiledCode(path)};
+  MemoryMap map{path, status.st_mtime, false, {}, readUnfiledCode(path)};
   if (path.ends_with(kEnding)) {
     const std::string ids = path.substr(0, path.size() - kEnding.size()) + ".build-ids";
     // Older ones are another process's, which had the same id.
     if (stat(ids.c_str(), &status) == 0 && status.st_mtime + kTolerance >= map.madeAt) {
+      map.isOfReport = true;
       map.buildIds = readBuildIds(ids);
     }
   }

@@ -23,10 +23,11 @@ struct UnfiledCode {
 struct MemoryMap {
   std::string path;
   time_t madeAt = 0;
-  std::map<std::string, std::string> buildIds;  // by file; none: nobody kept them
+  bool isOfReport = false;                      // made with one, as the platform does
+  std::map<std::string, std::string> buildIds;  // by file
   std::vector<UnfiledCode> unfiled;
 
-  // Those without a time of their own count as not older. A kept map is made with each report.
+  // Where it cannot be told it is not.
   [[nodiscard]] bool isOlderThan(const DeadLoop& loop) const;
 };
 

@@ -138,8 +138,12 @@ bool Symbols::mayTake(const std::string& path, const std::string& mapped) {
     return id == ran->second;
   }
   if (path != program_ && status.st_ctime > map_.madeAt) {
-    warnings_.add(path + " has changed since " + map_.path +
-                  " was made, and no build ids were kept; no names are taken from it");
+    if (!std::exchange(isChangeTold_, true)) {
+      warnings_.add(
+          path + " has changed since " + map_.path +
+          " was made, perhaps others too, and their build ids were not kept; no names are "
+          "taken from such files");
+    }
     return false;
   }
   return path != program_ || fileNameOf(path) == fileNameOf(mapped);

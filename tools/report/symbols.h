@@ -62,6 +62,7 @@ class Symbols {
   MemoryMap map_;
   std::string program_;
   Warnings& warnings_;
+  bool isChangeTold_ = false;
   std::unique_ptr<Dwfl, decltype(&dwfl_end)> session_;
   // Dead loops of one process are often stuck in one place, and each name takes a walk through
   // files.
