@@ -133,7 +133,7 @@ TEST(Report, ReadsWhatWasRotatedAndPackedAsOneLog) {
     mkdir d e f && sed "8q" loop.log | gzip >d/x.log.2.gz && sed "1,8d; 13q" loop.log >d/x.log.1 &&
     sed "1,13d" loop.log >d/x.log && cp d/x.log e && cp d/x.log.1 e/x.log-20261126 &&
     cp d/x.log.2.gz e/x.log-20261125-235959.gz && cp d/x.log f && cp d/x.log.1 f/x.1.log &&
-    gunzip <d/x.log.2.gz >f/x.2.log && cp loop.log f/y.2.log && cp hook.log f/y.3.log
+    gunzip <d/x.log.2.gz >f/x.2.log && sed "5q" loop.log >f/y.3.log && sed "1,5d" loop.log >f/y.2.log
     for logs in d e "d/x.log d/x.log.1 d/x.log.2.gz" loop.log.zst
     do )" REPORT R"($logs | diff whole.txt -; done
     cat d/x.log.2.gz d/x.log.1 d/x.log | )" REPORT R"(| diff whole.txt -
