@@ -87,26 +87,34 @@ Part partOf(const std::string& path) {
   return part;
 }
 
-// The files of a directory by the time of their last change; what is none as it is.
+// The files of a directory, those of a log that was written to later behind others'; what is no
+// directory as it is.
 void addFiles(const std::string& path, std::vector<std::string>& files) {
   std::error_code mistake;
   if (!fs::is_directory(path, mistake)) {
     files.push_back(path);
     return;
   }
-  std::set<std::tuple<fs::file_time_type, std::string>> found;
+  std::map<std::string, fs::file_time_type> written;  // by log
+  std::vector<Part> found;
   for (fs::directory_iterator entry(path, mistake), end; !mistake && entry != end;
        entry.increment(mistake)) {
     std::error_code gone;
     if (entry->is_regular_file(gone) && !entry->path().filename().string().starts_with('.')) {
-      found.emplace(entry->last_write_time(gone), entry->path().string());
+      found.push_back(partOf(entry->path().string()));
+      fs::file_time_type& last =
+          written.try_emplace(found.back().log, fs::file_time_type::min()).first->second;
+      last = std::max(last, entry->last_write_time(gone));
     }
   }
   if (mistake) {
     files.push_back(path);  // which then cannot be read either
   }
-  for (const auto& [time, file] : found) {
-    files.push_back(file);
+  std::sort(found.begin(), found.end(), [&](const Part& one, const Part& other) {
+    return std::tie(written[one.log], one.path) < std::tie(written[other.log], other.path);
+  });
+  for (const Part& part : found) {
+    files.push_back(part.path);
   }
 }
 

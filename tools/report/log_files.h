@@ -11,7 +11,7 @@ using LogParts = std::vector<std::string>;
 
 // Of these files and of those in these directories. `x.log.2.gz`, `x.log-20261126.zst`, `x.1.log`
 // and `x.log` are one log; logs stand in the order of their first files here, those of a directory
-// in the order in which they were last written.
+// in the order in which they were last written to.
 std::vector<LogParts> logsIn(const std::vector<std::string>& paths);
 
 }  // namespace qurn::report
