@@ -105,6 +105,16 @@ TEST(Log, WritesALineAMessageDropsRepeatsAndIsRotated) {
        {"d=$(mktemp -d); TOV_LOG_FILE_BYTES=10000 TOV_LOG_TARGET=file:$d/log " + kLines +
             "; cd $d; find . -size +10000c; echo *; rm -r $d",
         0, "log log.1 log.2 log.3 log.4 log.5\n", "unit ... ./log"},
+       {kLines + " terminal", 0, ""},
+       {"d=$(mktemp); " + kLines + " full 2>$d; cat $d; rm $d", 0,
+        " lines lost: nobody took them)\n ... room again"},
+       {"cd $(mktemp -d); TOV_LOG_TARGET=file:log " + kLines + " full; cat log; echo *; rm -r $PWD",
+        0, " lines lost: nobody took them)\n ... room again\nlog\n"},
+       {"cd $(mktemp -d); TOV_LOG_TARGET=file:log " + kLines +
+            " daemon; cat log; ls | wc -l; rm -r $PWD",
+        0, "0 elsewhere ... before\n ... is captured ... \n3\n"},
+       {"d=$(mktemp -d); mkfifo $d/log; TOV_LOG_TARGET=file:$d/log " + kLines + "; rm -r $d", 0,
+        "logging to standard error\n ... information 1"},
        {"TOV_LOG_TARGET=file:/dev/null/log " + kLines, 0,
         "logging to standard error\n ... information 1"}});
 }
