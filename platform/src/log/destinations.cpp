@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -112,20 +113,33 @@ bool writeToStandardError(const Record& record, int patienceMs) noexcept {
 
 // ---- descriptors of our own
 
-bool OwnFd::isOurs(off_t& length) const noexcept {
-  struct stat is {};
-  const bool isOurs =
-      fd_ >= 0 && fstat(fd_, &is) == 0 && is.st_dev == device_ && is.st_ino == node_;
-  length = is.st_size;
+namespace {
+
+// Its times are not asked for: the next write would have to note its own as exactly, which takes as
+// long as the write.
+bool lookAt(int fd, struct statx& is) noexcept {
+  return fd >= 0 && statx(fd, "", AT_EMPTY_PATH, STATX_INO | STATX_SIZE, &is) == 0;
+}
+
+dev_t deviceOf(const struct statx& is) noexcept {
+  return makedev(is.stx_dev_major, is.stx_dev_minor);
+}
+
+}  // namespace
+
+bool OwnFd::isOurs(uint64_t& length) const noexcept {
+  struct statx is {};
+  const bool isOurs = lookAt(fd_, is) && deviceOf(is) == device_ && is.stx_ino == node_;
+  length = is.stx_size;
   return isOurs;
 }
 
 void OwnFd::set(int fd) noexcept {
-  struct stat is {};
-  fstat(fd, &is);
+  struct statx is {};
+  lookAt(fd, is);
   fd_ = fd;
-  device_ = is.st_dev;
-  node_ = is.st_ino;
+  device_ = deviceOf(is);
+  node_ = is.stx_ino;
 }
 
 // ---- a file
@@ -134,7 +148,7 @@ namespace {
 
 class RotatedFile {
  public:
-  RotatedFile(const std::filesystem::path& path, size_t most) : most_(static_cast<off_t>(most)) {
+  RotatedFile(const std::filesystem::path& path, size_t most) : most_(most) {
     paths_[0] = path;
     for (size_t i = 1; i < paths_.size(); ++i) {
       const std::string name = path.stem().string() + "." + std::to_string(i);
@@ -159,7 +173,7 @@ class RotatedFile {
 
   // False when the whole of it could not be written.
   bool write(std::string_view line) noexcept {
-    if (!makeRoom(std::ssize(line)) || (isTorn_ && ::write(fd_.get(), "\n", 1) != 1)) {
+    if (!makeRoom(line.size()) || (isTorn_ && ::write(fd_.get(), "\n", 1) != 1)) {
       return false;
     }
     const ssize_t written = ::write(fd_.get(), line.data(), line.size());
@@ -170,8 +184,8 @@ class RotatedFile {
  private:
   static constexpr size_t kKept = 5;
 
-  bool makeRoom(ssize_t bytes) noexcept {
-    off_t length = 0;
+  bool makeRoom(size_t bytes) noexcept {
+    uint64_t length = 0;
     if (!fd_.isOurs(length)) {
       return open();
     }
@@ -191,7 +205,7 @@ class RotatedFile {
   }
 
   std::array<std::filesystem::path, 1 + kKept> paths_;  // the newest first
-  off_t most_;
+  size_t most_;
   OwnFd fd_;
   bool isTorn_ = false;  // the last line has no end
 };
@@ -218,7 +232,7 @@ bool writeToFile(const Record& record, int /*patienceMs*/) noexcept {
 // ---- sockets
 
 DatagramSocket::Answer DatagramSocket::send(msghdr message, int patienceMs) noexcept {
-  if (off_t length = 0; !fd_.isOurs(length)) {
+  if (uint64_t length = 0; !fd_.isOurs(length)) {
     fd_.set(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   }
   sockaddr_un address{AF_UNIX, {}};

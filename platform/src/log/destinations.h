@@ -31,14 +31,14 @@ bool writeToSystemLog(const Record& record, int patienceMs) noexcept;
 class OwnFd {
  public:
   // Whether it has one still, and then how long the file is.
-  bool isOurs(off_t& length) const noexcept;
+  bool isOurs(uint64_t& length) const noexcept;
   void set(int fd) noexcept;
   [[nodiscard]] int get() const noexcept { return fd_; }
 
  private:
   int fd_ = -1;
   dev_t device_ = 0;
-  ino_t node_ = 0;
+  uint64_t node_ = 0;
 };
 
 // A socket that takes a datagram a message.

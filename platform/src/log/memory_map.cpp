@@ -143,24 +143,52 @@ void addBuildId(uint64_t start, TextBuilder& id) noexcept {
   }
 }
 
-void writeBuildIds(const char* line, NewFile& file) noexcept {
-  uint64_t start = 0;
-  uint64_t offset = 0;
-  char mayRead = 0;
-  int path = 0;
-  if (std::sscanf(line, "%lx-%*x %c%*s %lx %*s %*s %n", &start, &mayRead, &offset, &path) != 3 ||
-      mayRead != 'r' || offset != 0 || line[path] != '/') {
-    return;
+// Of what may be executed. Data is not touched: its pages may have to come from a file system that
+// hangs, and the thread with it that is reported.
+class BuildIds {
+ public:
+  explicit BuildIds(NewFile& file) noexcept : file_(file) {}
+
+  void take(const char* line) noexcept {
+    uint64_t start = 0;
+    uint64_t offset = 0;
+    uint64_t node = 0;
+    std::array<char, 2> may{};
+    int path = 0;
+    if (std::sscanf(line, "%lx-%*x %c%*c%c%*c %lx %*s %lu %n", &start, may.data(), &may[1], &offset,
+                    &node, &path) != 5 ||
+        line[path] != '/') {
+      return;
+    }
+    if (offset == 0 && may[0] == 'r') {
+      start_ = start;
+      node_ = node;
+    }
+    if (may[1] == 'x' && node == node_) {
+      write(line + path);
+      node_ = kNone;
+    }
   }
-  std::array<char, 4096> bytes;  // NOLINT: filled as far as the text goes
-  TextBuilder text(bytes.data(), bytes.size() - 1);
-  addBuildId(start, text);
-  if (text.length() != 0) {
-    text.add(" ").add(line + path);
-    text.addRoom(1);
-    file.write(text.add("\n").text());
+
+ private:
+  static constexpr uint64_t kNone = ~uint64_t{0};
+
+  void write(const char* path) noexcept {
+    std::array<char, 4096> bytes;  // NOLINT: filled as far as the text goes
+    TextBuilder text(bytes.data(), bytes.size() - 1);
+    addBuildId(start_, text);
+    if (text.length() != 0) {
+      text.add(" ").add(path);
+      text.addRoom(1);
+      file_.write(text.add("\n").text());
+    }
   }
-}
+
+  NewFile& file_;
+  // Where the first bytes of the latest file are, whose other parts follow.
+  uint64_t start_ = 0;
+  uint64_t node_ = kNone;
+};
 
 // ---- the newest few stay
 
@@ -243,8 +271,9 @@ void keepMemoryMap(const std::string& directory) noexcept {
   }
   lseek(maps.get(), 0, SEEK_SET);
   {
-    NewFile ids(target.get(), process.text(), kIdsEnding);
-    forEachLine(maps.get(), [&ids](const char* line) { writeBuildIds(line, ids); });
+    NewFile file(target.get(), process.text(), kIdsEnding);
+    BuildIds ids(file);
+    forEachLine(maps.get(), [&ids](const char* line) { ids.take(line); });
   }
   while (removeOldestBeyondLimit(target.get())) {
   }
