@@ -106,6 +106,7 @@ TEST(Log, WritesALineAMessageDropsRepeatsAndIsRotated) {
             "; cd $d; find . -size +10000c; echo *; rm -r $d",
         0, "log log.1 log.2 log.3 log.4 log.5\n", "unit ... ./log"},
        {kLines + " terminal", 0, ""},
+       {"{ { sleep 0.5; " + kLines + "; echo status $? >&3; } 2>&1 | true; } 3>&1", 0, "status 0"},
        {"d=$(mktemp); " + kLines + " full 2>$d; cat $d; rm $d", 0,
         " lines lost: nobody took them)\n ... room again"},
        {"cd $(mktemp -d); TOV_LOG_TARGET=file:log " + kLines + " full; cat log; echo *; rm -r $PWD",

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/uio.h>
@@ -11,6 +12,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -33,6 +35,31 @@ bool isWritable(int fd, int patienceMs) noexcept {
   return poll(&descriptor, 1, patienceMs) > 0;
 }
 
+// Who read a pipe may have gone, which is no reason to end the process that logs.
+class PipeMayBreak {
+ public:
+  PipeMayBreak() noexcept {
+    sigemptyset(&brokenPipe_);
+    sigaddset(&brokenPipe_, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &brokenPipe_, &before_);
+  }
+  ~PipeMayBreak() {
+    const int error = errno;
+    const timespec noTime{};
+    if (error == EPIPE) {
+      sigtimedwait(&brokenPipe_, nullptr, &noTime);
+    }
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    errno = error;
+  }
+  PipeMayBreak(const PipeMayBreak&) = delete;
+  PipeMayBreak& operator=(const PipeMayBreak&) = delete;
+
+ private:
+  sigset_t brokenPipe_{};
+  sigset_t before_{};
+};
+
 // A terminal with room for a single character counts as writable, and would then keep the line's
 // writer waiting. A descriptor of our own for it may be non-blocking.
 ssize_t writeOnceReady(int fd, std::string_view text) noexcept {
@@ -48,7 +75,9 @@ ssize_t writeOnceReady(int fd, std::string_view text) noexcept {
 // Pipes and terminals are shared with others, whose writes must stay as they are: the descriptor
 // cannot be made non-blocking. A kernel that knows no such write for them is asked first.
 ssize_t writeWithoutWaiting(int fd, std::string_view text) noexcept {
+  const PipeMayBreak pipeMayBreak;
   const iovec part = partOf(text);
+  errno = 0;
   const ssize_t written = pwritev2(fd, &part, 1, -1, RWF_NOWAIT);
   const bool isUnknown = written < 0 && (errno == EOPNOTSUPP || errno == EINVAL || errno == ENOSYS);
   return isUnknown ? writeOnceReady(fd, text) : written;
