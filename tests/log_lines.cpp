@@ -61,7 +61,7 @@ void writeReport() {
   PRINT(LOG_InnerPrint, 100,
         "Frame task deadloop detect, task [%s:%d] trigger third threshold timeout.(elapsed time = "
         "%u, first threshold = %u, second threshold = %u, third threshold = %u)",
-        "my: [worker]", 77, 3003U, 1000U, 2000U, 3000U);
+        "my: [worker:1] trigger ", 77, 3003U, 1000U, 2000U, 3000U);
   PRINT(LOG_InnerPrintUnsuppress, 80, "Signal %d is captured at %s.", 36, "then");
   PRINT(LOG_InnerPrintUnsuppress, 80, "#%u %s.", 0U, "spin+0x10");
   PRINT(LOG_InnerPrint, 100,
