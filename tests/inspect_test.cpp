@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "common/inspection_record.h"
 #include "support/inspected_program.h"
 #include "support/run_program.h"
 
@@ -105,6 +106,12 @@ void expectTruth(const Inspected& program, const std::string& arguments,
   EXPECT_EQ(wrong, "");
 }
 
+std::string debuggersCoreOf(const Inspected& program) {
+  std::string core = program.directory() + "/gcore";
+  runProgram("gdb -nx -batch -p " + program.pid() + " -ex \"gcore " + core + "\"", 300);
+  return core;
+}
+
 class Inspection : public testing::Test {
  protected:
   void SetUp() override {
@@ -144,6 +151,10 @@ TEST_F(Inspection, TellsTheTruthOfAProcessInANamespace) {
   expectTruth(program, program.pid());
   const Json found = inspected("--stacks=all " + program.pid(), 1);
   EXPECT_NE(found["stacks"].dump().find("::joinOne()"), std::string::npos);
+  const std::string core = debuggersCoreOf(program);
+  if (std::filesystem::exists(core)) {  // its ids are those that the debugger sees
+    EXPECT_EQ(inspected(core, 1)["watched"][0]["verdict"], "unknown");
+  }
 }
 
 TEST_F(Inspection, TellsTheTruthOfATracedProcess) {
@@ -190,8 +201,7 @@ void expectTruthOfCore(const Inspected& program, const std::string& core) {
 
 TEST_F(Inspection, TellsTheTruthOfTheDebuggersCore) {
   const Inspected program({"1", "600000"});
-  const std::string core = program.directory() + "/gcore";
-  runProgram("gdb -nx -batch -p " + program.pid() + " -ex \"gcore " + core + "\"", 300);
+  const std::string core = debuggersCoreOf(program);
   if (!std::filesystem::exists(core)) {
     GTEST_SKIP() << "no debugger here, or it may not attach";
   }
@@ -303,6 +313,7 @@ TEST_F(Inspection, EndsWithAStatusAndALine) {
              {kInspect + "4194305", 2, "no process 4194305"},
              {kInspect + "4294967297", 2, "no process 4294967297"},
              {kInspect + calm.pid() + " >/dev/full", 2, "cannot write"},
+             {kInspect + "--watch=0.1 " + calm.pid() + " >/dev/full", 2, "cannot write"},
              {kInspect + "--program /none " + calm.pid(), 2, "cannot read /none"},
              {kInspect + "--at fatal --output /none " + calm.pid(), 2, "cannot write into /none"},
              {asNobody + kInspect + (isRoot ? calm.pid() : "1"), 2, "may not be looked into"},
@@ -321,8 +332,8 @@ TEST_F(Inspection, EndsWithAStatusAndALine) {
 }
 
 // It claims more memory than can be looked through, all of it within one small file.
-TEST_F(Inspection, IsSoonDoneWithAHostileCore) {
-  const std::string core = testing::TempDir() + "hostile-" + std::to_string(getpid());
+std::string hostileCore(const qurn::inspection::Record& record) {
+  std::string core = testing::TempDir() + "hostile-" + std::to_string(getpid());
   std::vector<Elf64_Phdr> parts(60000, {PT_LOAD, PF_W, 0, 0, 0, 1U << 26U, 1U << 26U, 0});
   for (size_t i = 0; i < parts.size(); ++i) {
     parts[i].p_vaddr = i << 12U;
@@ -330,17 +341,33 @@ TEST_F(Inspection, IsSoonDoneWithAHostileCore) {
   Elf64_Ehdr header{};
   std::ifstream("/proc/self/exe").read(reinterpret_cast<char*>(&header), sizeof(header));
   header.e_type = ET_CORE;
-  header.e_phoff = sizeof(header);
+  header.e_phoff = sizeof(header) + sizeof(record);
   header.e_phnum = static_cast<Elf64_Half>(parts.size());
   std::ofstream file(core);
   file.write(reinterpret_cast<const char*>(&header), sizeof(header));
+  file.write(reinterpret_cast<const char*>(&record), sizeof(record));
   file.write(reinterpret_cast<const char*>(parts.data()),
              static_cast<std::streamsize>(parts.size() * sizeof(parts[0])));
   file.close();
   std::filesystem::resize_file(core, size_t{1} << 26U);
-  const Program hostile{kInspect + core, 2, "no libqurnadapt in"};
-  expectOne(hostile, runProgram(hostile.command, 20));
-  std::filesystem::remove(core);
+  return core;
+}
+
+TEST_F(Inspection, RefusesAHostileCoreInTime) {
+  qurn::inspection::Record none{};
+  qurn::inspection::Record later{};
+  later.magic = qurn::inspection::kMagic;
+  later.version = qurn::inspection::kVersion + 1;
+  qurn::inspection::Record damaged = later;
+  damaged.version = qurn::inspection::kVersion;
+  for (const auto& [record, says] : {std::pair{none, "no libqurnadapt in"},
+                                     {later, "has layout 2, known is 1"},
+                                     {damaged, "damaged"}}) {
+    const std::string core = hostileCore(record);
+    const Program hostile{kInspect + core, 2, says};
+    expectOne(hostile, runProgram(hostile.command, 20));
+    std::filesystem::remove(core);
+  }
 }
 
 }  // namespace

@@ -100,7 +100,9 @@ class Judge {
 
   void judge(WatchedThread& thread, bool hasBeaten) const {
     if (!second_.threads.contains(thread.tid)) {
-      decide(thread, Verdict::kEnded, "ended without stopping its heartbeat");
+      snapshot_.process.hasOtherIds
+          ? decide(thread, Verdict::kUnknown, "the core has the ids of another namespace")
+          : decide(thread, Verdict::kEnded, "ended without stopping its heartbeat");
       return;
     }
     const Detail* before = find(first_.details, thread.tid);

@@ -144,6 +144,9 @@ Process readProcess(const Target& target, const Library& library, const timespec
   process.name = target.name();
   process.upMs = target.upMs();
   process.isCore = target.isCore();
+  const auto ownPid =
+      target.get<pid_t>(addressOf(record.process.address) + record.process.pid).value_or(0);
+  process.hasOtherIds = process.isCore && ownPid != 0 && ownPid != process.pid;
   process.library = library.path;
   process.platform = library.platform;
   process.periodMs = target.get<uint32_t>(addressOf(record.detectionPeriod)).value_or(0);

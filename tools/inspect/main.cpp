@@ -89,6 +89,12 @@ Snapshot inspectAll(const Target& target, const Library& library, const Options&
   return snapshot;
 }
 
+void print(const std::string& text) {
+  if (!(std::cout << text << std::flush)) {
+    throw Mistake("cannot write the output");
+  }
+}
+
 void write(std::ostream& out, const Snapshot& snapshot, Form form) {
   form == Form::kJson      ? writeJson(out, snapshot)
   : form == Form::kMetrics ? writeMetrics(out, snapshot)
@@ -104,7 +110,7 @@ int statusOf(const Snapshot& snapshot) {
   for (;;) {
     std::ostringstream text;
     write(text, inspectAll(target, library, options), options.form);
-    std::cout << (isatty(STDOUT_FILENO) == 1 ? "\033[H\033[J" : "") << text.str() << std::flush;
+    print((isatty(STDOUT_FILENO) == 1 ? "\033[H\033[J" : "") + text.str());
     std::this_thread::sleep_for(std::chrono::duration<double>(*options.watchSeconds));
   }
 }
@@ -178,9 +184,7 @@ int run(const Options& options) {
   }
   const Snapshot snapshot = inspectAll(*target, library, options);
   write(std::cout, snapshot, options.form);
-  if (!std::cout.flush()) {
-    throw Mistake("cannot write the output");
-  }
+  print("");
   return statusOf(snapshot);
 }
 
