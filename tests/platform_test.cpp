@@ -139,8 +139,8 @@ TEST(Log, KeepsTheMemoryMapOfAReport) {
             kLines +
             " report 2>/dev/null; done; cd $RUNTIME_DIRECTORY; ls | wc -l; "
             "for id in *.build-ids; do grep -c tovplatform ${id%.build-ids}.maps >/dev/null && "
-            "grep -q \"^$(file -L " LOG_LINES
-            " | grep -o \"sha1.=[0-9a-f]*\" | cut -d= -f2) \" $id && echo same; "
+            "grep -q \"^$(readelf -n " LOG_LINES
+            " | sed -n \"s/.*Build ID: //p\") \" $id && echo same; "
             "sort $id | uniq -d; done | sort | uniq -c; rm -r $RUNTIME_DIRECTORY",
         0, "53\n ... 16 same", "/log_lines"}});
 }
