@@ -131,7 +131,7 @@ TEST_F(SignalCapture, RecordsTheMachineContextWordForWord) {
   // Beyond the context too, whatever stands there.
   EXPECT_EQ(memcmp(g_record->registers, &context.uc_mcontext, 288), 0);
   EXPECT_EQ(memcmp(g_record->stackBytes + 512, &words, 512), 0);
-  for (const uint64_t place : {0, 1, 2, 3}) {
+  for (const uint64_t place : {0U, 1U, 2U, 3U}) {
     EXPECT_EQ(g_record->callStack[place].address, (place + 1) % 4) << "no gaps";
   }
 }

@@ -148,7 +148,17 @@ TEST(Guarded, StopsWhateverItWaitsForAndTakesEvidenceBeforeItKills) {
         silent + "kept ... status 0 ... guard: ended with status 137 ... guard: restart 1 of 1",
         "killed"},
        {silentHost("kill $PPID; sleep 1; echo taken"), 128 + SIGKILL,
-        silent + "taken ... " + killed, never}});
+        silent + "taken ... " + killed, never},
+       // Nobody reads what it tells, for now and for good.
+       {"{ head -c 65536 /dev/zero; " GUARD + shell("kill $PPID; sleep 60") +
+            "; echo status $? >&2; } | { sleep 5; echo late; }",
+        0, "status 143 ... late"},
+       {"{ " GUARD + shell("sleep 1; exit 5") + "; echo status $? >&2; } | true", 0, "status 5"},
+       // Another process's messages stand before the heartbeats that came while it could not read.
+       {GUARD "--watchdog 1.5 " +
+            shell("(sleep 1; kill -STOP $$ $PPID; " HOST "healthy --seconds 1; kill -CONT $$; "
+                  "sleep 2; kill -CONT $PPID) & exec " HOST "healthy --seconds 8"),
+        0, "guard: WATCHDOG=1 ... guard: ended with status 0", "killed"}});
 }
 
 TEST(Guarded, TellsItsDefaultsAndRefusesWhatItCannotFollow) {

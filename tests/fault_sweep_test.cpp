@@ -32,7 +32,7 @@ struct Scenario {
 };
 
 size_t entriesOf(const char* path) {
-  return std::distance(std::filesystem::directory_iterator(path), {});
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(path), {}));
 }
 
 // ---- scenarios

@@ -11,12 +11,14 @@
 #include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <mutex>
 #include <semaphore>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
+#include "common/fork_mutex.h"
 #include "support/in_child.h"
 #include "support/interpose.h"
 
@@ -264,6 +266,20 @@ TEST_F(Fork, FromWithinATableOrTheLogTheChildGoesOn) {
       nbb_create_handle(&g_oldHandle);
     }
     return g_isGood.load();
+  }));
+}
+
+// As of a host that loads the platform late.
+TEST_F(Fork, HandlersThatWereThereFirstMayUseWhatIsHeldForTheFork) {
+  static constinit qurn::ForkMutex mutex;
+  static constexpr auto kUse = [] { const std::lock_guard lock(mutex); };
+  EXPECT_TRUE(inChild([] {
+    pthread_atfork(kUse, kUse, kUse);
+    qurn::holdAcrossFork<[]() -> qurn::ForkMutex& { return mutex; }>();
+    alarm(20);
+    const bool isFreeInChild = inChild([] { return (kUse(), true); });
+    kUse();
+    return isFreeInChild;
   }));
 }
 

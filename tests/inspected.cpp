@@ -1,7 +1,8 @@
-// inspected SECONDS PERIOD_MS [hard|PLACE]: a thread for each way to be stuck, each registered
-// under the name of its place with thresholds of so many seconds; at PLACE the third one is a
-// second, which a hook deals with. Prints the truth, a line each: "NAME TID VERDICT HOLDER", then
-// "ready", and "disturbed" whenever a wait is interrupted.
+// inspected SECONDS PERIOD_MS [hard|mainless|PLACE]: a thread for each way to be stuck, each
+// registered under the name of its place with thresholds of so many seconds; at PLACE the third one
+// is a second, which a hook deals with. Prints the truth, a line each: "NAME TID VERDICT HOLDER",
+// then "ready", and "disturbed" whenever a wait is interrupted; "mainless" ends the main thread
+// then.
 #include <link.h>
 #include <netinet/in.h>
 #include <qurnadapt/qurnadapt.h>
@@ -10,13 +11,16 @@
 #include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/timerfd.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <latch>
 #include <map>
 #include <mutex>
@@ -97,6 +101,11 @@ void pthread_rejoin_free_rwlock_cond() {
   pthread_mutex_timedlock(&g_mutexes[3], &until);
 }
 
+void lockRobustTimed() {
+  const timespec until = tomorrow();
+  pthread_mutex_timedlock(&g_mutexes[5], &until);
+}
+
 void keep() {
   for (pthread_mutex_t& mutex : g_mutexes) {  // NOLINT: by reference
     pthread_mutex_lock(&mutex);
@@ -106,6 +115,9 @@ void keep() {
   g_kept.count_down();
   pthread_once(&g_once, waitForEver);
 }
+
+// On a word that is not private, and waits under another number once it was interrupted.
+void waitForFuture() { std::promise<int>().get_future().wait_for(std::chrono::hours(24)); }
 
 void waitForCondition() {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -178,6 +190,40 @@ void blockSignals() {
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, nullptr);
   waitForEver();
+}
+
+// The looks find it in the kernel, each time on another way through.
+void vforkAndBeat() {
+  FrameDeadloopHandle self = 0;
+  Frame_SetHeartbeatToMon(&self, 1000, 1000, 1000);
+  for (;;) {
+    if (vfork() == 0) {  // NOLINT: what is shown
+      usleep(20'000);    // NOLINT: harms nobody but the parent
+      _exit(0);
+    }
+    wait(nullptr);
+    Frame_SendHeartbeatToMon(&self);
+  }
+}
+
+int64_t threadTimeUs() {
+  timespec time{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return time.tv_sec * 1'000'000 + time.tv_nsec / 1000;
+}
+
+// A quarter of the time, whatever else runs; the looks mostly find it asleep.
+void spinAndSleep() {
+  const sched_param first{.sched_priority = 1};
+  if (sched_setscheduler(0, SCHED_FIFO, &first) != 0) {
+    spin();
+  }
+  for (;;) {
+    const int64_t start = threadTimeUs();
+    while (threadTimeUs() - start < 1000) {
+    }
+    usleep(3000);
+  }
 }
 
 void vforkLong() {
@@ -258,8 +304,11 @@ constexpr Place kPlaces[] = {
     {"joined", "mutex", "joiner", nullptr},
     {"read_written", "rwlock", "keeper", [] { pthread_rwlock_rdlock(&g_written); }},
     {"write_written", "rwlock", "keeper", [] { pthread_rwlock_wrlock(&g_written); }},
+    {"robust_timed", "mutex", "keeper", lockRobustTimed},
     {"write_read", "rwlock", "-", [] { pthread_rwlock_wrlock(&g_read); }},
     {"once", "lock", "-", [] { pthread_once(&g_once, waitForEver); }},
+    {"future", "lock", "-", [] { std::promise<int>().get_future().wait(); }},
+    {"future_timed", "lock", "-", waitForFuture},
     {"condition", "condition", "-", waitForCondition},
     {"semaphore", "semaphore", "-", waitForSemaphore},
     {"pipe", "syscall", "-", readPipe},
@@ -277,9 +326,11 @@ constexpr Place kPlaces[] = {
     {"\033[2J\xFF\"", "syscall", "-", waitForEver},
     // From here on for "hard" only.
     {"vfork", "uninterruptible", "-", vforkLong},
+    {"busy", "loop", "-", spinAndSleep},
+    {"vforking", "working", "-", vforkAndBeat},
     {"starved", "starved", "-", starve},
 };
-constexpr size_t kHard = 2;
+constexpr size_t kHard = 4;
 
 }  // namespace
 
@@ -313,5 +364,8 @@ int main(int argc, char** argv) {
     std::printf("%s %d %s %d\n", name, g_tids[name], verdict, g_tids[holder]);
   }
   std::puts("ready");
+  if (third == "mainless") {
+    syscall(SYS_exit, 0);
+  }
   waitForEver();
 }

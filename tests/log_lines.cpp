@@ -3,8 +3,10 @@
 #include <qurnadapt/platform.h>
 #include <qurnadapt/qurnadapt.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,7 +14,9 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -50,12 +54,14 @@ void writeOdd() {
 }
 
 void writeReport() {
+  // Data, too, may look like a program.
+  mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, open("/proc/self/exe", O_RDONLY | O_CLOEXEC), 0);
   PRINT(LOG_InnerPrint, 40, "information");
   PRINT(LOG_InnerPrint, 80, "warning");
   PRINT(LOG_InnerPrint, 100,
         "Frame task deadloop detect, task [%s:%d] trigger third threshold timeout.(elapsed time = "
         "%u, first threshold = %u, second threshold = %u, third threshold = %u)",
-        "my: [worker]", 77, 3003U, 1000U, 2000U, 3000U);
+        "my: [worker:1] trigger ", 77, 3003U, 1000U, 2000U, 3000U);
   PRINT(LOG_InnerPrintUnsuppress, 80, "Signal %d is captured at %s.", 36, "then");
   PRINT(LOG_InnerPrintUnsuppress, 80, "#%u %s.", 0U, "spin+0x10");
   PRINT(LOG_InnerPrint, 100,
@@ -87,6 +93,53 @@ void writeToTheDeaf() {
   drain();
   PRINT(LOG_InnerPrint, 80, "heard");
   drain();
+}
+
+// A terminal that nobody reads has room for less and less.
+void writeToADeafTerminal() {
+  const int other = posix_openpt(O_RDWR | O_NOCTTY);
+  grantpt(other);
+  unlockpt(other);
+  dup2(open(ptsname(other), O_RDWR | O_NOCTTY), STDERR_FILENO);
+  for (int i = 0; i < 2000; ++i) {
+    PRINT(LOG_InnerPrintUnsuppress, 80, "lost");
+  }
+}
+
+// No file may become longer, as on a full disk, and then it may.
+void writeWithoutRoom() {
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const rlimit small{4000, limit.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small);
+  for (int i = 0; i < 100; ++i) {
+    PRINT(LOG_InnerPrintUnsuppress, 80, "Signal %d is captured at %s.", 36, "then");
+  }
+  setrlimit(RLIMIT_FSIZE, &limit);
+  PRINT(LOG_InnerPrint, 80, "room again");
+}
+
+// Closes all that it does not know, and has something else in its place. Returns one of that.
+int useDescriptorsAnew(int known) {
+  constexpr int kMost = 20;
+  for (int fd = STDERR_FILENO + 1; fd < kMost; ++fd) {
+    if (fd != known) {
+      close(fd);
+    }
+  }
+  const int other = memfd_create("other", 0);
+  while (dup(other) < kMost) {
+  }
+  return other;
+}
+
+void writeAsADaemon() {
+  PRINT(LOG_InnerPrint, 80, "before");
+  static_cast<void>(!chdir("/"));
+  const int other = useDescriptorsAnew(-1);
+  PRINT(LOG_InnerPrintUnsuppress, 80, "Signal %d is captured at %s.", 36, "then");
+  std::printf("%d elsewhere\n", static_cast<int>(lseek(other, 0, SEEK_END)));
 }
 
 // ---- a journal of our own
@@ -128,6 +181,7 @@ int readRecords(int journal, bool isShown) {
 void writeToTheJournal() {
   const int journal = listenAsTheJournal();
   writeReport();
+  useDescriptorsAnew(journal);
   g_nextIsTooLong = true;
   PRINT(LOG_InnerPrint, 40, "large\n");
   readRecords(journal, true);
@@ -153,10 +207,13 @@ INTERPOSE(
 
 int main(int argc, char** argv) {
   const std::string_view what = argc > 1 ? argv[1] : "usual";
-  what == "odd"       ? writeOdd()
-  : what == "report"  ? writeReport()
-  : what == "deaf"    ? writeToTheDeaf()
-  : what == "journal" ? writeToTheJournal()
-                      : writeUsual();
+  what == "odd"        ? writeOdd()
+  : what == "report"   ? writeReport()
+  : what == "deaf"     ? writeToTheDeaf()
+  : what == "terminal" ? writeToADeafTerminal()
+  : what == "full"     ? writeWithoutRoom()
+  : what == "daemon"   ? writeAsADaemon()
+  : what == "journal"  ? writeToTheJournal()
+                       : writeUsual();
   return 0;
 }

@@ -41,7 +41,7 @@ TEST(Register, IsAppendedInColumnsAndStaysInsideADestinationThatIsTooSmall) {
   char text[64] = "";
   FrameRegStrGet(text, sizeof(text), "pstateX", 0xABCDEF);
   EXPECT_STREQ(text, "\nReg:  pstateX0x0000000000abcdef");
-  for (const size_t before : {6, 500'000, static_cast<int>(kLarge) - 35}) {
+  for (const uint32_t before : {6U, 500'000U, kLarge - 35}) {
     std::string longText(before, 'x');
     longText.resize(kLarge);
     FrameRegStrGet(longText.data(), kLarge, "pc", 0x10);

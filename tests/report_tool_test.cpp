@@ -178,7 +178,7 @@ TEST(Report, GroupsDeadLoopsByWhereTheyAreStuck) {
 std::string directoryWithLogs(const std::string& name) {
   const std::string directory = testing::TempDir() + name + std::to_string(getpid());
   runProgram("rm -rf " + directory + "; cp -r " GOLDEN " " + directory);
-  return "cd " + directory + " && ";
+  return "cd " + directory + R"( && trap "rm -rf $PWD" EXIT && )";
 }
 
 TEST(Report, ReadsWhatWasRotatedAndPackedAsOneLog) {

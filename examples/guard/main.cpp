@@ -1,7 +1,6 @@
 // A small service manager: starts one service, takes its notifications, kills it when they stop and
 // restarts it when a restart may help. It speaks the protocol of sd_notify, so what runs under it
-// runs under a real service manager too. One thread; everything arrives through one poll, and each
-// line is one write, so that the service's lines and ours do not mix.
+// runs under a real service manager too. One thread; everything arrives through one poll.
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
@@ -19,6 +18,7 @@
 #include "children.h"
 #include "notify_socket.h"
 #include "options.h"
+#include "output.h"
 
 namespace {
 
@@ -45,7 +45,9 @@ sigset_t blockOurSignals() {
       sigaddset(&set, sig);
     }
   }
-  sigprocmask(SIG_BLOCK, &set, nullptr);
+  sigset_t blocked = set;
+  sigaddset(&blocked, SIGPIPE);  // nobody reads of the service any more, which goes on
+  sigprocmask(SIG_BLOCK, &blocked, nullptr);
   return set;
 }
 
@@ -88,10 +90,7 @@ class Guard {
         {{signals_, POLLIN, 0}, {notifications_.descriptor(), POLLIN, 0}}};
     const auto left = duration_cast<milliseconds>(deadline_ - Clock::now()).count() + 1;
     poll(sources.data(), sources.size(), static_cast<int>(std::clamp<int64_t>(left, 0, 60'000)));
-    // What has arrived counts, however late we come to read it.
-    if ((sources[1].revents & POLLIN) != 0) {
-      takeNotification();
-    }
+    takeNotifications();
     takeSignals();
     takeEnds();
     if (!finished_ && Clock::now() >= deadline_) {
@@ -99,12 +98,21 @@ class Guard {
     }
   }
 
-  void takeNotification() {
-    const std::string text = notifications_.receive(service_);
+  // What has arrived counts, however late we come to read it: a heartbeat may stand behind other
+  // messages. Who sends without an end is not listened to without an end.
+  void takeNotifications() {
+    constexpr int kMostAtOnce = 1'000;
+    std::string text;
+    for (int i = 0; i < kMostAtOnce && notifications_.receive(service_, text); ++i) {
+      takeNotification(text);
+    }
+  }
+
+  void takeNotification(const std::string& text) {
     for (std::string_view rest = text; !rest.empty();) {
       const std::string_view line = rest.substr(0, rest.find('\n'));
       rest.remove_prefix(std::min(rest.size(), line.size() + 1));
-      dprintf(STDOUT_FILENO, "guard: %.*s\n", static_cast<int>(line.size()), line.data());
+      tell("guard: %.*s\n", static_cast<int>(line.size()), line.data());
       ready_ = ready_ || line == "READY=1";
       if (phase_ == &kWatching && ready_ && (line == "READY=1" || line == "WATCHDOG=1")) {
         enter(kWatching, options_.watchdog);
@@ -149,7 +157,7 @@ class Guard {
       status_ = 1;
       return finish();
     }
-    dprintf(STDOUT_FILENO, "guard: started, process %d\n", service_);
+    tell("guard: started, process %d\n", service_);
     enter(kWatching, kStartLimit);
   }
 
@@ -157,8 +165,8 @@ class Guard {
     const Clock::duration life = Clock::now() - started_;
     service_ = -1;
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    dprintf(STDOUT_FILENO, "guard: ended with status %d after %.1f s%s\n", status_, seconds(life),
-            status_ == kDeadLoop ? ": dead loop" : "");
+    tell("guard: ended with status %d after %.1f s%s\n", status_, seconds(life),
+         status_ == kDeadLoop ? ": dead loop" : "");
     // Much as the unit file beside this file has it.
     const bool restartHelps = silent_ || WIFSIGNALED(status) || status_ == kDeadLoop;
     if (stopAsked_ || !restartHelps) {
@@ -176,14 +184,14 @@ class Guard {
     });
     if (std::ssize(restarts_) >= options_.restarts) {
       if (options_.restarts > 0) {
-        dprintf(STDOUT_FILENO, "guard: no restart, the limit is %d within %.1f s\n",
-                options_.restarts, seconds(options_.within));
+        tell("guard: no restart, the limit is %d within %.1f s\n", options_.restarts,
+             seconds(options_.within));
       }
       return finish();
     }
     restarts_.push_back(Clock::now());
-    dprintf(STDOUT_FILENO, "guard: restart %zu of %d in %.1f s\n", restarts_.size(),
-            options_.restarts, seconds(delay_));
+    tell("guard: restart %zu of %d in %.1f s\n", restarts_.size(), options_.restarts,
+         seconds(delay_));
     enter(kPausing, delay_);
     delay_ = std::min(delay_ * 2, std::max(kLongestDelay, options_.delay));
   }
@@ -196,8 +204,7 @@ class Guard {
     silent_ = true;
     condemned_ = Clock::now();
     if (options_.beforeKill != nullptr) {
-      dprintf(STDOUT_FILENO, "guard: no heartbeat for %.1f s, before-kill command runs\n",
-              seconds(silenceLimit()));
+      tell("guard: no heartbeat for %.1f s, before-kill command runs\n", seconds(silenceLimit()));
       command_ = startChild([this] { becomeBeforeKill(options_.beforeKill, service_); });
     }
     if (command_ < 0) {
@@ -207,14 +214,14 @@ class Guard {
   }
 
   void endEvidence(int status) {
-    dprintf(STDOUT_FILENO, "guard: before-kill command ended with status %d\n",
-            WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+    tell("guard: before-kill command ended with status %d\n",
+         WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
     killSilent();
   }
 
   void giveUpEvidence() {
-    dprintf(STDOUT_FILENO, "guard: before-kill command not done after %.1f s, killed\n",
-            seconds(Clock::now() - condemned_));
+    tell("guard: before-kill command not done after %.1f s, killed\n",
+         seconds(Clock::now() - condemned_));
     if (kill(-command_, SIGKILL) != 0) {
       kill(command_, SIGKILL);  // it has not come to have a group of its own
     }
@@ -228,7 +235,7 @@ class Guard {
   void killSilent() {
     command_ = -1;
     if (!hasEnded()) {
-      dprintf(STDOUT_FILENO, "guard: no heartbeat for %.1f s, killed\n", seconds(silenceLimit()));
+      tell("guard: no heartbeat for %.1f s, killed\n", seconds(silenceLimit()));
     }
     killService();
   }
@@ -255,8 +262,7 @@ class Guard {
   }
 
   void killUnstopped() {
-    dprintf(STDOUT_FILENO, "guard: not ended %.1f s after SIGTERM, killed\n",
-            seconds(options_.stopTimeout));
+    tell("guard: not ended %.1f s after SIGTERM, killed\n", seconds(options_.stopTimeout));
     killService();
   }
 

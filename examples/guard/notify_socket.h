@@ -35,21 +35,20 @@ class NotifySocket {
            setsockopt(socket_, SOL_SOCKET, SO_PASSCRED, &yes, sizeof(yes)) == 0;
   }
 
-  // The next message, or nothing when it is from another process than the sender.
-  [[nodiscard]] std::string receive(pid_t sender) const {
-    std::array<char, 4096> text{};
+  // The next message, empty when it is from another process than the sender. False without one.
+  [[nodiscard]] bool receive(pid_t sender, std::string& text) const {
+    std::array<char, 4000> bytes{};  // a line of ours with all of it is not too long
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
-    iovec part{text.data(), text.size()};
+    iovec part{bytes.data(), bytes.size()};
     msghdr message{nullptr, 0, &part, 1, control.data(), control.size(), 0};
     const ssize_t length = recvmsg(socket_, &message, MSG_CMSG_CLOEXEC);
     const cmsghdr* header = CMSG_FIRSTHDR(&message);
-    if (length <= 0 || header == nullptr || header->cmsg_type != SCM_CREDENTIALS) {
-      return {};
-    }
     ucred credentials{};
-    std::memcpy(&credentials, CMSG_DATA(header), sizeof(credentials));
-    return credentials.pid == sender ? std::string(text.data(), static_cast<size_t>(length))
-                                     : std::string();
+    if (length > 0 && header != nullptr && header->cmsg_type == SCM_CREDENTIALS) {
+      std::memcpy(&credentials, CMSG_DATA(header), sizeof(credentials));
+    }
+    text.assign(bytes.data(), credentials.pid == sender ? static_cast<size_t>(length) : 0);
+    return length >= 0;
   }
 
  private:

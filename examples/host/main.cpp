@@ -6,8 +6,10 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -120,9 +122,16 @@ sigset_t blockRequestsToStop() {
   return requests;
 }
 
+// A stop of the process, once it goes on, interrupts the wait.
 void waitForTheEnd(int seconds, const sigset_t& requests) {
-  const timespec most{seconds, 0};
-  sigtimedwait(&requests, nullptr, seconds > 0 ? &most : nullptr);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  int got = 0;
+  do {
+    const auto left =
+        std::chrono::ceil<std::chrono::seconds>(end - std::chrono::steady_clock::now());
+    const timespec most{std::max<time_t>(left.count(), 0), 0};
+    got = sigtimedwait(&requests, nullptr, seconds > 0 ? &most : nullptr);
+  } while (got < 0 && errno == EINTR);
 }
 
 }  // namespace

@@ -38,11 +38,20 @@ class ForkPatience {
 
 class ForkMutex {
  public:
+  // Other handlers of a fork, which were there first, run while ours hold it: it is theirs, too.
   void lock() noexcept {
+    if (isHeldForFork()) {
+      ++nestedLocks_;
+      return;
+    }
     pthread_mutex_lock(&mutex_);
     owner_.store(pthread_self(), std::memory_order_relaxed);
   }
   void unlock() noexcept {
+    if (nestedLocks_ > 0) {
+      --nestedLocks_;
+      return;
+    }
     owner_.store(0, std::memory_order_relaxed);
     pthread_mutex_unlock(&mutex_);
   }
@@ -72,6 +81,7 @@ class ForkMutex {
     pthread_mutex_init(&mutex_, nullptr);
     owner_.store(0, std::memory_order_relaxed);
     forker_ = 0;
+    nestedLocks_ = 0;
     return false;
   }
 
@@ -99,6 +109,7 @@ class ForkMutex {
   // Written by the owner.
   pthread_t forker_ = 0;  // who holds it for a fork
   int nestedForks_ = 0;   // within that one
+  int nestedLocks_ = 0;
 };
 
 // MUTEX is a function that returns one.

@@ -12,6 +12,13 @@ inline constexpr std::size_t kMostHandlerStack = 12288;
 inline constexpr std::size_t kMostHandlerStack = 8192;
 #endif
 
+// A function that a stack shows as it was written.
+#if defined(__clang__)
+#define WHOLE __attribute__((noinline))
+#else
+#define WHOLE __attribute__((noinline, noclone))
+#endif
+
 // Set by the dead-loop hook of the last stuck thread.
 extern std::atomic<bool> g_rescued;
 // A thread is where another one is to be stuck beside it.

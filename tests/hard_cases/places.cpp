@@ -24,7 +24,7 @@
 
 #include "hard_case.h"
 
-#define PLACE extern "C" __attribute__((noinline, noclone))
+#define PLACE extern "C" WHOLE
 
 std::atomic<bool> g_rescued{false};
 extern "C" {
@@ -42,7 +42,7 @@ PLACE void at_spin() {
 PLACE void at_leaf() { at_spin(); }
 
 template <int N>
-__attribute__((noinline, noclone)) void at_level() {
+WHOLE void at_level() {
   if constexpr (N == 1) {
     at_leaf();
   } else {

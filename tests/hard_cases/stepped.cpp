@@ -50,7 +50,7 @@ void onStep(int /*sig*/, siginfo_t* /*info*/, void* context) {
 
 extern "C" {
 
-__attribute__((noinline, noclone)) int at_stepped_callee(const volatile int* numbers) {
+WHOLE int at_stepped_callee(const volatile int* numbers) {
   int sum = 0;
   for (int i = 0; i < 4; ++i) {
     sum += numbers[i];
@@ -59,7 +59,7 @@ __attribute__((noinline, noclone)) int at_stepped_callee(const volatile int* num
 }
 
 // Saves registers, needs room on the stack, and leaves by two ways.
-__attribute__((noinline, noclone)) int at_stepped_function(int one, int two) {
+WHOLE int at_stepped_function(int one, int two) {
   volatile int numbers[16] = {one, two, one * two, one - two};
   if (one > 1) {
     return at_stepped_callee(numbers) * one + at_stepped_callee(numbers + 1) * two;
@@ -72,7 +72,7 @@ __attribute__((noinline, noclone)) int at_stepped_function(int one, int two) {
   asm volatile("lea -128(%%rsp), %%rsp\npushfq\n" OPERATION \
                ", (%%rsp)\npopfq\nlea 128(%%rsp), %%rsp" :: \
                    : "memory", "cc")
-__attribute__((noinline, noclone)) int at_stepping(int one) {
+WHOLE int at_stepping(int one) {
   CHANGE_TRAP_FLAG("orl $0x100");
   const int result = at_stepped_function(one, 3);
   CHANGE_TRAP_FLAG("andl $~0x100");

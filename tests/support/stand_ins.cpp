@@ -204,7 +204,8 @@ bool has(uint32_t level, const std::string& text) {
 }
 
 size_t count(const std::string& part) {
-  return std::ranges::count_if(texts(), [&](const auto& t) { return t.find(part) != t.npos; });
+  return static_cast<size_t>(
+      std::ranges::count_if(texts(), [&](const auto& t) { return t.find(part) != t.npos; }));
 }
 
 size_t sourceLines(const std::string& part) {

@@ -3,16 +3,14 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <libelf.h>
-#include <sys/mman.h>
 #include <sys/procfs.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
-
-#include "common/scoped_fd.h"
 
 namespace qurn::inspect {
 namespace {
@@ -23,48 +21,60 @@ constexpr Elf64_Half kMachine = EM_X86_64;
 constexpr Elf64_Half kMachine = EM_AARCH64;
 #endif
 
-// What lies within the file only.
-template <typename Value>
-bool copyFrom(const char* bytes, size_t size, uint64_t offset, Value& value) {
-  if (offset > size || size - offset < sizeof(value)) {
+// More than the kernel writes of names of files.
+constexpr size_t kMostFileNoteBytes = size_t{64} << 20U;
+
+constexpr uint64_t aligned(uint64_t bytes) { return (bytes + 3) & ~uint64_t{3}; }
+
+// A value in a note's bytes.
+bool copyFrom(const std::string& note, size_t offset, uint64_t& value) {
+  if (offset > note.size() || note.size() - offset < sizeof(value)) {
     return false;
   }
-  memcpy(&value, bytes + offset, sizeof(value));
+  memcpy(&value, note.data() + offset, sizeof(value));
   return true;
 }
 
-constexpr size_t aligned(size_t bytes) { return (bytes + 3) & ~size_t{3}; }
-
 }  // namespace
 
-CoreTarget::CoreTarget(const std::string& path) {
-  const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+CoreTarget::CoreTarget(const std::string& path)
+    : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
   struct stat status {};
-  if (!file.valid() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+  if (!file_.valid() || fstat(file_.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     throw Mistake("cannot read " + path +
-                  (file.valid() ? "" : std::string(": ") + strerror(errno)));
+                  (file_.valid() ? "" : std::string(": ") + strerror(errno)));
   }
-  size_ = static_cast<size_t>(status.st_size);
-  void* mapped =
-      size_ == 0 ? MAP_FAILED : mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, file.get(), 0);
+  size_ = static_cast<uint64_t>(status.st_size);
   Elf64_Ehdr header{};
-  bytes_ = mapped == MAP_FAILED ? nullptr : static_cast<char*>(mapped);
-  if (bytes_ == nullptr || !copyFrom(bytes_, size_, 0, header) ||
-      memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64 ||
-      header.e_ident[EI_DATA] != ELFDATA2LSB || header.e_type != ET_CORE ||
-      header.e_machine != kMachine) {
+  if (!copy(0, size_, header) || memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
+      header.e_ident[EI_CLASS] != ELFCLASS64 || header.e_ident[EI_DATA] != ELFDATA2LSB ||
+      header.e_type != ET_CORE || header.e_machine != kMachine) {
     throw Mistake(path + " is no core of a process of this machine's kind");
   }
+  readParts(header);
+  nameMappings();
+  elf_version(EV_CURRENT);
+  elf_ = elf_begin(file_.get(), ELF_C_READ, nullptr);
+}
+
+CoreTarget::~CoreTarget() { elf_end(elf_); }
+
+bool CoreTarget::copy(uint64_t offset, uint64_t end, void* to, size_t bytes) const {
+  return offset <= end && end - offset >= bytes &&
+         pread(file_.get(), to, bytes, static_cast<off_t>(offset)) == static_cast<ssize_t>(bytes);
+}
+
+void CoreTarget::readParts(const Elf64_Ehdr& header) {
   // More than 65,534 segments are counted in the first section instead.
   uint64_t count = header.e_phnum;
   Elf64_Shdr first{};
-  if (count == PN_XNUM && copyFrom(bytes_, size_, header.e_shoff, first)) {
+  if (count == PN_XNUM && copy(header.e_shoff, size_, first)) {
     count = first.sh_info;
   }
   uint64_t notesLeft = size_;  // none is told twice
   for (uint64_t i = 0; i < count; ++i) {
     Elf64_Phdr part{};
-    if (!copyFrom(bytes_, size_, header.e_phoff + i * sizeof(part), part)) {
+    if (!copy(header.e_phoff + i * sizeof(part), size_, part)) {
       break;
     }
     const uint64_t there =
@@ -74,61 +84,53 @@ CoreTarget::CoreTarget(const std::string& path) {
       mappings_.push_back(
           {part.p_vaddr, part.p_vaddr + part.p_memsz, (part.p_flags & PF_W) != 0, {}});
     } else if (part.p_type == PT_NOTE && there <= notesLeft) {
-      readNotes(bytes_ + (there == 0 ? 0 : part.p_offset), there);
+      readNotes(part.p_offset, part.p_offset + there);
       notesLeft -= there;
     }
   }
-  nameMappings();
-  elf_version(EV_CURRENT);
-  elf_ = elf_memory(bytes_, size_);
 }
 
-CoreTarget::~CoreTarget() {
-  elf_end(elf_);
-  if (bytes_ != nullptr) {
-    munmap(bytes_, size_);
-  }
-}
-
-void CoreTarget::readNotes(const char* notes, size_t bytes) {
-  size_t at = 0;
+void CoreTarget::readNotes(uint64_t at, uint64_t end) {
   Elf64_Nhdr header{};
-  while (copyFrom(notes, bytes, at, header)) {
+  while (copy(at, end, header)) {
     at += sizeof(header) + aligned(header.n_namesz);
-    if (at > bytes || bytes - at < header.n_descsz) {
+    if (at > end || end - at < header.n_descsz) {
       return;
     }
     elf_prstatus status{};
     elf_prpsinfo info{};
-    if (header.n_type == NT_PRSTATUS && copyFrom(notes, bytes, at, status) &&
-        header.n_descsz >= sizeof(status)) {
+    if (header.n_type == NT_PRSTATUS && header.n_descsz >= sizeof(status) &&
+        copy(at, end, status)) {
       KernelRegisters& registers = threads_[status.pr_pid];
       memcpy(&registers, &status.pr_reg, sizeof(registers));
-    } else if (header.n_type == NT_PRPSINFO && copyFrom(notes, bytes, at, info) &&
-               header.n_descsz >= sizeof(info)) {
+    } else if (header.n_type == NT_PRPSINFO && header.n_descsz >= sizeof(info) &&
+               copy(at, end, info)) {
       pid_ = info.pr_pid;
       name_.assign(info.pr_fname, strnlen(info.pr_fname, sizeof(info.pr_fname)));
-    } else if (header.n_type == NT_FILE) {
-      readFileNote(notes + at, header.n_descsz);
+    } else if (header.n_type == NT_FILE && header.n_descsz <= kMostFileNoteBytes) {
+      std::string note(header.n_descsz, '\0');
+      if (copy(at, end, note.data(), note.size())) {
+        readFileNote(note);
+      }
     }
     at += aligned(header.n_descsz);
   }
 }
 
 // Count, page size; per file start, end and offset in pages; then the names.
-void CoreTarget::readFileNote(const char* note, size_t bytes) {
+void CoreTarget::readFileNote(const std::string& note) {
   uint64_t count = 0;
-  if (!copyFrom(note, bytes, 0, count) || count > bytes / 24) {
+  if (!copyFrom(note, 0, count) || count > note.size() / 24) {
     return;
   }
   size_t nameAt = 16 + count * 24;
-  for (uint64_t i = 0; i < count && nameAt < bytes; ++i) {
+  for (uint64_t i = 0; i < count && nameAt < note.size(); ++i) {
     uint64_t start = 0;
     uint64_t end = 0;
-    if (!copyFrom(note, bytes, 16 + i * 24, start) || !copyFrom(note, bytes, 24 + i * 24, end)) {
+    if (!copyFrom(note, 16 + i * 24, start) || !copyFrom(note, 24 + i * 24, end)) {
       return;
     }
-    const std::string name(note + nameAt, strnlen(note + nameAt, bytes - nameAt));
+    const std::string name(note.c_str() + nameAt);
     nameAt += name.size() + 1;
     files_[start] = {end, name};
   }
@@ -157,7 +159,9 @@ bool CoreTarget::read(uint64_t address, void* to, size_t bytes) const {
       return false;
     }
     const size_t piece = std::min<uint64_t>(bytes, segment->second.fileBytes - inside);
-    memcpy(target, bytes_ + segment->second.fileOffset + inside, piece);
+    if (!copy(segment->second.fileOffset + inside, size_, target, piece)) {
+      return false;
+    }
     target += piece;
     address += piece;
     bytes -= piece;

@@ -1,9 +1,12 @@
 // What a process left when it died: a core of the kernel's, or a debugger's.
 #pragma once
 
+#include <elf.h>
+
 #include <map>
 #include <string>
 
+#include "common/scoped_fd.h"
 #include "registers.h"
 #include "target.h"
 
@@ -42,8 +45,15 @@ class CoreTarget final : public Target {
     uint64_t fileOffset;
   };
 
-  void readNotes(const char* notes, size_t bytes);
-  void readFileNote(const char* note, size_t bytes);
+  // What lies within the file, before `end`, only.
+  bool copy(uint64_t offset, uint64_t end, void* to, size_t bytes) const;
+  template <typename Value>
+  bool copy(uint64_t offset, uint64_t end, Value& value) const {
+    return copy(offset, end, &value, sizeof(value));
+  }
+  void readParts(const Elf64_Ehdr& header);
+  void readNotes(uint64_t at, uint64_t end);
+  void readFileNote(const std::string& note);
   void nameMappings();
 
   std::map<uint64_t, Segment> segments_;  // by their start
@@ -52,8 +62,9 @@ class CoreTarget final : public Target {
   std::map<pid_t, KernelRegisters> threads_;
   pid_t pid_ = 0;
   std::string name_;
-  char* bytes_ = nullptr;  // the whole file
-  size_t size_ = 0;
+  // Never mapped: the file may be cut off while it is read.
+  ScopedFd file_;
+  uint64_t size_ = 0;
   Elf* elf_ = nullptr;
 };
 

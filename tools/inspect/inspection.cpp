@@ -100,7 +100,9 @@ class Judge {
 
   void judge(WatchedThread& thread, bool hasBeaten) const {
     if (!second_.threads.contains(thread.tid)) {
-      decide(thread, Verdict::kEnded, "ended without stopping its heartbeat");
+      snapshot_.process.hasOtherIds
+          ? decide(thread, Verdict::kUnknown, "the core has the ids of another namespace")
+          : decide(thread, Verdict::kEnded, "ended without stopping its heartbeat");
       return;
     }
     const Detail* before = find(first_.details, thread.tid);
@@ -108,7 +110,9 @@ class Judge {
     if (after != nullptr) {
       thread.blocksSignal = ((after->blocked >> static_cast<unsigned>(SIGRTMIN + 1)) & 1U) != 0;
     }
-    if (!judgeByState(thread, before, after)) {
+    const bool isStuckInKernel =
+        !hasBeaten && before != nullptr && before->state == 'D' && after != nullptr;
+    if (!judgeByState(thread, after, isStuckInKernel)) {
       hasBeaten ? decide(thread, Verdict::kWorking, "has just sent a heartbeat")
                 : judgeByWait(thread, before, after);
     }
@@ -120,14 +124,14 @@ class Judge {
     thread.why = std::move(why);
   }
 
-  bool judgeByState(WatchedThread& thread, const Detail* before, const Detail* after) const {
+  bool judgeByState(WatchedThread& thread, const Detail* after, bool isStuckInKernel) const {
     const char state = after == nullptr ? '?' : after->state;
     if (state == 't') {
       decide(thread, Verdict::kTraced,
              "stopped by its tracer, process " + std::to_string(after->tracer));
     } else if (state == 'T') {
       decide(thread, Verdict::kStopped, "stopped by a signal" + alsoWaits(thread.tid));
-    } else if (state == 'D' && before != nullptr && before->state == 'D') {
+    } else if (state == 'D' && isStuckInKernel) {
       decide(thread, Verdict::kUninterruptible,
              "does not return from the kernel, in " +
                  (after->kernelPlace.empty() ? "an unknown place" : after->kernelPlace));
@@ -144,20 +148,22 @@ class Judge {
     return wait == nullptr ? "" : "; " + wordsFor(*wait);
   }
 
-  // Whether it waits the same in both looks makes it a wait; else it comes and goes.
+  // Whether it waits the same in both looks, and hardly ran between, makes it a wait; else it comes
+  // and goes.
   void judgeByWait(WatchedThread& thread, const Detail* before, const Detail* after) const {
     const Wait* wait = find(second_.waits, thread.tid);
     const Wait* earlier = find(first_.waits, thread.tid);
-    if (wait != nullptr && earlier != nullptr && *wait == *earlier) {
+    const bool isTold = before != nullptr && after != nullptr;
+    const int64_t ran = isTold ? static_cast<int64_t>(after->runNs - before->runNs) : 0;
+    if (wait != nullptr && earlier != nullptr && *wait == *earlier && ran <= betweenNs_ / 10) {
       thread.holder = wait->holder;
       decide(thread, wait->kind, wordsFor(*wait));
       return;
     }
-    if (before == nullptr || after == nullptr || betweenNs_ == 0) {
+    if (!isTold || betweenNs_ == 0) {
       decide(thread, Verdict::kUnknown, "takes a second look");
       return;
     }
-    const auto ran = static_cast<int64_t>(after->runNs - before->runNs);
     const auto kept = static_cast<int64_t>(after->delayNs - before->delayNs);
     // The delay is only counted once it is over.
     const bool neverSlept =
@@ -250,9 +256,9 @@ Snapshot inspect(const Target& target, const Library& library, const NameOfCode&
   const auto between =
       target.isCore() ? std::chrono::nanoseconds{} : std::chrono::steady_clock::now() - start;
   // Else nobody would seem to be watched.
-  if (!target.get<char>(reinterpret_cast<uint64_t>(library.record.monitor.address))) {
+  if (!isThere(target, library)) {
     throw Mistake(target.isCore() ? "the watch is not in the core, which may be cut off"
-                                  : "the process has ended meanwhile");
+                                  : "the process has ended meanwhile, or runs another program");
   }
 
   Snapshot snapshot;

@@ -12,8 +12,10 @@ namespace {
 
 using inspection::Record;
 
-// More than the library has, in case it is made from a bigger one.
+// More than the library has, in case it is made from a bigger one; and of all mappings together, of
+// which a core may claim any number.
 constexpr uint64_t kMostScannedBytes = uint64_t{64} << 20U;
+constexpr uint64_t kMostScannedInAll = uint64_t{1} << 30U;
 constexpr uint32_t kMostNodes = 4096;
 
 uint64_t addressOf(const void* pointer) { return reinterpret_cast<uint64_t>(pointer); }
@@ -28,12 +30,12 @@ bool mayHaveRecord(const Target& target, const Mapping& mapping) {
 }
 
 // Looks through a piece of the process's memory, page by page, for the record's first bytes.
-std::optional<Record> recordIn(const Target& target, const Mapping& mapping) {
+std::optional<Record> recordIn(const Target& target, const Mapping& mapping, uint64_t most) {
   constexpr size_t kPage = 4096;
   std::array<char, kPage + sizeof(Record)> page;  // NOLINT: filled by read
-  const uint64_t end = std::min(mapping.end, mapping.start + kMostScannedBytes);
-  for (uint64_t at = mapping.start; at + kPage <= end; at += kPage) {
-    const bool hasNext = at + page.size() <= end;
+  const uint64_t end = mapping.start + most;
+  for (uint64_t at = mapping.start; end - at >= kPage; at += kPage) {
+    const bool hasNext = end - at >= page.size();
     const size_t bytes = hasNext ? page.size() : kPage;
     if (!target.read(at, page.data(), bytes)) {
       continue;
@@ -114,11 +116,14 @@ Library findLibrary(const Target& target) {
   // Where it most probably is first; it may also be linked into something else.
   std::stable_partition(mappings.begin(), mappings.end(),
                         [](const Mapping& one) { return isLibrary(one.path); });
+  uint64_t left = kMostScannedInAll;
   for (const Mapping& mapping : mappings) {
     if (!mayHaveRecord(target, mapping)) {
       continue;
     }
-    if (const std::optional<Record> record = recordIn(target, mapping)) {
+    const uint64_t most = std::min({left, kMostScannedBytes, mapping.end - mapping.start});
+    left -= most;
+    if (const std::optional<Record> record = recordIn(target, mapping, most)) {
       expectKnownLayout(*record);
       library.record = *record;
       library.path = mapping.path;
@@ -128,6 +133,10 @@ Library findLibrary(const Target& target) {
   throw Mistake("no libqurnadapt in the process");
 }
 
+bool isThere(const Target& target, const Library& library) {
+  return target.get<char>(addressOf(library.record.monitor.address)).has_value();
+}
+
 Process readProcess(const Target& target, const Library& library, const timespec& now) {
   const Record& record = library.record;
   Process process;
@@ -135,6 +144,9 @@ Process readProcess(const Target& target, const Library& library, const timespec
   process.name = target.name();
   process.upMs = target.upMs();
   process.isCore = target.isCore();
+  const auto ownPid =
+      target.get<pid_t>(addressOf(record.process.address) + record.process.pid).value_or(0);
+  process.hasOtherIds = process.isCore && ownPid != 0 && ownPid != process.pid;
   process.library = library.path;
   process.platform = library.platform;
   process.periodMs = target.get<uint32_t>(addressOf(record.detectionPeriod)).value_or(0);

@@ -20,6 +20,9 @@ struct Library {
 // Throws Mistake when there is none, or one of a layout that is not known.
 Library findLibrary(const Target& target);
 
+// Not any more when the process has ended or runs another program, nor in a core that is cut off.
+bool isThere(const Target& target, const Library& library);
+
 // What a thread's heartbeat leaves, besides what the outputs show.
 struct Beat {
   WatchedThread thread;

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -56,21 +55,54 @@ std::string valueIn(const std::string& text, const std::string& key) {
                                    : text.substr(from, text.find('\n', from) - from);
 }
 
-}  // namespace
+std::string inProc(pid_t id) { return "/proc/" + std::to_string(id); }
 
-LiveTarget::LiveTarget(pid_t pid)
-    : pid_(pid),
-      process_(open(("/proc/" + std::to_string(pid)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
-      tasks_(openat(process_.get(), "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-  if (!tasks_.valid()) {
-    throw Mistake("no process " + std::to_string(pid));
-  }
-  const ScopedFd maps(openat(process_.get(), "maps", O_RDONLY | O_CLOEXEC));
-  if (!maps.valid()) {
+// Which a thread's id leads to as well.
+pid_t processOf(pid_t id) {
+  const std::string of = valueIn(readAt(AT_FDCWD, (inProc(id) + "/status").c_str()), "Tgid");
+  return of.empty() ? id : static_cast<pid_t>(std::atol(of.c_str()));
+}
+
+void expectAllowed(bool isOpen, pid_t pid) {
+  if (!isOpen && (errno == EACCES || errno == EPERM)) {
     throw Mistake("process " + std::to_string(pid) + " may not be looked into: " + strerror(errno) +
                   " (its user, or CAP_SYS_PTRACE, is needed)");
   }
-  isInNamespace_ = valueIn(textOf("status"), "NSpid").find('\t') != std::string::npos;
+}
+
+}  // namespace
+
+LiveTarget::LiveTarget(pid_t pid)
+    : pid_(processOf(pid)),
+      process_(open(inProc(pid_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+      tasks_(openat(process_.get(), "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+      isInNamespace_(valueIn(textOf("status"), "NSpid").find('\t') != std::string::npos),
+      living_(findLivingThread()),
+      home_(openat(tasks_.get(), std::to_string(living_).c_str(),
+                   O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+      memory_(openat(home_.get(), "mem", O_RDONLY | O_CLOEXEC)) {
+  expectAllowed(memory_.valid(), pid_);
+}
+
+pid_t LiveTarget::findLivingThread() const {
+  if (!tasks_.valid()) {
+    throw Mistake("no process " + std::to_string(pid_));
+  }
+  const auto hasMemory = [this](pid_t tid) {
+    const std::string path = std::to_string(tid) + "/maps";
+    const ScopedFd maps(openat(tasks_.get(), path.c_str(), O_RDONLY | O_CLOEXEC));
+    expectAllowed(maps.valid(), pid_);
+    return maps.valid() && !readPiece(maps.get()).empty();
+  };
+  if (hasMemory(pid_)) {
+    return pid_;  // it takes a while to find the others
+  }
+  for (const pid_t tid : threads()) {
+    if (hasMemory(idSeenFromHere(tid))) {
+      return idSeenFromHere(tid);
+    }
+  }
+  throw Mistake("process " + std::to_string(pid_) + " has ended, or is the kernel's");
 }
 
 std::string LiveTarget::textOf(const std::string& file) const {
@@ -84,14 +116,13 @@ std::string LiveTarget::textOf(pid_t tid, const char* file) const {
 }
 
 bool LiveTarget::read(uint64_t address, void* to, size_t bytes) const {
-  const iovec here{to, bytes};
-  const iovec there{reinterpret_cast<void*>(address), bytes};
-  return process_vm_readv(pid_, &here, 1, &there, 1, 0) == static_cast<ssize_t>(bytes);
+  return pread(memory_.get(), to, bytes, static_cast<off_t>(address)) ==
+         static_cast<ssize_t>(bytes);
 }
 
 std::vector<Mapping> LiveTarget::mappings() const {
   std::vector<Mapping> all;
-  std::istringstream lines(textOf("maps"));
+  std::istringstream lines(readAt(home_.get(), "maps"));
   for (std::string line; std::getline(lines, line);) {
     Mapping mapping;
     char mayWrite = '-';
@@ -182,7 +213,7 @@ std::optional<Detail> LiveTarget::detailOf(pid_t tid) const {
 std::string LiveTarget::descriptor(int fd) const {
   std::array<char, 4096> target{};
   const std::string link = "fd/" + std::to_string(fd);
-  const ssize_t length = readlinkat(process_.get(), link.c_str(), target.data(), target.size() - 1);
+  const ssize_t length = readlinkat(home_.get(), link.c_str(), target.data(), target.size() - 1);
   return length <= 0 ? "closed" : std::string(target.data(), static_cast<size_t>(length));
 }
 

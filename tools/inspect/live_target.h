@@ -27,18 +27,23 @@ class LiveTarget final : public Target {
   std::optional<timespec> now() const override;
   int64_t upMs() const override;
   pid_t idSeenFromHere(pid_t tid) const override;
+  pid_t livingThread() const override { return living_; }
 
  private:
+  pid_t findLivingThread() const;
   // The file's text, empty where it cannot be read.
   std::string textOf(const std::string& file) const;
   std::string textOf(pid_t tid, const char* file) const;
 
-  pid_t pid_;
-  bool isInNamespace_ = false;  // of process ids
   // Thread ids that we see, by those that the process sees itself, where these are others.
   mutable std::map<pid_t, pid_t> idsSeenFromHere_;
+  pid_t pid_;
   ScopedFd process_;  // its directory in /proc, which stays that process's
   ScopedFd tasks_;
+  bool isInNamespace_;  // of process ids
+  pid_t living_;        // as seen from here
+  ScopedFd home_;       // its directory
+  ScopedFd memory_;     // which stays that program's, whoever gets the id
 };
 
 }  // namespace qurn::inspect

@@ -1,15 +1,21 @@
 // Tells why threads of a process are stuck, from outside.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <set>
 #include <sstream>
 #include <thread>
 
 #include "capture.h"
+#include "common/scoped_fd.h"
 #include "core_target.h"
 #include "inspection.h"
 #include "live_target.h"
@@ -28,8 +34,12 @@ constexpr int kMistake = 2;
 std::unique_ptr<Target> openTarget(const std::string& target) {
   const bool isPid = target.find_first_not_of("0123456789") == std::string::npos;
   if (isPid && !target.empty()) {
-    return std::make_unique<LiveTarget>(
-        static_cast<pid_t>(std::strtol(target.c_str(), nullptr, 10)));
+    errno = 0;
+    const long pid = std::strtol(target.c_str(), nullptr, 10);
+    if (errno != 0 || pid > std::numeric_limits<pid_t>::max()) {
+      throw Mistake("no process " + target);
+    }
+    return std::make_unique<LiveTarget>(static_cast<pid_t>(pid));
   }
   return std::make_unique<CoreTarget>(target);
 }
@@ -79,6 +89,12 @@ Snapshot inspectAll(const Target& target, const Library& library, const Options&
   return snapshot;
 }
 
+void print(const std::string& text) {
+  if (!(std::cout << text << std::flush)) {
+    throw Mistake("cannot write the output");
+  }
+}
+
 void write(std::ostream& out, const Snapshot& snapshot, Form form) {
   form == Form::kJson      ? writeJson(out, snapshot)
   : form == Form::kMetrics ? writeMetrics(out, snapshot)
@@ -94,7 +110,7 @@ int statusOf(const Snapshot& snapshot) {
   for (;;) {
     std::ostringstream text;
     write(text, inspectAll(target, library, options), options.form);
-    std::cout << (isatty(STDOUT_FILENO) == 1 ? "\033[H\033[J" : "") << text.str() << std::flush;
+    print((isatty(STDOUT_FILENO) == 1 ? "\033[H\033[J" : "") + text.str());
     std::this_thread::sleep_for(std::chrono::duration<double>(*options.watchSeconds));
   }
 }
@@ -113,19 +129,32 @@ bool hasReached(const Target& target, const Library& library, unsigned level) {
   });
 }
 
+// Beside its place and whole at once: what stands there may be a link to something of value. What
+// was on a stack is for the user alone, as in a core.
 void writeFile(const std::string& path, const Snapshot& snapshot, Form form) {
-  std::ofstream file(path);
+  std::string written = path + ".XXXXXX";
+  const qurn::ScopedFd created(mkostemp(written.data(), O_CLOEXEC));
+  std::ofstream file(written);
   write(file, snapshot, form);
-  if (!file.flush()) {
-    throw Mistake("cannot write " + path);
+  if (!created.valid() || !file.flush() || rename(written.c_str(), path.c_str()) != 0) {
+    const int error = errno;
+    unlink(written.c_str());
+    throw Mistake("cannot write " + path + ": " + strerror(error));
+  }
+}
+
+void expectWritable(const std::string& directory) {
+  if (access((directory + "/").c_str(), W_OK | X_OK) != 0) {
+    throw Mistake("cannot write into " + directory + ": " + strerror(errno));
   }
 }
 
 int awaitLevel(const Target& target, const Library& library, Options options) {
   constexpr auto kPause = std::chrono::milliseconds(100);
+  expectWritable(options.output);  // not only once there is something to write
   while (!hasReached(target, library, *options.awaitedLevel)) {
     std::this_thread::sleep_for(kPause);
-    if (target.threads().empty()) {
+    if (!isThere(target, library)) {
       return kNobodySilent;  // it has ended before anything happened
     }
   }
@@ -141,6 +170,9 @@ int awaitLevel(const Target& target, const Library& library, Options options) {
 int run(const Options& options) {
   const std::unique_ptr<Target> target = openTarget(options.target);
   const Library library = findLibrary(*target);
+  if (!options.sources.program.empty() && access(options.sources.program.c_str(), R_OK) != 0) {
+    throw Mistake("cannot read " + options.sources.program + ": " + strerror(errno));
+  }
   if (target->isCore() && (options.watchSeconds || options.awaitedLevel)) {
     throw Mistake("a core does not change");
   }
@@ -152,6 +184,7 @@ int run(const Options& options) {
   }
   const Snapshot snapshot = inspectAll(*target, library, options);
   write(std::cout, snapshot, options.form);
+  print("");
   return statusOf(snapshot);
 }
 

@@ -55,7 +55,9 @@ void writeMetrics(std::ostream& out, const Snapshot& snapshot) {
   const std::string own = labelsOf(process);
   Metrics metrics(out);
   metrics.begin("qurn_up_seconds", "Since the process was started.");
-  metrics.value(own, seconds(std::max<int64_t>(process.upMs, 0)));
+  if (process.upMs >= 0) {
+    metrics.value(own, seconds(process.upMs));
+  }
   metrics.begin("qurn_detection_suspended", "1 while a dead loop is being dealt with.");
   metrics.value(own, process.status == "idle" ? 0 : 1);
   metrics.begin("qurn_last_keep_alive_seconds", "Since the last report to the process guard.");

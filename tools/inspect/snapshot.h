@@ -76,6 +76,7 @@ struct Process {
   uint32_t keepAlivePeriodMs = 0;
   int64_t lastReportMs = -1;  // since the last one; -1 before the first
   bool isCore = false;
+  bool hasOtherIds = false;  // than it knows itself: a debugger's core, taken outside its namespace
 };
 
 struct Stack {

@@ -122,7 +122,9 @@ Copy copyOfLive(const Target& target, pid_t tid, const std::vector<Mapping>& map
   Stopped stopped(target.idSeenFromHere(tid));
   KernelRegisters kernel{};
   if (!stopped.isStopped() || !stopped.readRegisters(kernel)) {
-    copy.note = stopped.note().empty() ? "its registers cannot be read" : stopped.note();
+    copy.note = detail->tracer != 0 ? "traced already, by process " + std::to_string(detail->tracer)
+                : stopped.note().empty() ? "its registers cannot be read"
+                                         : stopped.note();
     return copy;
   }
   copy.registers = registersFrom(kernel);

@@ -44,7 +44,7 @@ int findBuiltElf(Dwfl_Module* module, void** userData, const char* name, Dwarf_A
 }  // namespace
 
 Symbols::Symbols(const Target& target, const SymbolSources& sources, Depth depth)
-    : root_("/proc/" + std::to_string(target.pid()) + "/root"),
+    : root_("/proc/" + std::to_string(target.livingThread()) + "/root"),
       debugPath_(sources.debugPath),
       debugPathPointer_(debugPath_.empty() ? nullptr : debugPath_.data()),
       callbacks_{target.isCore() ? findBuiltElf : findElf,
@@ -56,7 +56,7 @@ Symbols::Symbols(const Target& target, const SymbolSources& sources, Depth depth
     dwfl_core_file_report(session_.get(), core->elf(),
                           sources.program.empty() ? nullptr : sources.program.c_str());
   } else {
-    dwfl_linux_proc_report(session_.get(), target.pid());
+    dwfl_linux_proc_report(session_.get(), target.livingThread());
   }
   dwfl_report_end(session_.get(), nullptr, nullptr);
   dwfl_getmodules(

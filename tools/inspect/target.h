@@ -81,6 +81,8 @@ class Target {
   virtual int64_t upMs() const = 0;
   // The id under which a thread may be traced.
   virtual pid_t idSeenFromHere(pid_t tid) const { return tid; }
+  // Under whose id /proc shows memory and files: those of the main thread go when it ends.
+  virtual pid_t livingThread() const { return pid(); }
 
   template <typename Value>
   std::optional<Value> get(uint64_t address) const {

@@ -21,6 +21,11 @@ struct Words {
   std::array<uint32_t, 4> word;
 };
 
+uint64_t commandOf(const Call& call) {
+  return call.arguments[1] & static_cast<uint64_t>(FUTEX_CMD_MASK);
+}
+bool isBitsetWait(const Call& call) { return commandOf(call) == FUTEX_WAIT_BITSET; }
+
 pid_t asThread(uint32_t word, const std::set<pid_t>& threads) {
   const auto tid = static_cast<pid_t>(word & kTidMask);
   return threads.contains(tid) ? tid : 0;
@@ -99,26 +104,24 @@ bool looksLikeSemaphore(uint32_t value, const Words& words, const std::set<pid_t
 void explainPlainWait(const Target& target, const Call& call, const Words& words,
                       const std::set<pid_t>& threads, const NameOfCode& nameOfCode, Wait& wait) {
   const auto value = static_cast<uint32_t>(call.arguments[2]);
-  const bool isBitset =
-      (call.arguments[1] & static_cast<uint64_t>(FUTEX_CMD_MASK)) == FUTEX_WAIT_BITSET;
-  if (!isBitset && (value & FUTEX_WAITERS) != 0) {  // a robust mutex
-    wait.kind = Verdict::kMutex;
-    wait.holder = asThread(words.word[0], threads);
-    return;
-  }
+  const bool isBitset = isBitsetWait(call);
   wait.kind = kindByNames(target, call, nameOfCode);
   const bool isNamed = wait.kind != Verdict::kLock && wait.kind != Verdict::kJoin;
-  // In a container a thread's id may be as small as any lock's word.
-  if (!isNamed && looksLikeMutex(value, words, threads)) {
+  // In a container a thread's id may be as small as any lock's word. Who waits for the end of a
+  // thread names it alone; in a robust mutex's word its owner is marked as waited for.
+  const pid_t owner = asThread(value, threads);
+  const bool isRobust = owner != 0 && (value & FUTEX_WAITERS) != 0;
+  if (!isNamed && (isRobust || looksLikeMutex(value, words, threads))) {
     wait.kind = Verdict::kMutex;
-  } else if (!isNamed && isBitset && value == words.word[0] && asThread(value, threads) != 0) {
+  } else if (!isNamed && isBitset && owner != 0 && value == words.word[0] &&
+             value == static_cast<uint32_t>(owner)) {
     wait.kind = Verdict::kJoin;
-    wait.holder = asThread(value, threads);
+    wait.holder = owner;
   } else if (!isNamed && isBitset && looksLikeSemaphore(value, words, threads)) {
     wait.kind = Verdict::kSemaphore;
   }
   if (wait.kind == Verdict::kMutex) {
-    wait.holder = ownerOf(words, threads);
+    wait.holder = isRobust ? asThread(words.word[0], threads) : ownerOf(words, threads);
   } else if (wait.kind == Verdict::kRwlock) {
     wait.holder = writerOf(target, words.address, threads);
   }
@@ -130,7 +133,7 @@ Wait explainFutex(const Target& target, pid_t tid, const Call& call, const std::
   const Words words{
       call.arguments[0],
       target.get<std::array<uint32_t, 4>>(call.arguments[0]).value_or(std::array<uint32_t, 4>{})};
-  switch (call.arguments[1] & static_cast<uint64_t>(FUTEX_CMD_MASK)) {
+  switch (commandOf(call)) {
     case FUTEX_LOCK_PI:
     case FUTEX_LOCK_PI2:
     case FUTEX_WAIT_REQUEUE_PI:
@@ -204,8 +207,11 @@ constexpr CallRule kCalls[] = {
 bool isResumed(const Call& call) { return call.number == SYS_restart_syscall; }
 
 bool isFutex(const Call& call) {
+  // What is shared between processes lacks the flag; a `poll` has no bits to match.
+  const bool looksShared =
+      isBitsetWait(call) && static_cast<uint32_t>(call.arguments[5]) == FUTEX_BITSET_MATCH_ANY;
   return call.number == SYS_futex ||
-         (isResumed(call) && (call.arguments[1] & FUTEX_PRIVATE_FLAG) != 0);
+         (isResumed(call) && ((call.arguments[1] & FUTEX_PRIVATE_FLAG) != 0 || looksShared));
 }
 
 bool isSleep(const Call& call) {

@@ -1,5 +1,7 @@
 #include "events.h"
 
+#include <algorithm>
+
 namespace tov::log {
 namespace {
 
@@ -31,7 +33,9 @@ void takeThread(std::string_view inside, Told& told) noexcept {
 }
 
 void takeThreshold(std::string_view text, Told& told) noexcept {
-  takeThread(between(text, "task [", "] trigger "), told);
+  const size_t behindThread = std::min(text.rfind("] trigger "), text.size());
+  takeThread(between(text.substr(0, behindThread), "task [", "\n"), told);
+  text.remove_prefix(behindThread);
   told.silenceMs = between(text, "elapsed time = ", ",");
 }
 

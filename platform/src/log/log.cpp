@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -151,9 +152,7 @@ Take destinationFor(const Settings& settings) {
 // Beside a file, else where the service manager lets the service keep what it needs at run time.
 std::string mapDirectoryFor(const Settings& settings) {
   if (settings.target.starts_with("file:")) {
-    const std::string path = settings.target.substr(5);
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    return std::filesystem::path(settings.target.substr(5)).parent_path();
   }
   const char* runtime = getenv("RUNTIME_DIRECTORY");
   const std::string directories = runtime == nullptr ? "" : runtime;

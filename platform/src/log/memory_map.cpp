@@ -47,23 +47,29 @@ class NewFile {
         fd_((unlinkat(directory, temporary_.get(), 0),
              openat(directory, temporary_.get(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600))) {}
   ~NewFile() {
-    if (fd_ >= 0) {
-      close(fd_);
-      renameat(directory_, temporary_.get(), directory_, name_.get());
+    if (fd_ < 0) {
+      return;
+    }
+    close(fd_);
+    if (!isWhole_ || renameat(directory_, temporary_.get(), directory_, name_.get()) != 0) {
+      unlinkat(directory_, temporary_.get(), 0);
     }
   }
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
 
-  void write(std::string_view text) const noexcept {
-    static_cast<void>(::write(fd_, text.data(), text.size()) == 0);
+  void write(std::string_view text) noexcept {
+    isWhole_ = isWhole_ && ::write(fd_, text.data(), text.size()) == std::ssize(text);
   }
+
+  [[nodiscard]] bool isWhole() const noexcept { return isWhole_; }
 
  private:
   int directory_;
   Name name_;
   Name temporary_;
   int fd_;
+  bool isWhole_ = true;
 };
 
 // Lines beyond what a path may be long are cut.
@@ -137,30 +143,64 @@ void addBuildId(uint64_t start, TextBuilder& id) noexcept {
   }
 }
 
-void writeBuildIds(const char* line, const NewFile& file) noexcept {
-  uint64_t start = 0;
-  uint64_t offset = 0;
-  char mayRead = 0;
-  int path = 0;
-  if (std::sscanf(line, "%lx-%*x %c%*s %lx %*s %*s %n", &start, &mayRead, &offset, &path) != 3 ||
-      mayRead != 'r' || offset != 0 || line[path] != '/') {
-    return;
+// Of what may be executed. Data is not touched: its pages may have to come from a file system that
+// hangs, and the thread with it that is reported.
+class BuildIds {
+ public:
+  explicit BuildIds(NewFile& file) noexcept : file_(file) {}
+
+  void take(const char* line) noexcept {
+    uint64_t start = 0;
+    uint64_t offset = 0;
+    uint64_t node = 0;
+    std::array<char, 2> may{};
+    int path = 0;
+    if (std::sscanf(line, "%lx-%*x %c%*c%c%*c %lx %*s %lu %n", &start, may.data(), &may[1], &offset,
+                    &node, &path) != 5 ||
+        line[path] != '/') {
+      return;
+    }
+    if (offset == 0 && may[0] == 'r') {
+      start_ = start;
+      node_ = node;
+    }
+    if (may[1] == 'x' && node == node_) {
+      write(line + path);
+      node_ = kNone;
+    }
   }
-  std::array<char, 4096> bytes;  // NOLINT: filled as far as the text goes
-  TextBuilder text(bytes.data(), bytes.size() - 1);
-  addBuildId(start, text);
-  if (text.length() != 0) {
-    text.add(" ").add(line + path);
-    text.addRoom(1);
-    file.write(text.add("\n").text());
+
+ private:
+  static constexpr uint64_t kNone = ~uint64_t{0};
+
+  void write(const char* path) noexcept {
+    std::array<char, 4096> bytes;  // NOLINT: filled as far as the text goes
+    TextBuilder text(bytes.data(), bytes.size() - 1);
+    addBuildId(start_, text);
+    if (text.length() != 0) {
+      text.add(" ").add(path);
+      text.addRoom(1);
+      file_.write(text.add("\n").text());
+    }
   }
-}
+
+  NewFile& file_;
+  // Where the first bytes of the latest file are, whose other parts follow.
+  uint64_t start_ = 0;
+  uint64_t node_ = kNone;
+};
 
 // ---- the newest few stay
 
+// Nothing for a name that is not ours: other files may lie in the directory.
 std::string_view processOf(std::string_view name) noexcept {
-  const bool isMap = name.ends_with(kMapEnding) && name.front() >= '0' && name.front() <= '9';
-  return isMap ? name.substr(0, name.size() - kMapEnding.size()) : std::string_view();
+  const std::string_view process = name.substr(0, name.find_first_not_of("0123456789"));
+  return name.substr(process.size()) == kMapEnding ? process : std::string_view();
+}
+
+// What cannot be removed would stand in the way of what can.
+bool isRemovable(const struct stat& file) noexcept {
+  return S_ISREG(file.st_mode) && file.st_uid == geteuid();
 }
 
 bool isOlder(const timespec& one, const timespec& other) noexcept {
@@ -190,7 +230,7 @@ bool removeOldestBeyondLimit(int directory) noexcept {
     struct stat file {};
     const std::string_view process = processOf(name);
     if (process.empty() || process.size() >= oldest.size() ||
-        fstatat(directory, name, &file, AT_SYMLINK_NOFOLLOW) != 0) {
+        fstatat(directory, name, &file, AT_SYMLINK_NOFOLLOW) != 0 || !isRemovable(file)) {
       return;
     }
     if (count++ == 0 || isOlder(file.st_mtim, oldestAt)) {
@@ -218,18 +258,22 @@ void keepMemoryMap(const std::string& directory) noexcept {
   TextBuilder process(digits.data(), digits.size() - 1);
   process.addNumber(static_cast<uint64_t>(getpid()));
   {
-    const NewFile map(target.get(), process.text(), kMapEnding);
+    NewFile map(target.get(), process.text(), kMapEnding);
     forEachLine(maps.get(), [&map](char* line) {
       const size_t length = strlen(line);
       line[length] = '\n';
       map.write({line, length + 1});
       line[length] = '\0';
     });
+    if (!map.isWhole()) {
+      return;
+    }
   }
   lseek(maps.get(), 0, SEEK_SET);
   {
-    const NewFile ids(target.get(), process.text(), kIdsEnding);
-    forEachLine(maps.get(), [&ids](const char* line) { writeBuildIds(line, ids); });
+    NewFile file(target.get(), process.text(), kIdsEnding);
+    BuildIds ids(file);
+    forEachLine(maps.get(), [&ids](const char* line) { ids.take(line); });
   }
   while (removeOldestBeyondLimit(target.get())) {
   }

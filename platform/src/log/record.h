@@ -31,8 +31,7 @@ struct Record {
 inline constexpr size_t kMostLineBytes = 4096;
 
 // Hands a record to a destination, waiting for at most so many milliseconds. False when it could
-// not be taken; an error that no waiting mends counts as taken. One at a time, under the log's
-// lock.
+// not be taken. One at a time, under the log's lock.
 using Take = bool (*)(const Record& record, int patienceMs) noexcept;
 
 }  // namespace tov::log

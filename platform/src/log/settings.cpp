@@ -9,7 +9,9 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string_view>
+#include <system_error>
 
 namespace tov::log {
 namespace {
@@ -69,6 +71,9 @@ void readTarget(Settings& settings) {
     return;
   }
   settings.target = value;
+  if (std::error_code none; settings.target.starts_with("file:")) {  // a daemon changes directory
+    settings.target = "file:" + std::filesystem::absolute(settings.target.substr(5), none).string();
+  }
   const std::string& target = settings.target;
   if (target != "stderr" && target != "syslog" && target != "journal" &&
       !target.starts_with("file:")) {
