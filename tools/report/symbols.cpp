@@ -127,26 +127,35 @@ bool Symbols::mayTake(const std::string& path, const std::string& mapped) {
   if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
     return false;
   }
+  const std::string id = buildIdOf(path);
   const auto ran = map_.buildIds.find(mapped);
-  if (ran != map_.buildIds.end()) {
-    const std::string id = buildIdOf(path);
-    if (id != ran->second && path != program_) {
-      warnings_.add(path + " is not what the process of " + map_.path + " ran (build id " +
-                    (id.empty() ? "none" : id) + ", it had " + ran->second +
-                    "); no names are taken from it");
-    }
-    return id == ran->second;
+  if (ran == map_.buildIds.end()) {
+    return mayTakeUnknown(path, mapped, id, status.st_ctime);
   }
-  if (path != program_ && status.st_ctime > map_.madeAt) {
-    if (!std::exchange(isChangeTold_, true)) {
-      warnings_.add(
-          path + " has changed since " + map_.path +
-          " was made, perhaps others too, and their build ids were not kept; no names are "
-          "taken from such files");
-    }
-    return false;
+  if (id != ran->second && path != program_) {
+    warnings_.add(path + " is not what the process of " + map_.path + " ran (build id " +
+                  (id.empty() ? "none" : id) + ", it had " + ran->second +
+                  "); no names are taken from it");
   }
-  return path != program_ || fileNameOf(path) == fileNameOf(mapped);
+  return id == ran->second;
+}
+
+// Where ids were kept this is a file without one, or no code.
+bool Symbols::mayTakeUnknown(const std::string& path, const std::string& mapped,
+                             const std::string& id, time_t changedAt) {
+  if (path == program_) {
+    return fileNameOf(path) == fileNameOf(mapped);
+  }
+  const bool isChanged = changedAt > map_.madeAt;
+  if (!map_.buildIds.empty()) {
+    return id.empty() && !isChanged;
+  }
+  if (isChanged && !id.empty() && !std::exchange(isChangeTold_, true)) {
+    warnings_.add(path + " has changed since " + map_.path +
+                  " was made, perhaps others too, and their build ids were not kept; no names are "
+                  "taken from such files");
+  }
+  return !isChanged;
 }
 
 int Symbols::findElf(Dwfl_Module* module, void** userData, const char* name, Dwarf_Addr base,

@@ -56,6 +56,8 @@ class Symbols {
                      char** file, Elf** elf);
   void takeBuildIds();
   [[nodiscard]] bool mayTake(const std::string& path, const std::string& mapped);
+  [[nodiscard]] bool mayTakeUnknown(const std::string& path, const std::string& mapped,
+                                    const std::string& id, time_t changedAt);
   [[nodiscard]] const UnfiledCode* unfiledAt(uint64_t address) const;
   [[nodiscard]] uint64_t addressOf(const Frame& frame);
 
