@@ -1,7 +1,10 @@
 #include "explainer.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -10,6 +13,12 @@ namespace qurn::report {
 namespace {
 
 constexpr size_t kMostProcesses = 16;  // as many as the platform keeps maps of
+
+// When it was last written; 0 when there is none.
+time_t timeOfFile(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
+}
 
 }  // namespace
 
@@ -102,13 +111,15 @@ Explainer::Process& Explainer::processOf(const std::string& mapPath) {
   if (processes_.size() >= kMostProcesses && !processes_.contains(mapPath)) {
     processes_.clear();
   }
-  auto [place, isNew] = processes_.try_emplace(mapPath);
-  if (isNew) {
-    if (const auto map = readMemoryMap(mapPath)) {
-      place->second = {*map, Symbols::ofProcess(*map, sources_.program, warnings_)};
-    }
+  Process& process = processes_[mapPath];
+  // While a log is followed, maps come and are replaced.
+  if (const time_t madeAt = timeOfFile(mapPath); madeAt != process.map.madeAt) {
+    const std::optional<MemoryMap> map = readMemoryMap(mapPath);
+    process.map = map.value_or(MemoryMap{});
+    process.map.madeAt = madeAt;
+    process.symbols = map ? Symbols::ofProcess(*map, sources_.program, warnings_) : nullptr;
   }
-  return place->second;
+  return process;
 }
 
 bool Explainer::isOf(const DeadLoop& loop, const Process& process) {

@@ -41,7 +41,7 @@ constexpr const char* kUsage =
     "  --maps FILE     a copy of /proc/PID/maps, made while the process ran: the same for the\n"
     "                  program and every library in it\n"
     "  --maps DIR      where there is a PID.maps for each process; without it they are sought\n"
-    "                  where the logs are, and in $RUNTIME_DIRECTORY\n"
+    "                  where the logs are, in $RUNTIME_DIRECTORY, /run/PROCESS and /run/UNIT\n"
     "\n"
     "Ends with status 0 when there is a dead loop, 1 when there is none, 2 after a mistake or "
     "when\n"
