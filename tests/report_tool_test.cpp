@@ -121,6 +121,94 @@ TEST(Report, GroupsDeadLoopsByWhereTheyAreStuck) {
              {REPORT "--collapsed --json " GOLDEN "/loop.log", 2, "a form of its own"}});
 }
 
+// A directory of this test's own, with the recorded logs in it.
+std::string directoryWithLogs(const std::string& name) {
+  const std::string directory = testing::TempDir() + name + std::to_string(getpid());
+  runProgram("rm -rf " + directory + "; cp -r " GOLDEN " " + directory);
+  return "cd " + directory + R"( && trap "rm -rf $PWD" EXIT && )";
+}
+
+TEST(Report, ReadsWhatWasRotatedAndPackedAsOneLog) {
+  const std::string parts = directoryWithLogs("parts") + R"(
+    mkdir d e f && sed "8q" loop.log | gzip >d/x.log.2.gz && sed "1,8d; 13q" loop.log >d/x.log.1 &&
+    sed "1,13d" loop.log >d/x.log && cp d/x.log e && cp d/x.log.1 e/x.log-20261126 &&
+    cp d/x.log.2.gz e/x.log-20261125-235959.gz && cp d/x.log f && cp d/x.log.1 f/x.1.log &&
+    gunzip <d/x.log.2.gz >f/x.2.log && sed "5q" loop.log >f/y.3.log && sed "1,5d" loop.log >f/y.2.log
+    cp hook.log f/h.log && touch -d "1 hour ago" f/h.log && touch -d "2 hours ago" f/x.2.log
+    for logs in d e "d/x.log d/x.log.1 d/x.log.2.gz" loop.log.zst
+    do )" REPORT R"($logs | diff whole.txt -; done
+    cat d/x.log.2.gz d/x.log.1 d/x.log | )" REPORT R"(| diff whole.txt -
+    )" REPORT R"(f f/y.2.log | sed -n "s/ in .*//; /^Dead.*-2/p"; )" REPORT
+                                                         "--group /nonexistent d hook.log";
+  expectAll({{parts, 2,
+              "(24683)\nDead loop of thread worker-2 (24687)\nDead loop of thread worker-2\n"
+              "Dead loop of thread worker-2 (24687)\n ... read /nonexistent: No such file ... 1 "
+              "dead loop ... "
+              "1 dead",
+              "<"}});
+}
+
+TEST(Report, TellsWhatCouldBeReadOfADamagedArchive) {
+  const auto damaged = [](const std::string& damage) {
+    return "cd " GOLDEN " && (" + damage + ") | " REPORT R"(--json; echo "$?")";
+  };
+  const std::string packed = "cat loop.log hook.log loop.log | gzip -1 | ";
+  const std::string one = R"( ... status": 88 ... ]
+2)";
+  expectAll(
+      {{damaged(packed + "head -c 500"), 0, "input: ends before its archive does ... ]\n2"},
+       {damaged(packed + "(head -c -8; echo 12345678)"), 0,
+        "status\": 88 ... input: incorrect data check ... \"thread_hook\": true" + one},
+       {damaged("cat loop.log.zst; cat hook.log"), 0, "88 ... \"thread_hook\": true ... ]\n0"},
+       {damaged("cat loop.log.zst; head -c 300 loop.log.zst"), 0,
+        "status\": 88 ... input: ends before its archive does ... ]\n2"},
+       {damaged("cat loop.log.zst; head -c 300 loop.log.zst; head -c 99999 /dev/zero"), 0,
+        "status\": 88 ... standard input: ... ]\n2"}});
+}
+
+TEST(Report, TellsOnlyWhatWasAskedFor) {
+  // At 06:59:26.711, 26.711 and without a time.
+  const std::string logs = "cd " GOLDEN R"( && (cat loop.log hook.log
+                             sed "s/^.*:[0-9]* \([FTSZC]\|#\)/\1/; s/worker-2/w/" hook.log) | )";
+  const auto told = [&](const std::string& options, const std::string& count) {
+    return Program{logs + "TZ=QRN-1 " REPORT + options + R"( | grep -c "Dead loop"; true)", 0,
+                   count + "\n"};
+  };
+  expectAll({told("--since \"2026-11-26 06:59:26\"", "3"),
+             told("--since 2026-11-26T07:59:26.5+01 --until 2026-11-26T07:00Z", "3"),
+             told("--since 2026-11-26T06:59:26-0100", "1"),
+             told("--until 2026-11-26", "1"),
+             told("--since -3650d --until 2126-01-01", "3"),
+             told("--until -3650d", "1"),
+             told("--process 24670 --process none", "1"),
+             told("--process qurn-host --thread w", "1"),
+             told("--thread 2468", "0"),
+             {REPORT "--since 2026-13-01", 2, "no time: 2026-13-01"},
+             {REPORT "--until -2y", 2, "no time"}});
+}
+
+TEST(Report, FollowsALogThatGrowsAndIsRotatedAndTruncated) {
+  const std::string follow = directoryWithLogs("follow") + R"(
+    told() { until test $(grep -c $1 told) = $2; do sleep 0.1; done; }
+    (cat loop.log; sed 11q loop.log) >x; )" REPORT R"(--follow --json x >told &
+    told status.:88 1; mv x x.1; sed "1,11d; 14q" loop.log >>x.1
+    (sed 1,14d loop.log; cat loop.log loop.log) >x; told status.:88 4
+    cat hook.log >x; told thread_hook.:true 1
+    kill -INT $!; wait $!; echo ended $?; grep -c "missing.:\[\]" told
+    cat loop.log | )" REPORT R"(--follow | diff whole.txt - &&
+    (sleep 3; cat loop.log) | )" REPORT R"(--follow >/dev/full; echo $?)";
+  expectAll({{follow, 0, "ended 0\n5\n ... cannot write all of it\n2\n"},
+             {REPORT "--follow --group", 2, "does not come to the end"}});
+}
+
+// A hook leaves a report open, which holds up so many others and no more.
+TEST(Report, KeepsTheOrderOfTheBeginningsWithoutKeepingEverything) {
+  const std::string others = directoryWithLogs("order") + R"(sed "s/^/host qurn[1]: /" loop.log >x
+    (cat hook.log; yes x | head -n 1500 | xargs cat; until test -s told; do sleep 0.1; done) | )";
+  expectAll({{others + REPORT R"(>told; sed -n "/^Dead/p" told | uniq -c)", 0,
+              "1 Dead loop of thread worker-2 (24683) ... 1500 Dead loop"}});
+}
+
 TEST(Report, IsHarmlessToATerminalWhateverALogHolds) {
   const std::string odd =
       "cd " GOLDEN R"( && sed "s/worker-2/a\xc2\x9b\x7f\xff\xe2\x82\xac\xed\xa0\x80/

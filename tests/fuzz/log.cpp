@@ -3,8 +3,10 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "../../tools/report/log_reader.h"
+#include "../../tools/report/log_text.h"
 #include "../../tools/report/output.h"
+#include "../../tools/report/selection.h"
+#include "../../tools/report/unpacker.h"
 #include "fuzz_target.h"
 
 // Control characters behind ASCII, as UTF-8 writes them.
@@ -14,23 +16,47 @@ static bool hasControls(const std::string& text) {
          }) != text.end();
 }
 
+// The log, which may be packed, as the program would be given it, in blocks of this size.
+static size_t tell(const std::vector<char>& log, size_t blockSize, qurn::report::Output& output) {
+  size_t count = 0;
+  qurn::report::Selection selection;
+  qurn::report::LogReader reader([&](qurn::report::DeadLoop&& loop) {
+    selection.since = qurn::report::timeIn(qurn::report::timeOf(loop), {});
+    assert(selection.has(loop));
+    output.tell(loop);
+    ++count;
+  });
+  qurn::report::LogText text(reader);
+  qurn::report::Unpacker unpacker([&](std::string_view block) { text.take(block); });
+  for (size_t at = 0; at < log.size(); at += blockSize) {
+    unpacker.take({log.data() + at, std::min(blockSize, log.size() - at)});
+  }
+  unpacker.end();
+  text.end();
+  reader.finish();
+  output.end();
+  return count;
+}
+
 void tryInput(Bytes bytes) {
-  const std::vector<char> bytesOfLog = bytes.text();
-  std::istringstream log(std::string(bytesOfLog.begin(), bytesOfLog.end()));
-  const auto loops = qurn::report::readLog(log);
+  using namespace qurn::report;
+  const std::vector<char> log = bytes.text();
   std::ostringstream text;
-  qurn::report::writeText(text, loops, false);
-  qurn::report::writeText(text, qurn::report::groupsOf(loops), false);
-  qurn::report::writeCollapsed(text, qurn::report::collapsedStacks(loops));
+  const size_t count = tell(log, log.size() + 1, *textOutput(text, false));
+  std::ostringstream again;
+  tell(log, 1 + log.size() % 19, *textOutput(again, false));
+  assert(text.str() == again.str());
+  tell(log, log.size() + 1, *textGroupOutput(text, false));
+  tell(log, log.size() + 1, *collapsedOutput(text));
   const std::string shown = text.str();
   assert(std::none_of(shown.begin(), shown.end(),
                       [](unsigned char c) { return (c < ' ' && c != '\n') || c == 0x7F; }));
   assert(!hasControls(nlohmann::json(shown).dump()));  // which throws when it is no UTF-8
   std::ostringstream json;
-  qurn::report::writeJson(json, loops);
-  assert(nlohmann::json::parse(json.str()).size() == loops.size());
+  tell(log, log.size() + 1, *jsonOutput(json));
+  assert(nlohmann::json::parse(json.str()).size() == count);
   assert(!hasControls(json.str()));
   std::ostringstream groups;
-  qurn::report::writeJson(groups, qurn::report::groupsOf(loops));
-  assert(nlohmann::json::parse(groups.str()).empty() == loops.empty());
+  tell(log, log.size() + 1, *jsonGroupOutput(groups));
+  assert(nlohmann::json::parse(groups.str()).empty() == (count == 0));
 }

@@ -4,7 +4,9 @@
 #include <array>
 #include <string_view>
 
+#include "log_time.h"
 #include "output.h"
+#include "selection.h"
 #include "symbols.h"
 
 namespace qurn::report {
@@ -70,15 +72,18 @@ std::string fingerprintOf(const DeadLoop& loop) {
   return fingerprint;
 }
 
-LogTime timeOf(const DeadLoop& loop) {
-  return !loop.reportedAt.empty() || loop.silence.empty() ? loop.reportedAt
-                                                          : loop.silence.back().at;
+// Logs are read one after another; a time that cannot be told is as late as it stands.
+bool isBefore(const LogTime& one, const LogTime& other) {
+  const Time now = currentTime();
+  const auto first = timeIn(one, now);
+  const auto second = timeIn(other, now);
+  return first && second && *first < *second;
 }
 
-void add(const DeadLoop& loop, Group& group) {
+void addTo(Group& group, const DeadLoop& loop) {
   const LogTime at = timeOf(loop);
-  group.first = group.count == 0 ? at : group.first;
-  group.last = at;
+  group.first = group.count == 0 || isBefore(at, group.first) ? at : group.first;
+  group.last = group.count > 0 && isBefore(at, group.last) ? group.last : at;
   if (group.count == 0 || loop.frames.size() > group.example.frames.size()) {
     group.example = loop;
   }
@@ -93,31 +98,27 @@ void add(const DeadLoop& loop, Group& group) {
 
 }  // namespace
 
-std::vector<Group> groupsOf(const std::vector<DeadLoop>& loops) {
-  std::map<std::string, size_t> places;
-  std::vector<Group> groups;
-  for (const DeadLoop& loop : loops) {
-    const size_t place = places.try_emplace(fingerprintOf(loop), groups.size()).first->second;
-    groups.resize(std::max(groups.size(), place + 1));
-    add(loop, groups[place]);
-  }
-  std::stable_sort(groups.begin(), groups.end(),
-                   [](const Group& one, const Group& other) { return one.count > other.count; });
-  return groups;
+void Groups::add(const DeadLoop& loop) {
+  const size_t place = places_.try_emplace(fingerprintOf(loop), groups_.size()).first->second;
+  groups_.resize(std::max(groups_.size(), place + 1));
+  addTo(groups_[place], loop);
 }
 
-Counts collapsedStacks(const std::vector<DeadLoop>& loops) {
-  Counts stacks;
-  for (const DeadLoop& loop : loops) {
-    std::string stack = loop.process.empty() ? "?" : loop.process;
-    for (auto frame = loop.frames.rbegin(); frame != loop.frames.rend(); ++frame) {
-      std::string name = frame->symbol.empty() ? frame->text : demangled(frame->symbol);
-      std::replace(name.begin(), name.end(), ';', ':');  // which separates frames
-      stack += ";" + (name.empty() ? "?" : name);
-    }
-    ++stacks[stack];
+std::vector<Group> Groups::sorted() const {
+  std::vector<Group> sorted = groups_;
+  std::stable_sort(sorted.begin(), sorted.end(),
+                   [](const Group& one, const Group& other) { return one.count > other.count; });
+  return sorted;
+}
+
+std::string collapsedStack(const DeadLoop& loop) {
+  std::string stack = loop.process.empty() ? "?" : loop.process;
+  for (auto frame = loop.frames.rbegin(); frame != loop.frames.rend(); ++frame) {
+    std::string name = frame->symbol.empty() ? frame->text : demangled(frame->symbol);
+    std::replace(name.begin(), name.end(), ';', ':');  // which separates frames
+    stack += ";" + (name.empty() ? "?" : name);
   }
-  return stacks;
+  return stack;
 }
 
 }  // namespace qurn::report

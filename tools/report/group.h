@@ -23,10 +23,19 @@ struct Group {
 };
 
 // By the names of the stuck stack: where it waits and where code lies in memory differ from one
-// time to the next. The most frequent first.
-std::vector<Group> groupsOf(const std::vector<DeadLoop>& loops);
+// time to the next.
+class Groups {
+ public:
+  void add(const DeadLoop& loop);
+  // The most frequent first.
+  [[nodiscard]] std::vector<Group> sorted() const;
 
-// The stack with its outermost frame first, then its count, as tools for flame graphs read them.
-Counts collapsedStacks(const std::vector<DeadLoop>& loops);
+ private:
+  std::map<std::string, size_t> places_;  // by what is the same in all of one group
+  std::vector<Group> groups_;
+};
+
+// The stack with its outermost frame first, as tools for flame graphs read it.
+std::string collapsedStack(const DeadLoop& loop);
 
 }  // namespace qurn::report

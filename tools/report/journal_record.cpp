@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
-#include <optional>
 
 #include "scanner.h"
 
@@ -50,25 +49,6 @@ std::string textOf(const nlohmann::json& value) {
   return text;
 }
 
-// Eight bytes of length, the lowest first, then so many of text and the line's end.
-std::optional<std::string> readBinaryValue(std::istream& journal) {
-  constexpr uint64_t kMostBytes = 1 << 20;
-  std::array<char, 8> bytes{};
-  journal.read(bytes.data(), bytes.size());
-  uint64_t length = 0;
-  for (size_t i = bytes.size(); i > 0; --i) {
-    length = length << 8 | static_cast<unsigned char>(bytes.at(i - 1));
-  }
-  if (!journal || length > kMostBytes) {
-    return std::nullopt;  // nothing that the library writes is as long
-  }
-  std::string value(length, '\0');
-  journal.read(value.data(), static_cast<std::streamsize>(length));
-  value.resize(static_cast<size_t>(journal.gcount()));
-  journal.ignore(1);
-  return value;
-}
-
 }  // namespace
 
 void JournalRecord::take(std::string_view field, std::string_view value) {
@@ -88,24 +68,6 @@ void JournalRecord::take(std::string_view field, std::string_view value) {
 }
 
 bool beginsExportedRecord(std::string_view line) { return line.starts_with("__CURSOR="); }
-
-JournalRecord readExportedRecord(std::istream& journal) {
-  JournalRecord record;
-  for (std::string line; std::getline(journal, line) && !line.empty();) {
-    const size_t equals = line.find('=');
-    if (equals != std::string::npos) {
-      record.take(std::string_view(line).substr(0, equals),
-                  std::string_view(line).substr(equals + 1));
-      continue;
-    }
-    const std::optional<std::string> value = readBinaryValue(journal);
-    if (!value) {
-      break;  // this is no record, or one torn apart; what follows may be a log's lines
-    }
-    record.take(line, *value);
-  }
-  return record;
-}
 
 bool readJsonRecord(std::string_view line, JournalRecord& record) {
   if (!line.starts_with('{') || line.find("\"MESSAGE\"") == std::string_view::npos) {

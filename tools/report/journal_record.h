@@ -1,7 +1,6 @@
 // One record of the system's journal, as `journalctl -o json` and `-o export` write them.
 #pragma once
 
-#include <istream>
 #include <string>
 #include <string_view>
 
@@ -16,9 +15,6 @@ struct JournalRecord {
 };
 
 bool beginsExportedRecord(std::string_view line);
-
-// The rest of the record whose first line has been read.
-JournalRecord readExportedRecord(std::istream& journal);
 
 // False when the line is none.
 bool readJsonRecord(std::string_view line, JournalRecord& record);

@@ -72,50 +72,106 @@ void writeEscaped(std::ostream& out, const std::string& json) {
   }
 }
 
-void writeArray(std::ostream& out, const Json& all) {
-  // A log need not be UTF-8, JSON must.
-  writeEscaped(out, all.dump(2, ' ', false, Json::error_handler_t::replace));
-  out << "\n";
+// A log need not be UTF-8, JSON must.
+std::string textOf(const Json& json, int indent) {
+  return json.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
+
+Json jsonOf(const DeadLoop& loop) {
+  return {{"process", orNull(loop.process)},
+          {"process_id", orNull(loop.processId)},
+          {"thread", orNull(loop.thread)},
+          {"thread_id", orNull(loop.threadId)},
+          {"thresholds_ms", thresholdsOf(loop)},
+          {"silence", silenceOf(loop)},
+          {"signal", orNull(loop.signal)},
+          {"signal_failed", loop.signalFailed},
+          {"captured", loop.captured},
+          {"reported_at", orNull(loop.reportedAt)},
+          {"capture_stamp_utc8", orNull(loop.captureStamp)},
+          {"frames", framesOf(loop)},
+          {"decision",
+           loop.decision.made() || loop.decision.exitStatus ? decisionOf(loop.decision) : Json()},
+          {"missing", missingFrom(loop)}};
+}
+
+Json jsonOf(const Group& group) {
+  return {{"count", group.count},         {"first", orNull(group.first)},
+          {"last", orNull(group.last)},   {"longest_silence_ms", orNull(group.longestSilenceMs)},
+          {"processes", group.processes}, {"threads", group.threads},
+          {"decisions", group.decisions}, {"frames", framesOf(group.example)}};
+}
+
+// Element by element, as a dump of the whole would be.
+class ArrayWriter {
+ public:
+  explicit ArrayWriter(std::ostream& out) : out_(out) {}
+
+  void write(const Json& element) {
+    out_ << (isEmpty_ ? "[\n" : ",\n");
+    isEmpty_ = false;
+    std::string text = "  ";
+    for (const char c : textOf(element, 2)) {
+      text.append(c == '\n' ? "\n  " : std::string(1, c));
+    }
+    writeEscaped(out_, text);
+  }
+
+  void end() { out_ << (isEmpty_ ? "[]\n" : "\n]\n"); }
+
+ private:
+  std::ostream& out_;
+  bool isEmpty_ = true;
+};
+
+class JsonOutput : public Output {
+ public:
+  explicit JsonOutput(std::ostream& out) : array_(out) {}
+  void tell(const DeadLoop& loop) override { array_.write(jsonOf(loop)); }
+  void end() override { array_.end(); }
+
+ private:
+  ArrayWriter array_;
+};
+
+class JsonLineOutput : public Output {
+ public:
+  explicit JsonLineOutput(std::ostream& out) : out_(out) {}
+  void tell(const DeadLoop& loop) override {
+    writeEscaped(out_, textOf(jsonOf(loop), -1));
+    out_ << "\n";
+  }
+
+ private:
+  std::ostream& out_;
+};
+
+class JsonGroupOutput : public Output {
+ public:
+  explicit JsonGroupOutput(std::ostream& out) : array_(out) {}
+  void tell(const DeadLoop& loop) override { groups_.add(loop); }
+  void end() override {
+    for (const Group& group : groups_.sorted()) {
+      array_.write(jsonOf(group));
+    }
+    array_.end();
+  }
+
+ private:
+  Groups groups_;
+  ArrayWriter array_;
+};
 
 }  // namespace
 
-void writeJson(std::ostream& out, const std::vector<DeadLoop>& loops) {
-  Json all = Json::array();
-  for (const DeadLoop& loop : loops) {
-    all.push_back(
-        {{"process", orNull(loop.process)},
-         {"process_id", orNull(loop.processId)},
-         {"thread", orNull(loop.thread)},
-         {"thread_id", orNull(loop.threadId)},
-         {"thresholds_ms", thresholdsOf(loop)},
-         {"silence", silenceOf(loop)},
-         {"signal", orNull(loop.signal)},
-         {"signal_failed", loop.signalFailed},
-         {"captured", loop.captured},
-         {"reported_at", orNull(loop.reportedAt)},
-         {"capture_stamp_utc8", orNull(loop.captureStamp)},
-         {"frames", framesOf(loop)},
-         {"decision",
-          loop.decision.made() || loop.decision.exitStatus ? decisionOf(loop.decision) : Json()},
-         {"missing", missingFrom(loop)}});
-  }
-  writeArray(out, all);
+std::unique_ptr<Output> jsonOutput(std::ostream& out) { return std::make_unique<JsonOutput>(out); }
+
+std::unique_ptr<Output> jsonLineOutput(std::ostream& out) {
+  return std::make_unique<JsonLineOutput>(out);
 }
 
-void writeJson(std::ostream& out, const std::vector<Group>& groups) {
-  Json all = Json::array();
-  for (const Group& group : groups) {
-    all.push_back({{"count", group.count},
-                   {"first", orNull(group.first)},
-                   {"last", orNull(group.last)},
-                   {"longest_silence_ms", orNull(group.longestSilenceMs)},
-                   {"processes", group.processes},
-                   {"threads", group.threads},
-                   {"decisions", group.decisions},
-                   {"frames", framesOf(group.example)}});
-  }
-  writeArray(out, all);
+std::unique_ptr<Output> jsonGroupOutput(std::ostream& out) {
+  return std::make_unique<JsonGroupOutput>(out);
 }
 
 }  // namespace qurn::report

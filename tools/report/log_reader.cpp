@@ -1,55 +1,57 @@
 #include "log_reader.h"
 
-#include <map>
-#include <string>
-#include <string_view>
+#include <algorithm>
+#include <vector>
 
-#include "journal_record.h"
 #include "prefix.h"
-#include "storyteller.h"
 
 namespace qurn::report {
 namespace {
 
-class Reader {
- public:
-  explicit Reader(std::istream& log) : log_(log) {}
-
-  std::vector<DeadLoop> read() {
-    for (std::string line; std::getline(log_, line);) {
-      JournalRecord record;
-      if (beginsExportedRecord(line)) {
-        takeRecord(readExportedRecord(log_));
-      } else if (readJsonRecord(line, record)) {
-        takeRecord(record);
-      } else {
-        takeLine(line, {});
-      }
-    }
-    return std::move(loops_);
-  }
-
- private:
-  // A service's standard error may be kept in the journal, each line with a prefix of its own.
-  void takeRecord(const JournalRecord& record) { takeLine(record.message, record); }
-
-  void takeLine(std::string_view text, const JournalRecord& record) {
-    text.remove_suffix(text.ends_with('\r') ? 1 : 0);
-    const LogLine line = takeApart(text, beginsMessage);
-    if (beginsMessage(line.message)) {
-      Storyteller& teller =
-          tellers_.try_emplace(record.writer + line.writer(), loops_).first->second;
-      teller.tell(line.message, line.at.empty() ? std::string_view(record.at) : line.at);
-    }
-  }
-
-  std::istream& log_;
-  std::vector<DeadLoop> loops_;
-  std::map<std::string, Storyteller> tellers_;  // by writer
-};
+constexpr size_t kMostWriters = 8000;
+constexpr size_t kMostLineBytes = 16384;  // a few times what the library writes
 
 }  // namespace
 
-std::vector<DeadLoop> readLog(std::istream& log) { return Reader(log).read(); }
+void LogReader::takeLine(std::string_view line) {
+  JournalRecord record;
+  if (readJsonRecord(line, record)) {
+    takeRecord(record);
+  } else {
+    take(line, {});
+  }
+}
+
+// A service's standard error may be kept in the journal, each line with a prefix of its own.
+void LogReader::take(std::string_view text, const JournalRecord& record) {
+  text = text.substr(0, kMostLineBytes);
+  text.remove_suffix(text.ends_with('\r') ? 1 : 0);
+  const LogLine line = takeApart(text, beginsMessage);
+  if (beginsMessage(line.message)) {
+    tellerOf(record.writer + line.writer())
+        .tell(line.message, line.at.empty() ? std::string_view(record.at) : line.at);
+  }
+}
+
+Storyteller& LogReader::tellerOf(const std::string& writer) {
+  if (writers_.size() >= kMostWriters) {
+    forgetQuietWriters();
+  }
+  Writer& found = writers_.try_emplace(writer, Writer{Storyteller(tellings_)}).first->second;
+  found.heardAt = ++messages_;
+  return found.teller;
+}
+
+// Processes come and go, each with threads of its own.
+void LogReader::forgetQuietWriters() {
+  std::vector<uint64_t> times;
+  times.reserve(writers_.size());
+  for (const auto& [name, writer] : writers_) {
+    times.push_back(writer.heardAt);
+  }
+  const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
+  std::nth_element(times.begin(), middle, times.end());
+  std::erase_if(writers_, [&](const auto& entry) { return entry.second.heardAt < *middle; });
+}
 
 }  // namespace qurn::report

@@ -8,8 +8,8 @@
 namespace qurn::report {
 namespace {
 
-constexpr size_t kMostFrames = 64;  // more than the library ever writes
-constexpr std::string_view kCutMark = " ... (cut)";
+constexpr size_t kMostFrames = 64;    // more than the library ever writes
+constexpr size_t kMostSilent = 1000;  // threads of one writer, of which most are soon heard again
 
 struct Rule {
   std::string_view text;
@@ -110,6 +110,9 @@ bool Storyteller::tell(std::string_view text, std::string_view at) {
   if (rule != nullptr) {
     Message message{Scanner(text.substr(rule->text.size())), LogTime(at)};
     (this->*rule->take)(message);
+    if (isOpen()) {
+      tellings_->heardOf(*telling_);
+    }
   }
   return rule != nullptr;
 }
@@ -125,7 +128,7 @@ void Storyteller::crossing(Message& message) {
   }
   DeadLoop seen;
   takeThread(task, seen);
-  DeadLoop& known = silences_[seen.threadId];
+  DeadLoop& known = silenceOf(seen.threadId);
   if (!known.silence.empty() && known.silence.back().threshold >= crossing.threshold) {
     known = {};  // it had been heard of in between
   }
@@ -153,7 +156,7 @@ void Storyteller::signal(Message& message) {
   }
   if (message.rest.skip(" is captured at ")) {
     captured(number, message.rest.text(), message.at);
-  } else if (open_ && !current().captured && message.rest.skip(" send to thread ") &&
+  } else if (isOpen() && !current().captured && message.rest.skip(" send to thread ") &&
              message.rest.number(thread)) {
     current().signal = number;
     current().signalFailed = message.rest.skip(" unsuccessfully");
@@ -209,21 +212,39 @@ void Storyteller::byDefault(Message& message) {
 
 void Storyteller::exit(Message& message) {
   int status = 0;
-  if (!open_ || !wholeNumber(message.rest, status)) {
+  if (!isOpen() || !wholeNumber(message.rest, status)) {
     return;
   }
   Decision& decision = current().decision;
   if (!decision.threadHook && !decision.processHook && (decision.byDefault || current().captured)) {
     decision.exitStatus = status;
     decision.at = decision.byDefault ? decision.at : message.at;
-    open_ = false;
+    end();
   }
 }
 
+DeadLoop& Storyteller::silenceOf(uint32_t threadId) {
+  Silence& silence = silences_[threadId];
+  silence.heardAt = ++crossings_;
+  if (silences_.size() > kMostSilent) {
+    silences_.erase(std::min_element(silences_.begin(), silences_.end(),
+                                     [](const auto& one, const auto& other) {
+                                       return one.second.heardAt < other.second.heardAt;
+                                     }));
+  }
+  return silence.known;
+}
+
 void Storyteller::begin(const DeadLoop& loop) {
-  index_ = loops_.size();
-  loops_.push_back(loop);
-  open_ = true;
+  end();
+  telling_ = tellings_->begin(loop);
+}
+
+void Storyteller::end() {
+  if (isOpen()) {
+    telling_->isOpen = false;
+    tellings_->tellEnded();
+  }
 }
 
 void Storyteller::captured(int number, std::string_view stamp, const LogTime& at) {
@@ -240,11 +261,12 @@ void Storyteller::captured(int number, std::string_view stamp, const LogTime& at
 
 // The line of the third threshold is lost, those of the others may be there.
 void Storyteller::recall(std::string_view thread) {
-  if (!open_ || !current().thread.empty()) {
+  if (!isOpen() || !current().thread.empty()) {
     return;
   }
   DeadLoop* found = nullptr;
-  for (auto& [id, known] : silences_) {
+  for (auto& [id, silence] : silences_) {
+    DeadLoop& known = silence.known;
     if (known.thread == thread && known.silence.back().threshold < 3) {
       found = found == nullptr ? &known : nullptr;
     }
@@ -259,7 +281,7 @@ void Storyteller::recall(std::string_view thread) {
 }
 
 void Storyteller::decide(bool Decision::*what, const LogTime& at) {
-  if (open_) {
+  if (isOpen()) {
     current().decision.*what = true;
     current().decision.at = at;
   }

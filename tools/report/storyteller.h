@@ -3,14 +3,17 @@
 
 #include <cstdint>
 #include <map>
-#include <string>
+#include <memory>
 #include <string_view>
-#include <vector>
 
 #include "dead_loop.h"
 #include "scanner.h"
+#include "tellings.h"
 
 namespace qurn::report {
+
+// What stands at the end of a line that the library cut.
+constexpr std::string_view kCutMark = " ... (cut)";
 
 // Whether the text begins as one of the messages that tell of a dead loop.
 bool beginsMessage(std::string_view text);
@@ -18,7 +21,7 @@ bool beginsMessage(std::string_view text);
 // What one writer tells, line by line. A line that is lost or cut costs what it held and no more.
 class Storyteller {
  public:
-  explicit Storyteller(std::vector<DeadLoop>& loops) : loops_(loops) {}
+  explicit Storyteller(Tellings& tellings) : tellings_(&tellings) {}
 
   // False when the text begins as no message does.
   bool tell(std::string_view text, std::string_view at);
@@ -39,20 +42,28 @@ class Storyteller {
   void exit(Message& message);
 
  private:
-  DeadLoop& current() { return loops_[index_]; }
+  DeadLoop& current() { return telling_->loop; }
+  [[nodiscard]] bool isOpen() const { return telling_ != nullptr && telling_->isOpen; }
   [[nodiscard]] bool reporting() const {
-    return open_ && !loops_[index_].decision.made() && !loops_[index_].decision.exitStatus;
+    return isOpen() && !telling_->loop.decision.made() && !telling_->loop.decision.exitStatus;
   }
 
+  DeadLoop& silenceOf(uint32_t threadId);
   void begin(const DeadLoop& loop);
+  void end();
   void captured(int number, std::string_view stamp, const LogTime& at);
   void recall(std::string_view thread);
   void decide(bool Decision::*what, const LogTime& at);
 
-  std::vector<DeadLoop>& loops_;
-  std::map<uint32_t, DeadLoop> silences_;  // what is known so far, by thread
-  size_t index_ = 0;
-  bool open_ = false;  // the dead loop at index_ may have more to come
+  struct Silence {
+    DeadLoop known;
+    uint64_t heardAt = 0;  // as a count of crossings
+  };
+
+  Tellings* tellings_;
+  std::map<uint32_t, Silence> silences_;  // by thread
+  uint64_t crossings_ = 0;
+  std::shared_ptr<Telling> telling_;  // the newest
 };
 
 }  // namespace qurn::report

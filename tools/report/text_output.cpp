@@ -175,6 +175,54 @@ class TextWriter {
   size_t widest_ = 0;  // time stamp so far
 };
 
+class TextOutput : public Output {
+ public:
+  TextOutput(std::ostream& out, bool inColour) : out_(out), writer_(out, inColour) {}
+  void tell(const DeadLoop& loop) override {
+    out_ << (isFirst_ ? "" : "\n");
+    isFirst_ = false;
+    writer_.write(loop);
+  }
+
+ private:
+  std::ostream& out_;
+  TextWriter writer_;
+  bool isFirst_ = true;
+};
+
+class TextGroupOutput : public Output {
+ public:
+  TextGroupOutput(std::ostream& out, bool inColour) : out_(out), writer_(out, inColour) {}
+  void tell(const DeadLoop& loop) override { groups_.add(loop); }
+  void end() override {
+    const std::vector<Group> groups = groups_.sorted();
+    for (const Group& group : groups) {
+      writer_.write(group);
+      out_ << (&group == &groups.back() ? "" : "\n");
+    }
+  }
+
+ private:
+  std::ostream& out_;
+  TextWriter writer_;
+  Groups groups_;
+};
+
+class CollapsedOutput : public Output {
+ public:
+  explicit CollapsedOutput(std::ostream& out) : out_(out) {}
+  void tell(const DeadLoop& loop) override { ++stacks_[collapsedStack(loop)]; }
+  void end() override {
+    for (const auto& [stack, count] : stacks_) {
+      out_ << printable(stack) << " " << count << "\n";
+    }
+  }
+
+ private:
+  std::ostream& out_;
+  Counts stacks_;
+};
+
 }  // namespace
 
 std::string decisionText(const DeadLoop& loop) {
@@ -192,26 +240,16 @@ std::string decisionText(const DeadLoop& loop) {
   return "the log ends before a decision";
 }
 
-void writeText(std::ostream& out, const std::vector<Group>& groups, bool inColour) {
-  TextWriter writer(out, inColour);
-  for (const Group& group : groups) {
-    writer.write(group);
-    out << (&group == &groups.back() ? "" : "\n");
-  }
+std::unique_ptr<Output> textOutput(std::ostream& out, bool inColour) {
+  return std::make_unique<TextOutput>(out, inColour);
 }
 
-void writeCollapsed(std::ostream& out, const Counts& stacks) {
-  for (const auto& [stack, count] : stacks) {
-    out << printable(stack) << " " << count << "\n";
-  }
+std::unique_ptr<Output> textGroupOutput(std::ostream& out, bool inColour) {
+  return std::make_unique<TextGroupOutput>(out, inColour);
 }
 
-void writeText(std::ostream& out, const std::vector<DeadLoop>& loops, bool inColour) {
-  TextWriter writer(out, inColour);
-  for (const DeadLoop& loop : loops) {
-    writer.write(loop);
-    out << (&loop == &loops.back() ? "" : "\n");
-  }
+std::unique_ptr<Output> collapsedOutput(std::ostream& out) {
+  return std::make_unique<CollapsedOutput>(out);
 }
 
 }  // namespace qurn::report
