@@ -9,7 +9,9 @@ target_compile_options(
             $<$<CXX_COMPILER_ID:Clang>:-Wno-missing-braces>
             -fstack-protector-strong
             # The same file from whatever directory it was built in.
-            -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+            -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+            $<$<COMPILE_LANG_AND_ID:C,Clang>:-fdebug-compilation-dir=.>
+            $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-fdebug-compilation-dir=.>)
 # Landing pads for indirect jumps, and return addresses that are checked, where the machine has it.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64")
   target_compile_options(qurn_build_flags INTERFACE -fcf-protection=full)

@@ -240,7 +240,7 @@ TEST_F(Inspection, ShowsStacksAndLetsEveryThreadGoOnAlsoWhenItIsKilled) {
       {"loop", "::spin()\" ... inspected.cpp"},
       {"normal", "lockMutex<0>() ... run("},
       {"joiner", "joinOne"},
-      {"loader", "\"waitForEver\" ... ::holdLoader( ... dl_iterate_phdr"},
+      {"loader", "waitForEver ... ::holdLoader( ... dl_iterate_phdr"},
       {"vfork", "uninterruptible sleep, not stopped"}};
   for (const auto& [name, way] : kWays) {
     SCOPED_TRACE(stacks[program.tids().at(name)]);

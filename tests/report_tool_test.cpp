@@ -303,14 +303,15 @@ TEST(Report, BareAddressesAreFoundInTheMemoryMap) {
                           frames + R"(; do printf " #%d 0x%x.\n" $n $address; n=$((n + 1)); done
                               echo " #5 i."; echo " #6 f+0x1.") | )" REPORT "--maps " +
                           maps;
-  expectAll({{log, 0,
-              "#0   hiddenFunction()   ... report_tool_test.cpp: ... "
-              "\n       inlinedFunction()   ... report_tool_test.cpp: ... (inlined)\n"
-              "  #1   hiddenFunction()+0x ... report_tool_test.cpp: ... #2   ... "
-              "  #3   [anonymous]+0x10\n  #4   [x]+0x20\n  #5   i\n  #6   f+0x1\n",
-              "#2   hiddenFunction() ... lacks frame"},
-             {log + " --json", 0, "inlinedFunction()\", ... \"inlined\": true"},
-             {log + " --collapsed", 0, ";hiddenFunction();inlinedFunction();hiddenFunction() 1"}});
+  expectAll(
+      {{log, 0,
+        "#0   hiddenFunction()   ... report_tool_test.cpp: ... "
+        "\n       inlinedFunction ... report_tool_test.cpp: ... (inlined)\n"
+        "  #1   hiddenFunction()+0x ... report_tool_test.cpp: ... #2   ... "
+        "  #3   [anonymous]+0x10\n  #4   [x]+0x20\n  #5   i\n  #6   f+0x1\n",
+        "#2   hiddenFunction() ... lacks frame"},
+       {log + " --json", 0, "inlinedFunction ... \"inlined\": true"},
+       {log + " --collapsed", 0, ";hiddenFunction();inlinedFunction ... ;hiddenFunction() 1"}});
   std::remove(maps.c_str());
 }
 

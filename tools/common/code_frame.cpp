@@ -5,21 +5,37 @@
 #include <elfutils/libdw.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 
 namespace qurn {
 namespace {
 
 std::string placeOf(const char* file, int line) {
-  return file == nullptr ? std::string() : std::string(file) + ":" + std::to_string(line);
+  return file == nullptr
+             ? std::string()
+             : std::filesystem::path(file).lexically_normal().string() + ":" + std::to_string(line);
 }
 
-std::string sourceOf(Dwfl_Module* module, uint64_t address) {
-  Dwfl_Line* found = dwfl_module_getsrc(module, address);
+// The unit whose code stands there. The table by which it is found at once is not written by every
+// compiler.
+Dwarf_Die* unitAt(Dwfl_Module* module, uint64_t address, Dwarf_Addr& bias) {
+  if (Dwarf_Die* unit = dwfl_module_addrdie(module, address, &bias)) {
+    return unit;
+  }
+  for (Dwarf_Die* unit = nullptr; (unit = dwfl_module_nextcu(module, unit, &bias)) != nullptr;) {
+    if (dwarf_haspc(unit, address - bias) == 1) {
+      return unit;
+    }
+  }
+  return nullptr;
+}
+
+std::string sourceOf(Dwarf_Die* unit, uint64_t address) {
+  Dwarf_Line* found = dwarf_getsrc_die(unit, address);
   int line = 0;
-  const char* file =
-      found == nullptr ? nullptr : dwfl_lineinfo(found, nullptr, &line, nullptr, nullptr, nullptr);
-  return placeOf(file, line);
+  const char* file = found == nullptr ? nullptr : dwarf_linesrc(found, nullptr, nullptr);
+  return file != nullptr && dwarf_lineno(found, &line) == 0 ? placeOf(file, line) : std::string();
 }
 
 // Where an inlined call stands in the function that it was inlined into.
@@ -46,21 +62,63 @@ std::string nameOfDie(Dwarf_Die* die) {
   return {};
 }
 
-// Adds the inlined frames and returns where the function itself stands.
-std::string addInlined(Dwfl_Module* module, uint64_t inside, const CodeFrame& frame,
-                       std::vector<CodeFrame>& frames) {
-  Dwarf_Addr bias = 0;
-  Dwarf_Die* unit = dwfl_module_addrdie(module, inside, &bias);
-  Dwarf_Die* scopes = nullptr;
-  const int count = unit == nullptr ? 0 : dwarf_getscopes(unit, inside - bias, &scopes);
-  std::string source = frame.source;
-  for (int i = 0; i < count; ++i) {
-    if (dwarf_tag(&scopes[i]) == DW_TAG_inlined_subroutine) {
-      frames.push_back({frame.address, nameOfDie(&scopes[i]), frame.module, 0, source, true});
-      source = callPlaceOf(&scopes[i], unit);
+bool mayHoldFunctions(Dwarf_Die* die) {
+  switch (dwarf_tag(die)) {
+    case DW_TAG_namespace:
+    case DW_TAG_class_type:
+    case DW_TAG_structure_type:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool isCodeAt(Dwarf_Die* die, uint64_t address) {
+  switch (dwarf_tag(die)) {
+    case DW_TAG_subprogram:
+    case DW_TAG_inlined_subroutine:
+    case DW_TAG_lexical_block:
+    case DW_TAG_try_block:
+    case DW_TAG_catch_block:
+      return dwarf_haspc(die, address) == 1;
+    default:
+      return false;
+  }
+}
+
+// Outermost first. The library's own search does not look into namespaces, where some compilers put
+// their functions.
+std::vector<Dwarf_Die> scopesAt(Dwarf_Die* unit, uint64_t address) {
+  std::vector<Dwarf_Die> scopes;
+  std::vector<Dwarf_Die> open{*unit};
+  while (!open.empty()) {
+    Dwarf_Die die = open.back();
+    open.pop_back();
+    int end = dwarf_child(&die, &die);
+    for (; end == 0 && !isCodeAt(&die, address); end = dwarf_siblingof(&die, &die)) {
+      if (mayHoldFunctions(&die)) {
+        open.push_back(die);
+      }
+    }
+    if (end == 0) {
+      scopes.push_back(die);
+      open = {die};
     }
   }
-  std::free(scopes);
+  return scopes;
+}
+
+// Adds the inlined frames and returns where the function itself stands.
+std::string addInlined(Dwarf_Die* unit, uint64_t address, const CodeFrame& frame,
+                       std::vector<CodeFrame>& frames) {
+  std::vector<Dwarf_Die> scopes = scopesAt(unit, address);
+  std::string source = frame.source;
+  for (auto scope = scopes.rbegin(); scope != scopes.rend(); ++scope) {
+    if (dwarf_tag(&*scope) == DW_TAG_inlined_subroutine) {
+      frames.push_back({frame.address, nameOfDie(&*scope), frame.module, 0, source, true});
+      source = callPlaceOf(&*scope, unit);
+    }
+  }
   return source;
 }
 
@@ -92,8 +150,11 @@ void explainCode(Dwfl* session, uint64_t address, bool isCaller, std::vector<Cod
         dwfl_module_info(module, nullptr, &start, nullptr, nullptr, nullptr, nullptr, nullptr));
     frame.module = path.substr(path.rfind('/') + 1);
     frame.offset = address - start;
-    frame.source = sourceOf(module, inside);
-    frame.source = addInlined(module, inside, frame, frames);
+    Dwarf_Addr bias = 0;
+    if (Dwarf_Die* unit = unitAt(module, inside, bias)) {
+      frame.source = sourceOf(unit, inside - bias);
+      frame.source = addInlined(unit, inside - bias, frame, frames);
+    }
     GElf_Off offset = 0;
     GElf_Sym symbol{};
     const char* name =

@@ -130,7 +130,7 @@ void CoreTarget::readFileNote(const std::string& note) {
     if (!copyFrom(note, 16 + i * 24, start) || !copyFrom(note, 24 + i * 24, end)) {
       return;
     }
-    const std::string name(note.c_str() + nameAt);
+    const std::string name = note.substr(nameAt, note.find('\0', nameAt) - nameAt);
     nameAt += name.size() + 1;
     files_[start] = {end, name};
   }
