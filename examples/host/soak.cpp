@@ -45,8 +45,8 @@ bool sleep_a_while() {
 bool poll_a_while() { return poll(nullptr, 0, 20) == 0; }
 
 bool wait_a_while() {
-  std::mutex mutex;
-  std::condition_variable never;
+  static std::mutex mutex;
+  static std::condition_variable never;
   std::unique_lock lock(mutex);
   return never.wait_for(lock, std::chrono::milliseconds(20)) == std::cv_status::timeout;
 }
