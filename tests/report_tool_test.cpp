@@ -323,10 +323,10 @@ TEST(Report, OfARealProcessHasTheSourceOfWhereItWasStuck) {
                               "/log " QURN_EMULATOR QURN_HOST " --period 200 --thresholds 1,1,2");
   ASSERT_EQ(run.status, 88) << run.output;
   // ThreadSanitizer runs the handler late, when the stack has moved on.
+  const bool hasFrames = std::string(QURN_SANITIZE) != "thread";
   const std::string frame =
-      std::string(QURN_SANITIZE) == "thread"
-          ? ""
-          : R"("function": "enter_a_loop" ... "source": "examples/host/scenarios.cpp: ... )";
+      hasFrames ? R"("function": "enter_a_loop" ... "source": "examples/host/scenarios.cpp: ... )"
+                : "";
   const auto changed = [&](const std::string& name, const std::string& change) {
     const std::string copy = kept + name;
     return "cp -rp " + kept + " " + copy + "; cd " + copy + "; " + change + "; " + REPORT +
@@ -342,16 +342,19 @@ TEST(Report, OfARealProcessHasTheSourceOfWhereItWasStuck) {
               0, "cannot read the memory map ... " + frame},
              {"cp -r " + kept + " " + kept + "0; rm " + kept + "0/*.maps; " + REPORT "--group " +
                   kept + "0/log " + kept + "/log",
-              0, "2 dead loops"},
-             {changed("1", "echo 00ff " QURN_HOST " | tee *.build-ids"), 0,
-              R"(qurn-host is not what the process of  ... it had 00ff ... "module": "libc.so.6")",
-              "scenarios.cpp"},
-             {changed("2", "rm *.build-ids; touch -d 1999-01-01 *.maps"), 0,
-              "qurn-host has changed since  ... \"module\": \"libc.so.6\"", "scenarios.cpp"},
-             {changed("3", "touch -d 1999-01-01 *.maps *.build-ids"), 0,
-              "is older than the report of", R"("module": ")"},
-             {changed("4", R"(sed -i "s/ 0x[0-9a-f]*\./ 0x10./" log)"), 0, "is another process",
-              R"("module": ")"}});
+              0, "2 dead loops"}});
+  if (hasFrames) {
+    expectAll(
+        {{changed("1", "echo 00ff " QURN_HOST " | tee *.build-ids"), 0,
+          R"(qurn-host is not what the process of  ... it had 00ff ... "module": "libc.so.6")",
+          "scenarios.cpp"},
+         {changed("2", "rm *.build-ids; touch -d 1999-01-01 *.maps"), 0,
+          "qurn-host has changed since  ... \"module\": \"libc.so.6\"", "scenarios.cpp"},
+         {changed("3", "touch -d 1999-01-01 *.maps *.build-ids"), 0, "is older than the report of",
+          R"("module": ")"},
+         {changed("4", R"(sed -i "s/ 0x[0-9a-f]*\./ 0x10./" log)"), 0, "is another process",
+          R"("module": ")"}});
+  }
   runProgram("rm -r " + kept + "*");
 }
 

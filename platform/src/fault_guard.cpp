@@ -61,6 +61,8 @@ void dropIfSpent(const Guarded& signal, const Theirs& theirs) noexcept {
 
 // As if ours were not there. Without a handler the fault happens again once this one has returned.
 void handOn(Guarded& signal, Theirs& theirs, siginfo_t& info, void* context) noexcept {
+  static_cast<void>(
+      theirs.isSpent.load());  // whoever replaced the action has written this behind it
   Action action = theirs.action;
   if ((static_cast<unsigned>(action.sa_flags) & SA_RESETHAND) != 0) {
     if (theirs.isSpent.exchange(true)) {
