@@ -337,21 +337,28 @@ TEST(Report, OfARealProcessHasTheSourceOfWhereItWasStuck) {
                   R"("exit_status": 88)",
               R"("thread_id": null ... "threshold": 4 ... "function": null,
         "module": null)"},
-             {REPORT "--json --maps /nowhere/; " REPORT "--json --program " QURN_HOST " <" + kept +
-                  "/log",
-              0, "cannot read the memory map ... " + frame},
-             {"cp -r " + kept + " " + kept + "0; rm " + kept + "0/*.maps; " + REPORT "--group " +
-                  kept + "0/log " + kept + "/log",
-              0, "2 dead loops"},
-             {changed("1", "echo 00ff " QURN_HOST " | tee *.build-ids"), 0,
-              R"(qurn-host is not what the process of  ... it had 00ff ... "module": "libc.so.6")",
-              "scenarios.cpp"},
-             {changed("2", "rm *.build-ids; touch -d 1999-01-01 *.maps"), 0,
-              "qurn-host has changed since  ... \"module\": \"libc.so.6\"", "scenarios.cpp"},
-             {changed("3", "touch -d 1999-01-01 *.maps *.build-ids"), 0,
-              "is older than the report of", R"("module": ")"},
-             {changed("4", R"(sed -i "s/ 0x[0-9a-f]*\./ 0x10./" log)"), 0, "is another process",
-              R"("module": ")"}});
+       {REPORT "--json --maps /nowhere/; " REPORT "--json --program " QURN_HOST " <" + kept +
+            "/log",
+        0, "cannot read the memory map ... " + frame},
+       {"cp -r " + kept + " " + kept + "0; rm " + kept + "0/*.maps; " + REPORT "--group " + kept +
+            "0/log " + kept + "/log",
+        0, "2 dead loops"},
+       {changed("1", "echo 00ff " QURN_HOST " | tee *.build-ids"), 0,
+        R"(qurn-host is not what the process of  ... it had 00ff ... "module": "libc.so.6")",
+        "scenarios.cpp"},
+       {changed("2", "rm *.build-ids; touch -d @0 *.maps"), 0,
+        "qurn-host has changed since  ... \"module\": \"libc.so.6\"", "scenarios.cpp"},
+       {changed("3", "touch -d 1999-01-01 *.maps *.build-ids"), 0, "is older than the report of",
+        R"("module": ")"},
+       {changed("5", "for ids in *.build-ids; do rm $ids; mkfifo $ids; done"), 0, frame},
+       {changed("6", "chmod 777 .; if ! chown 1 *.maps; then rm *.maps; echo another user; fi"), 0,
+        "another user", R"("module": ")"},
+       {changed("7",
+                "mv *.maps map; (cat log; until test -s told; do sleep 0.1; done; rm map; "
+                "cat log) | " REPORT "--json --follow --maps map >told; grep -c status told"),
+        0, "2\n"},
+       {changed("4", R"(sed -i "s/ 0x[0-9a-f]*\./ 0x10./" log)"), 0, "is another process",
+        R"("module": ")"}});
   runProgram("rm -r " + kept + "*");
 }
 
