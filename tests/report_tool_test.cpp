@@ -82,12 +82,15 @@ TEST(Report, IsTheSameWhateverStandsBeforeTheLine) {
   // Without the log's own head.
   for (const std::string prefix :
        {R"(\1T\2Z )", R"(\1T\2Z qurn: )", R"(\1T\2123+01:00 alpha qurn[1]: )",
-        R"(<14>1 \1T\2Z alpha qurn 1 kind - )", R"(alpha_1  | \1T\2123456Z )",
-        R"(\1T\2Z stderr F )", R"([pod\/a\/b] \1T\2Z )"}) {
+        R"(<14>1 \1T\2Z alpha qurn 1 kind - )", R"(<9>1 \1T\2Z a b 1 - - \xef\xbb\xbf)",
+        R"(alpha_1  | \1T\2123456Z )", R"(\1T\2Z stderr F )", R"([pod\/a\/b] \1T\2Z )"}) {
     logs.push_back(R"(sed -n "s/^\(....-..-..\) \(..:..:..\....\) .* 0 [^ ]*:[0-9]* /)" + prefix +
                    R"(/p" loop.log)");
   }
   expectSame("whole", logs);
+  expectAll({{"cd " GOLDEN R"(; sed "s/worker-2/] trigger third/" loop.log | )" REPORT
+              R"(| sed "s/. trigger third/worker-2/" | diff whole.txt -)",
+              0, ""}});
 }
 
 TEST(Report, TellsWritersApartThatHaveTheSameIds) {
