@@ -190,7 +190,7 @@ TEST(Report, ReadsWhatWasRotatedAndPackedAsOneLog) {
     sed "1,13d" loop.log >d/x.log && cp d/x.log e && cp d/x.log.1 e/x.log-20261126 &&
     cp d/x.log.2.gz e/x.log-20261125-235959.gz && cp d/x.log f && cp d/x.log.1 f/x.1.log &&
     gunzip <d/x.log.2.gz >f/x.2.log && sed "5q" loop.log >f/y.3.log && sed "1,5d" loop.log >f/y.2.log
-    cp hook.log f/h.log && touch -d "1 hour ago" f/h.log && touch -d "2 hours ago" f/x.2.log
+    cp hook.log f/h.log && ln -s y.2.log f/new && touch -d "1 hour ago" f/h.log && touch -d "2 hours ago" f/x.2.log
     for logs in d e "d/x.log d/x.log.1 d/x.log.2.gz" loop.log.zst
     do )" REPORT R"($logs | diff whole.txt -; done
     cat d/x.log.2.gz d/x.log.1 d/x.log | )" REPORT R"(| diff whole.txt -
@@ -235,6 +235,7 @@ TEST(Report, TellsOnlyWhatWasAskedFor) {
              told("--since 2026-11-26T06:59:26-0100", "1"),
              told("--until 2026-11-26", "1"),
              told("--since -3650d --until 2126-01-01", "3"),
+             told("--since -999999999d", "3"),
              told("--until -3650d", "1"),
              told("--process 24670 --process none", "1"),
              told("--process qurn-host --thread w", "1"),
@@ -286,6 +287,9 @@ TEST(Report, EndsAsItsHelpSays) {
              {REPORT "--base zz </dev/null", 2, ""},
              {REPORT "--maps /nonexistent/maps </dev/null", 2, ""},
              {REPORT "--nonsense", 2, "usage: qurn-report"},
+             {directoryWithLogs("escapes") + R"(name=$(printf "\033[m"); ln -s "$name" "$name"; )" +
+                  REPORT R"("$name" loop.log)",
+              2, R"(read \x1b[m: Too many ... Dead loop)"},
              {REPORT "a b", 2, ""}});
 }
 
