@@ -136,7 +136,7 @@ TEST(Report, ReadsAJournal) {
              {read + " --boot=-2", 2, "does not reach back"},
              {read + " --boot=x", 2, "no boot"},
              {read + " " GOLDEN "/loop.log", 2, "either the journal"},
-             {REPORT "--journal-dir " GOLDEN, 2, "there is no journal"},
+             {REPORT "--json --journal-dir " GOLDEN, 2, "there is no journal ... []"},
              {REPORT "--journal-dir /nowhere", 2, "cannot read the journal"},
              {"(sleep 0.5; " + make(journal + "/small/b.journal", "24671", more) + ") & " + read +
                   "/small --follow | sed -u /enter_a_loop_with/q",
