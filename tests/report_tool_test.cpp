@@ -276,6 +276,22 @@ TEST(Report, KeepsTheOrderOfTheBeginningsWithoutKeepingEverything) {
               "1 Dead loop of thread worker-2 (24683) ... 1500 Dead loop"}});
 }
 
+// Of many processes with many silent threads each, and of addresses that are all different.
+TEST(Report, KeepsLittleOfWhatItReads) {
+  if (kEmulated || sizeof(QURN_SANITIZE) > 1) {
+    GTEST_SKIP() << "what else lies in memory is larger";
+  }
+  const std::string limited = "ulimit -v 150000; awk \"BEGIN { for (i = 0; i < 400000; ++i) ";
+  const std::string silence = R"(printf \"2026-11-26T06:59:26Z a qurn[%d]: Frame task deadloop )"
+                              R"(detect, task [w:%d] trigger first\n\", i / 1000, i % 1000 }" | )";
+  const std::string address =
+      R"(printf \"%s#%d 0x%x.\n\", i % 32 ? \"\" : \"Captured process: a, pid: 1.\n\", i % 32, i }" | )";
+  expectAll(
+      {{limited + silence + REPORT, 1, ""},
+       {limited + address + REPORT "--base 7f0000000000 --program " QURN_REPORT " | tail -n 1", 0,
+        "#31"}});
+}
+
 TEST(Report, IsHarmlessToATerminalWhateverALogHolds) {
   const std::string odd =
       "cd " GOLDEN R"( && sed "s/worker-2/a\xc2\x9b\x7f\xff\xe2\x82\xac\xed\xa0\x80/
@@ -349,10 +365,11 @@ TEST(Report, OfARealProcessHasTheSourceOfWhereItWasStuck) {
     return "cp -rp " + kept + " " + copy + "; cd " + copy + "; " + change + "; " + REPORT +
            "--json log";
   };
-  expectAll({{REPORT "--json " + kept + "/log", 0,
-              R"("threshold": 1 ... "threshold": 2 ... "threshold": 3 ... )" + frame +
-                  R"("exit_status": 88)",
-              R"("thread_id": null ... "threshold": 4 ... "function": null,
+  expectAll(
+      {{REPORT "--json " + kept + "/log", 0,
+        R"("threshold": 1 ... "threshold": 2 ... "threshold": 3 ... )" + frame +
+            R"("exit_status": 88)",
+        R"("thread_id": null ... "threshold": 4 ... "function": null,
         "module": null)"},
        {REPORT "--json --maps /nowhere/; " REPORT "--json --program " QURN_HOST " <" + kept +
             "/log",
