@@ -225,6 +225,7 @@ TEST(Report, TellsWhatCouldBeReadOfADamagedArchive) {
       {{damaged(packed + "head -c 500"), 0, "input: ends before its archive does ... ]\n2"},
        {damaged(packed + "(head -c -8; echo 12345678)"), 0,
         "status\": 88 ... input: incorrect data check ... \"thread_hook\": true" + one},
+       {damaged(R"(printf "\3757zXZ"; cat loop.log)"), 0, "neither gzip nor zstd ... []\n2"},
        {damaged("cat loop.log.zst; cat hook.log"), 0, "88 ... \"thread_hook\": true ... ]\n0"},
        {damaged("cat loop.log.zst; head -c 300 loop.log.zst"), 0,
         "status\": 88 ... input: ends before its archive does ... ]\n2"},
