@@ -15,7 +15,7 @@
 namespace qurn::report {
 namespace {
 
-constexpr size_t kMostExplained = 10000;
+constexpr size_t kMostExplained = 1000;
 
 std::string fileNameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
