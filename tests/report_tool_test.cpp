@@ -295,11 +295,11 @@ TEST(Report, KeepsLittleOfWhatItReads) {
 
 TEST(Report, IsHarmlessToATerminalWhateverALogHolds) {
   const std::string odd =
-      "cd " GOLDEN R"( && sed "s/worker-2/a\xc2\x9b\x7f\xff\xe2\x82\xac\xed\xa0\x80/
+      "cd " GOLDEN R"( && sed "s/worker-2/a\xc2\x9b\x7f\xff\xe2\x82\xac\xef\xbf\xbf\xed\xa0\x80/
                                     s/time = 1203/time = 4294967295/; s/time = 3195/time = 0/
                                     s/time = 2195/time = 4294967296/" loop.log | )" REPORT;
   expectAll({{odd + "| head -n 4", 0,
-              R"(thread a\xc2\x9b\x7f\xff€\xed\xa0\x80 (24687) in ... )"
+              R"(thread a\xc2\x9b\x7f\xff€\xef\xbf\xbf\xed\xa0\x80 (24687) in ... )"
               R"(4294967.3 s ====================  first ... for ?   ... 0.0 s ... third)",
               "====================="},
              {odd + "--json | head -n 6", 0, R"("thread": "a\u009b\u007f)"}});
