@@ -1,6 +1,7 @@
 #include "explainer.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -14,18 +15,27 @@ namespace {
 
 constexpr size_t kMostProcesses = 16;  // as many as the platform keeps maps of
 
-// When it was last written; 0 when there is none.
-time_t timeOfFile(const std::string& path) {
+// When it was last written.
+std::optional<time_t> timeOfFile(const std::string& path) {
   struct stat status {};
-  return stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
+  return stat(path.c_str(), &status) == 0 ? std::optional(status.st_mtime) : std::nullopt;
+}
+
+// Another user's file, which nobody chose, where everybody may leave one.
+bool isForeign(const std::string& directory, const std::string& path) {
+  struct stat around {};
+  struct stat file {};
+  return stat(directory.c_str(), &around) == 0 && (around.st_mode & S_IWOTH) != 0 &&
+         lstat(path.c_str(), &file) == 0 && file.st_uid != 0 && file.st_uid != geteuid();
 }
 
 }  // namespace
 
 std::vector<std::string> mapDirectoriesBeside(const std::vector<std::string>& logs) {
   std::vector<std::string> directories;
+  std::error_code mistake;
   for (const std::string& log : logs) {
-    if (std::filesystem::is_directory(log)) {
+    if (std::filesystem::is_directory(log, mistake)) {
       directories.push_back(log);
     } else if (log != "-") {
       const std::string directory = std::filesystem::path(log).parent_path();
@@ -49,7 +59,7 @@ Explainer::Explainer(SymbolSources sources, Warn warn)
     }
   }
   isForAll_ = !sources_.maps.empty() && !std::filesystem::is_directory(sources_.maps);
-  if (isForAll_ && processOf(sources_.maps).symbols == nullptr) {
+  if (isForAll_ && processOf(sources_.maps) == nullptr) {
     throw std::runtime_error("cannot read the memory map " + sources_.maps);
   }
 }
@@ -69,8 +79,8 @@ void Explainer::explain(DeadLoop& loop) {
 
 Symbols* Explainer::symbolsOf(const DeadLoop& loop) {
   if (isForAll_) {
-    const Process& process = processOf(sources_.maps);
-    return isOf(loop, process) ? process.symbols.get() : program_.get();
+    const Process* process = processOf(sources_.maps);
+    return process != nullptr && isOf(loop, *process) ? process->symbols.get() : program_.get();
   }
   if (loop.processId != 0) {
     for (const std::string& directory : directoriesFor(loop)) {
@@ -95,31 +105,41 @@ std::vector<std::string> Explainer::directoriesFor(const DeadLoop& loop) const {
 
 // Another process may have had the same id.
 Symbols* Explainer::symbolsIn(const std::string& directory, const DeadLoop& loop) {
-  const Process& process = processOf(directory + "/" + std::to_string(loop.processId) + ".maps");
-  if (process.symbols == nullptr) {
+  const std::string path = directory + "/" + std::to_string(loop.processId) + ".maps";
+  if (sources_.maps.empty() && isForeign(directory, path)) {
+    warnings_.add(path + " is another user's; it is not used");
     return nullptr;
   }
-  if (process.map.isOlderThan(loop)) {
-    warnings_.add(process.map.path + " is older than the report of process " +
-                  std::to_string(loop.processId) + "; it is not used");
+  const Process* process = processOf(path);
+  if (process == nullptr) {
     return nullptr;
   }
-  return isOf(loop, process) ? process.symbols.get() : nullptr;
+  if (process->map.isOlderThan(loop)) {
+    warnings_.add(path + " is older than the report of process " + std::to_string(loop.processId) +
+                  "; it is not used");
+    return nullptr;
+  }
+  return isOf(loop, *process) ? process->symbols.get() : nullptr;
 }
 
-Explainer::Process& Explainer::processOf(const std::string& mapPath) {
+// Null without a map. While a log is followed, maps come, are replaced and go.
+Explainer::Process* Explainer::processOf(const std::string& mapPath) {
+  const std::optional<time_t> madeAt = timeOfFile(mapPath);
+  if (!madeAt) {
+    return nullptr;
+  }
   if (processes_.size() >= kMostProcesses && !processes_.contains(mapPath)) {
     processes_.clear();
   }
-  Process& process = processes_[mapPath];
-  // While a log is followed, maps come and are replaced.
-  if (const time_t madeAt = timeOfFile(mapPath); madeAt != process.map.madeAt) {
+  const auto [known, isNew] = processes_.try_emplace(mapPath);
+  Process& process = known->second;
+  if (isNew || *madeAt != process.map.madeAt) {
     const std::optional<MemoryMap> map = readMemoryMap(mapPath);
     process.map = map.value_or(MemoryMap{});
-    process.map.madeAt = madeAt;
+    process.map.madeAt = *madeAt;
     process.symbols = map ? Symbols::ofProcess(*map, sources_.program, warnings_) : nullptr;
   }
-  return process;
+  return process.symbols == nullptr ? nullptr : &process;
 }
 
 bool Explainer::isOf(const DeadLoop& loop, const Process& process) {

@@ -43,7 +43,7 @@ class Explainer {
   Symbols* symbolsOf(const DeadLoop& loop);
   [[nodiscard]] std::vector<std::string> directoriesFor(const DeadLoop& loop) const;
   Symbols* symbolsIn(const std::string& directory, const DeadLoop& loop);
-  Process& processOf(const std::string& mapPath);
+  Process* processOf(const std::string& mapPath);
   bool isOf(const DeadLoop& loop, const Process& process);
 
   SymbolSources sources_;

@@ -13,35 +13,38 @@ namespace qurn::report {
 namespace {
 
 // Where a thread waits says little of why: frames of locks, of the C library and of system calls.
-constexpr std::array<std::string_view, 22> kWaits{"__",
-                                                  "_IO_",
-                                                  "lll_",
-                                                  "pthread_",
-                                                  "epoll_",
-                                                  "sem_",
-                                                  "clock_",
-                                                  "std::__",
-                                                  "std::mutex",
-                                                  "std::unique_lock",
-                                                  "std::lock_guard",
-                                                  "std::condition_variable",
-                                                  "std::this_thread",
-                                                  "futex",
-                                                  "syscall",
-                                                  "poll",
-                                                  "ppoll",
-                                                  "select",
-                                                  "read",
-                                                  "write",
-                                                  "recv",
-                                                  "nanosleep"};
-constexpr size_t kBeginnings = 13;  // those at the front begin many names
+constexpr std::array<std::string_view, 10> kBeginnings{"__",
+                                                       "_IO_",
+                                                       "lll_",
+                                                       "pthread_",
+                                                       "std::__",
+                                                       "std::mutex",
+                                                       "std::unique_lock",
+                                                       "std::lock_guard",
+                                                       "std::condition_variable",
+                                                       "std::this_thread"};
+constexpr std::array<std::string_view, 54> kWaits{
+    "accept",        "accept4",       "calloc",      "clock_gettime", "clock_nanosleep",
+    "close",         "connect",       "epoll_pwait", "epoll_pwait2",  "epoll_wait",
+    "fgets",         "fflush",        "fprintf",     "fputs",         "fread",
+    "free",          "fsync",         "futex",       "futex_wait",    "fwrite",
+    "getline",       "ioctl",         "malloc",      "memcmp",        "memcpy",
+    "memmove",       "memset",        "nanosleep",   "open",          "poll",
+    "ppoll",         "printf",        "pselect",     "read",          "realloc",
+    "recv",          "recvfrom",      "recvmsg",     "sched_yield",   "select",
+    "sem_clockwait", "sem_timedwait", "sem_wait",    "send",          "sendmsg",
+    "sendto",        "sleep",         "strcmp",      "strlen",        "syscall",
+    "usleep",        "wait4",         "waitpid",     "write"};
 
-bool isWait(const std::string& name) {
-  const auto* beginnings = kWaits.begin() + kBeginnings;
-  return std::any_of(kWaits.begin(), beginnings,
-                     [&](std::string_view wait) { return name.starts_with(wait); }) ||
-         std::find(beginnings, kWaits.end(), name) != kWaits.end();
+bool isWait(const Frame& frame) {
+  // What it does not export has a name only where the process's memory map is there.
+  if (frame.address != 0 && frame.module.starts_with("libc.so")) {
+    return true;
+  }
+  const std::string name = demangled(frame.symbol);
+  return std::any_of(kBeginnings.begin(), kBeginnings.end(),
+                     [&](std::string_view beginning) { return name.starts_with(beginning); }) ||
+         std::find(kWaits.begin(), kWaits.end(), name) != kWaits.end();
 }
 
 // Without any name a stack is like no other, and what is stuck is known by its thread at most.
@@ -59,9 +62,8 @@ std::string namelessFingerprintOf(const DeadLoop& loop) {
 std::string fingerprintOf(const DeadLoop& loop) {
   const std::vector<Frame>& frames = loop.frames;
   const auto isNamed = [](const Frame& frame) { return !frame.symbol.empty() && !frame.isInlined; };
-  auto stuck = std::find_if(frames.begin(), frames.end(), [&](const Frame& frame) {
-    return isNamed(frame) && !isWait(demangled(frame.symbol));
-  });
+  auto stuck = std::find_if(frames.begin(), frames.end(),
+                            [&](const Frame& frame) { return isNamed(frame) && !isWait(frame); });
   stuck = stuck == frames.end() ? std::find_if(frames.begin(), frames.end(), isNamed) : stuck;
   if (stuck == frames.end()) {
     return namelessFingerprintOf(loop);
@@ -116,11 +118,13 @@ std::vector<Group> Groups::sorted() const {
 }
 
 std::string collapsedStack(const DeadLoop& loop) {
-  std::string stack = loop.process.empty() ? "?" : loop.process;
+  const auto box = [](std::string name) {
+    std::replace(name.begin(), name.end(), ';', ':');  // which separates boxes
+    return name.empty() ? "?" : name;
+  };
+  std::string stack = box(loop.process);
   for (auto frame = loop.frames.rbegin(); frame != loop.frames.rend(); ++frame) {
-    std::string name = nameOf(*frame);
-    std::replace(name.begin(), name.end(), ';', ':');  // which separates frames
-    stack += ";" + (name.empty() ? "?" : name);
+    stack += ";" + box(nameOf(*frame));
   }
   return stack;
 }

@@ -5,6 +5,7 @@
 
 #include "../common/code_frame.h"
 #include "output.h"
+#include "printable.h"
 
 namespace qurn::report {
 namespace {
@@ -98,11 +99,24 @@ Json jsonOf(const DeadLoop& loop) {
           {"missing", missingFrom(loop)}};
 }
 
+// Names that are no UTF-8 must not become one.
+Json jsonOf(const Counts& counts) {
+  Json object = Json::object();
+  for (const auto& [what, count] : counts) {
+    object[printable(what)] = count;
+  }
+  return object;
+}
+
 Json jsonOf(const Group& group) {
-  return {{"count", group.count},         {"first", orNull(group.first)},
-          {"last", orNull(group.last)},   {"longest_silence_ms", orNull(group.longestSilenceMs)},
-          {"processes", group.processes}, {"threads", group.threads},
-          {"decisions", group.decisions}, {"frames", framesOf(group.example)}};
+  return {{"count", group.count},
+          {"first", orNull(group.first)},
+          {"last", orNull(group.last)},
+          {"longest_silence_ms", orNull(group.longestSilenceMs)},
+          {"processes", jsonOf(group.processes)},
+          {"threads", jsonOf(group.threads)},
+          {"decisions", jsonOf(group.decisions)},
+          {"frames", framesOf(group.example)}};
 }
 
 // Element by element, as a dump of the whole would be.

@@ -87,6 +87,14 @@ Part partOf(const std::string& path) {
   return part;
 }
 
+// As the newest log often has one: "x.log" is "x-20261126.log".
+bool isSecondName(const fs::directory_entry& entry) {
+  std::error_code gone;
+  const fs::path file = fs::canonical(entry.path(), gone);
+  return entry.is_symlink(gone) && !file.filename().string().starts_with('.') &&
+         file.parent_path() == fs::canonical(entry.path().parent_path(), gone);
+}
+
 // The files of a directory, those of a log that was written to later behind others'; what is no
 // directory as it is.
 void addFiles(const std::string& path, std::vector<std::string>& files) {
@@ -100,7 +108,8 @@ void addFiles(const std::string& path, std::vector<std::string>& files) {
   for (fs::directory_iterator entry(path, mistake), end; !mistake && entry != end;
        entry.increment(mistake)) {
     std::error_code gone;
-    if (entry->is_regular_file(gone) && !entry->path().filename().string().starts_with('.')) {
+    if (entry->is_regular_file(gone) && !entry->path().filename().string().starts_with('.') &&
+        !isSecondName(*entry)) {
       found.push_back(partOf(entry->path().string()));
       fs::file_time_type& last =
           written.try_emplace(found.back().log, fs::file_time_type::min()).first->second;

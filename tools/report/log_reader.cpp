@@ -9,6 +9,7 @@ namespace qurn::report {
 namespace {
 
 constexpr size_t kMostWriters = 8000;
+constexpr size_t kMostSilent = 100'000;   // threads of all writers
 constexpr size_t kMostLineBytes = 16384;  // a few times what the library writes
 
 }  // namespace
@@ -28,13 +29,15 @@ void LogReader::take(std::string_view text, const JournalRecord& record) {
   text.remove_suffix(text.ends_with('\r') ? 1 : 0);
   const LogLine line = takeApart(text, beginsMessage);
   if (beginsMessage(line.message)) {
-    tellerOf(record.writer + line.writer())
-        .tell(line.message, line.at.empty() ? std::string_view(record.at) : line.at);
+    Storyteller& teller = tellerOf(record.writer + line.writer());
+    silent_ -= teller.silentCount();
+    teller.tell(line.message, line.at.empty() ? std::string_view(record.at) : line.at);
+    silent_ += teller.silentCount();
   }
 }
 
 Storyteller& LogReader::tellerOf(const std::string& writer) {
-  if (writers_.size() >= kMostWriters) {
+  if (writers_.size() >= kMostWriters || silent_ >= kMostSilent) {
     forgetQuietWriters();
   }
   Writer& found = writers_.try_emplace(writer, Writer{Storyteller(tellings_)}).first->second;
@@ -52,6 +55,10 @@ void LogReader::forgetQuietWriters() {
   const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
   std::nth_element(times.begin(), middle, times.end());
   std::erase_if(writers_, [&](const auto& entry) { return entry.second.heardAt < *middle; });
+  silent_ = 0;
+  for (const auto& [name, writer] : writers_) {
+    silent_ += writer.teller.silentCount();
+  }
 }
 
 }  // namespace qurn::report

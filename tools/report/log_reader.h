@@ -38,6 +38,7 @@ class LogReader {
   Tellings tellings_;
   std::map<std::string, Writer> writers_;
   uint64_t messages_ = 0;
+  size_t silent_ = 0;  // threads, of all writers
 };
 
 }  // namespace qurn::report

@@ -149,8 +149,11 @@ std::optional<Time> timeOrAgeIn(std::string_view text, Time now) {
   const bool isNumber = rest.number(count);
   const auto* unit = std::find_if(kUnits.begin(), kUnits.end(),
                                   [&](const Unit& one) { return one.name == rest.text(); });
-  return isNumber && unit != kUnits.end() ? std::optional(now - count * unit->length)
-                                          : std::nullopt;
+  // Before all times, which would overflow.
+  constexpr std::chrono::seconds kLongest = std::chrono::hours(24) * 365 * 9999;
+  return isNumber && unit != kUnits.end()
+             ? std::optional(now - std::min(count * unit->length, kLongest))
+             : std::nullopt;
 }
 
 Time currentTime() {

@@ -77,7 +77,9 @@ bool readLogs(const Options& options, const Sink& tell) {
   return isWell;
 }
 
-void readJournal(const Options& options, LogReader& reader) {
+bool readJournal(const Options& options, const Sink& tell) {
+  LogReader reader(tell);
+  bool isWell = true;
   try {
     Journal journal(*options.journal, options.selection);
     const auto read = [&] {
@@ -88,10 +90,12 @@ void readJournal(const Options& options, LogReader& reader) {
     if (options.follow) {
       follow({read, [&journal] { return journal.descriptor(); }}, reader, std::cout);
     }
-    reader.finish();
   } catch (const std::runtime_error& mistake) {
-    fail(mistake.what());
+    complain(mistake.what());
+    isWell = false;
   }
+  reader.finish();
+  return isWell;
 }
 
 int report(const Options& options) {
@@ -106,13 +110,7 @@ int report(const Options& options) {
     output->tell(loop);
     status = kFound;
   };
-  bool isWell = true;
-  if (options.journal) {
-    LogReader reader(tell);
-    readJournal(options, reader);
-  } else {
-    isWell = readLogs(options, tell);
-  }
+  const bool isWell = options.journal ? readJournal(options, tell) : readLogs(options, tell);
   output->end();
   if (!std::cout.flush() && !isReaderGone()) {
     fail("cannot write all of it");

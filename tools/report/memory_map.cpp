@@ -18,12 +18,19 @@ namespace {
 
 constexpr time_t kTolerance = 5;  // seconds: a stamp has whole ones, and copies keep no order
 constexpr time_t kStampZone = time_t{8} * 60 * 60;
+constexpr off_t kMostBytes = off_t{64} << 20;  // a few times what a map of 65530 files has
 
 // When the report was made; 0 when it does not tell.
 time_t timeOf(const DeadLoop& loop) {
   tm at{};
   const char* end = strptime(loop.captureStamp.c_str(), "%Y-%m-%d %H:%M:%S", &at);
   return end == nullptr ? 0 : timegm(&at) - kStampZone;
+}
+
+// What stands beside a log may be anything, also what would never end.
+bool isToBeRead(const std::string& path, struct stat& status) {
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+         status.st_size <= kMostBytes && access(path.c_str(), R_OK) == 0;
 }
 
 // "ID FILE" lines.
@@ -66,15 +73,14 @@ bool MemoryMap::isOlderThan(const DeadLoop& loop) const {
 std::optional<MemoryMap> readMemoryMap(const std::string& path) {
   constexpr std::string_view kEnding = ".maps";
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
-      access(path.c_str(), R_OK) != 0) {
+  if (!isToBeRead(path, status)) {
     return std::nullopt;
   }
   MemoryMap map{path, status.st_mtime, false, {}, readUnfiledCode(path)};
   if (path.ends_with(kEnding)) {
     const std::string ids = path.substr(0, path.size() - kEnding.size()) + ".build-ids";
     // Older ones are another process's, which had the same id.
-    if (stat(ids.c_str(), &status) == 0 && status.st_mtime + kTolerance >= map.madeAt) {
+    if (isToBeRead(ids, status) && status.st_mtime + kTolerance >= map.madeAt) {
       map.isOfReport = true;
       map.buildIds = readBuildIds(ids);
     }

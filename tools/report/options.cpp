@@ -8,6 +8,8 @@
 #include <cstring>
 #include <iostream>
 
+#include "printable.h"
+
 namespace qurn::report {
 namespace {
 
@@ -146,7 +148,8 @@ Options parseOptions(int argc, char** argv) {
   return options;
 }
 
-void complain(const std::string& why) { std::cerr << "qurn-report: " << why << "\n"; }
+// Names of files may be whatever a log may hold.
+void complain(const std::string& why) { std::cerr << "qurn-report: " << printable(why) << "\n"; }
 
 void fail(const std::string& why) {
   complain(why);

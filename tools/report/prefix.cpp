@@ -204,7 +204,10 @@ bool takeColumns(Scanner& rest, LogLine& line) {
     return false;
   }
   std::string_view data;
-  return rest.skip("- ") || (rest.text().starts_with('[') && rest.textBefore("] ", data));
+  const bool isWhole =
+      rest.skip("- ") || (rest.text().starts_with('[') && rest.textBefore("] ", data));
+  rest.skip("\xEF\xBB\xBF");  // which may tell that the message is UTF-8
+  return isWhole;
 }
 
 // The length of "HOST PROGRAM[ID]:" or "HOST PROGRAM:", where the host may be left out, or 0.

@@ -19,7 +19,8 @@ constexpr std::array<Lead, 4> kLeads{
 bool isShown(uint32_t character) {
   const bool isControl = character < ' ' || (character >= 0x7F && character < 0xA0);
   const bool isHalf = character >= 0xD800 && character < 0xE000;
-  return !isControl && !isHalf && character <= 0x10FFFF;
+  const bool isNone = (character & 0xFFFE) == 0xFFFE;  // which no document may hold
+  return !isControl && !isHalf && !isNone && character <= 0x10FFFF;
 }
 
 // The length of the character that the text begins with, 0 when it is not to be shown.

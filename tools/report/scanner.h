@@ -35,6 +35,14 @@ class Scanner {
     return skip(literal);
   }
 
+  // The text up to the last `literal` that begins within so many bytes, where the text may hold it.
+  bool textBeforeLast(std::string_view literal, std::string_view& text, size_t mostBytes) {
+    const size_t at = rest_.rfind(literal, mostBytes);
+    text = rest_.substr(0, at);
+    rest_.remove_prefix(text.size());
+    return skip(literal);
+  }
+
  private:
   std::string_view rest_;
 };

@@ -8,8 +8,9 @@
 namespace qurn::report {
 namespace {
 
-constexpr size_t kMostFrames = 64;    // more than the library ever writes
-constexpr size_t kMostSilent = 1000;  // threads of one writer, of which most are soon heard again
+constexpr size_t kMostFrames = 64;     // more than the library ever writes
+constexpr size_t kMostTaskBytes = 72;  // a name that is all control characters, and an id
+constexpr size_t kMostSilent = 1000;   // threads of one writer, of which most are soon heard again
 
 struct Rule {
   std::string_view text;
@@ -119,7 +120,7 @@ bool Storyteller::tell(std::string_view text, std::string_view at) {
 
 void Storyteller::crossing(Message& message) {
   std::string_view task;
-  if (!message.rest.textBefore("] trigger ", task)) {
+  if (!message.rest.textBeforeLast("] trigger ", task, kMostTaskBytes)) {
     return;
   }
   Crossing crossing{thresholdOf(message.rest.text()), message.at, 0, true};

@@ -25,6 +25,7 @@ class Storyteller {
 
   // False when the text begins as no message does.
   bool tell(std::string_view text, std::string_view at);
+  [[nodiscard]] size_t silentCount() const { return silences_.size(); }
 
   struct Message {
     Scanner rest;  // behind the text that it was recognised by

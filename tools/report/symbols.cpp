@@ -15,6 +15,8 @@
 namespace qurn::report {
 namespace {
 
+constexpr size_t kMostExplained = 1000;
+
 std::string fileNameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 struct Sought {
@@ -198,6 +200,9 @@ uint64_t Symbols::addressOf(const Frame& frame) {
 }
 
 const std::vector<Frame>& Symbols::explain(const Frame& frame, bool isCaller) {
+  if (explained_.size() >= kMostExplained) {
+    explained_.clear();
+  }
   auto [known, isNew] = explained_.try_emplace((isCaller ? "caller " : "") + frame.text);
   std::vector<Frame>& frames = known->second;
   if (!isNew) {
