@@ -60,6 +60,9 @@ struct Registers {
 
 class Target {
  public:
+  Target() = default;
+  Target(const Target&) = delete;
+  Target& operator=(const Target&) = delete;
   virtual ~Target() = default;
 
   // All or nothing.

@@ -31,6 +31,7 @@ class Explainer {
   Explainer(SymbolSources sources, Warn warn);
   Explainer(const Explainer&) = delete;
   Explainer& operator=(const Explainer&) = delete;
+  ~Explainer() = default;
 
   void explain(DeadLoop& loop);
 

@@ -17,6 +17,7 @@ class LogFile {
   LogFile(std::string path, LogText& text);
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
+  ~LogFile() = default;
 
   [[nodiscard]] bool isOpen() const { return descriptor() >= 0; }
   void readToEnd();

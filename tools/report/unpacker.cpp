@@ -37,7 +37,7 @@ class Gzip : public Archive {
       packed.remove_prefix(packed.size() - stream_->avail_in);
       take({block_.data(), block_.size() - stream_->avail_out});
     } while (result == Z_OK && (!packed.empty() || stream_->avail_out == 0));
-    isWhole_ = result == Z_STREAM_END;
+    setWhole(result == Z_STREAM_END);
     const bool isFine = result == Z_OK || result == Z_STREAM_END || result == Z_BUF_ERROR;
     return isFine ? "" : stream_->msg == nullptr ? "damaged" : stream_->msg;
   }
@@ -65,7 +65,7 @@ class Zstd : public Archive {
       take({block_.data(), out.pos});
     } while (result != 0 && ZSTD_isError(result) == 0 && (in.pos < in.size || out.pos == out.size));
     packed.remove_prefix(in.pos);
-    isWhole_ = result == 0;
+    setWhole(result == 0);
     return ZSTD_isError(result) == 0 ? "" : ZSTD_getErrorName(result);
   }
 

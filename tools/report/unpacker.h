@@ -25,6 +25,9 @@ class Archive {
   [[nodiscard]] bool isWhole() const { return isWhole_; }
 
  protected:
+  void setWhole(bool isWhole) { isWhole_ = isWhole; }
+
+ private:
   bool isWhole_ = false;
 };
 
