@@ -15,7 +15,7 @@ function(qurn_manual page)
   install(FILES ${file} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${made_COMPONENT})
 endfunction()
 
-file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man)
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
 foreach(page libqurnadapt.3 qurnadapt.yaml.5)
   set(component development)
   if(page MATCHES yaml)
