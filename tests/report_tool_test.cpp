@@ -297,14 +297,14 @@ TEST(Report, IsHarmlessToATerminalWhateverALogHolds) {
 }
 
 TEST(Report, EndsAsItsHelpSays) {
-  expectAll({{REPORT "--help", 0, "usage: qurn-report"},
+  expectAll({{REPORT "--help", 0, "Usage: qurn-report"},
              {REPORT GOLDEN "/loop.log", 0, "Dead loop of thread worker-2"},
              {REPORT "</dev/null", 1, ""},
              {REPORT "/nonexistent/log", 2, ""},
              {REPORT "--program /nonexistent/program </dev/null", 2, ""},
              {REPORT "--base zz </dev/null", 2, ""},
              {REPORT "--maps /nonexistent/maps </dev/null", 2, ""},
-             {REPORT "--nonsense", 2, "usage: qurn-report"},
+             {REPORT "--nonsense", 2, "Usage: qurn-report"},
              {directoryWithLogs("escapes") + R"(name=$(printf "\033[m"); ln -s "$name" "$name"; )" +
                   REPORT R"("$name" loop.log)",
               2, R"(read \x1b[m: Too many ... Dead loop)"},

@@ -83,7 +83,7 @@ constexpr std::array<Rule, 7> kRules{
 
 [[noreturn]] void help() {
   std::puts(
-      "usage: qurn-guard [OPTIONS] COMMAND [ARGUMENTS...]\n"
+      "Usage: qurn-guard [OPTIONS] COMMAND [ARGUMENTS...]\n"
       "\n"
       "Runs COMMAND, a service that tells $NOTIFY_SOCKET READY=1 within 30 s and WATCHDOG=1 from "
       "then\n"
@@ -93,14 +93,18 @@ constexpr std::array<Rule, 7> kRules{
       "the\n"
       "guard end both, the service by SIGTERM.\n");
   for (const Rule& rule : kRules) {
-    std::printf("  %-29s %s (default: %s)\n",
+    std::printf("  %-30s %s (default: %s)\n",
                 (std::string("--") + rule.name + " " + rule.value).c_str(), rule.meaning,
                 rule.told({}).c_str());
   }
   std::puts(
-      "  --help                        this text\n"
+      "  --help                         this text\n"
       "\n"
-      "The command before a kill has the service's process id as its $1 and as $MAINPID.");
+      "The command before a kill has the service's process id as its $1 and as $MAINPID.\n"
+      "\n"
+      "Ends with the status of the service's last run, 128 and the signal's number if it died of "
+      "one,\n"
+      "127 if it could not be started; with 2 after a mistake in the options.");
   std::exit(0);
 }
 

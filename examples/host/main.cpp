@@ -56,9 +56,20 @@ void listScenarios() {
 
 [[noreturn]] void usage(int status) {
   std::fputs(
-      "usage: qurn-host [--scenario NAME] [--thresholds INFO,WARNING,FATAL (s)] [--period MS]\n"
-      "                 [--config FILE] [--seconds N (0: until SIGTERM)]\n"
-      "       qurn-host --list\n",
+      "Usage: qurn-host [OPTIONS]\n"
+      "\n"
+      "Serves with three watched threads. After a second the second one meets the scenario.\n"
+      "\n"
+      "  --scenario NAME     what happens to it, healthy by default\n"
+      "  --list              scenarios: name, exit status of the host, where it is stuck, story\n"
+      "  --thresholds INFO,WARNING,FATAL\n"
+      "                      seconds of silence, 1,2,3 by default\n"
+      "  --period MS         how often the threads are looked at, 500 by default\n"
+      "  --config FILE       in place of $TOV_COMP_CFG\n"
+      "  --seconds N         how long it serves, 8 by default; 0: until SIGTERM\n"
+      "\n"
+      "Ends with status 0 when its time is over, 1 when start-up fails, 88 after a dead loop,\n"
+      "2 after a mistake.\n",
       status == 0 ? stdout : stderr);
   std::exit(status);
 }

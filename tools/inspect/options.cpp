@@ -11,7 +11,8 @@ namespace qurn::inspect {
 namespace {
 
 constexpr const char* kUsage =
-    "usage: qurn-inspect [OPTIONS] PID|CORE\n"
+    "Usage: qurn-inspect [OPTIONS] PID|CORE\n"
+    "\n"
     "Tells what each watched thread of a process is up to, who waits for whom, and who deadlocks.\n"
     "Without --stacks nothing is stopped or attached to.\n"
     "\n"

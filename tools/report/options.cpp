@@ -14,7 +14,8 @@ namespace qurn::report {
 namespace {
 
 constexpr const char* kUsage =
-    "usage: qurn-report [OPTIONS] [LOG]...\n"
+    "Usage: qurn-report [OPTIONS] [LOG]...\n"
+    "\n"
     "Prints the dead loops that the LOGs, or standard input, tell of. A LOG may be a directory of\n"
     "logs, and be packed by gzip or zstd. The parts of one that was rotated are read as one.\n"
     "\n"
