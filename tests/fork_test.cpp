@@ -224,9 +224,9 @@ TEST_F(Fork, BesideAThreadThatNeverLeavesATableTheChildGoesOn) {
   if (!kThreadsInChild) {
     GTEST_SKIP();
   }
-  for (const auto& [place, isGood] : {std::pair{Stuck::kReadingATable, &findsTablesWhole},
-                                      std::pair{Stuck::kChangingATable, &startsTablesAnew}}) {
-    EXPECT_TRUE(inChild([place = place, isGood = isGood] {
+  for (const auto& [where, asks] : {std::pair{Stuck::kReadingATable, &findsTablesWhole},
+                                    std::pair{Stuck::kChangingATable, &startsTablesAnew}}) {
+    EXPECT_TRUE(inChild([place = where, isGood = asks] {
       g_oldHandle = nbb_create_handle(&g_oldHandle);
       g_stuck = place;
       std::thread([] {

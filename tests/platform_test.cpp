@@ -150,14 +150,14 @@ TEST(IgnoredSignal, OfTheTerminalLetsTheInterruptedCallEnd) {
   if (kSanitizers == "thread") {
     GTEST_SKIP() << "its handlers wait for the call to end";
   }
-  for (const auto& [handler, deliveries] :
+  for (const auto& [ours, times] :
        {std::pair{&FrameSignalIgnoreFunc, 0}, std::pair{&ignoreTheThird, 3}}) {
-    EXPECT_TRUE(inBackground([handler = handler, deliveries = deliveries](int terminal) {
+    EXPECT_TRUE(inBackground([handler = ours, deliveries = times](int terminal) {
       KEM_SigcapHandleReg(SIGTTIN, handler);
       char text = 0;
       return read(terminal, &text, 1) == -1 && errno == EIO && g_deliveries == deliveries;
     }));
-    EXPECT_TRUE(inBackground([handler = handler, deliveries = deliveries](int terminal) {
+    EXPECT_TRUE(inBackground([handler = ours, deliveries = times](int terminal) {
       KEM_SigcapHandleReg(SIGTTOU, handler);
       termios settings{};
       return tcgetattr(terminal, &settings) == 0 && tcsetattr(terminal, TCSANOW, &settings) == 0 &&
