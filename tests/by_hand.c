@@ -7,6 +7,13 @@
 #include <stdio.h>
 #include <string.h>
 
+/* Older components declare calls without their arguments, of which newer compilers warn. */
+#if defined(__has_warning)
+#if __has_warning("-Wdeprecated-non-prototype")
+#pragma GCC diagnostic ignored "-Wdeprecated-non-prototype"
+#endif
+#endif
+
 extern uint32_t FrameSignalIsSupportIgnore(), FrameIsHexNum(), FrameIsSpace();
 extern uint32_t FrameIsDeadloopThresholdValid(), FrameIsTaskDeadloopHandleValid();
 extern uint32_t FrameIsMonitorTaskExist(), FrameIsTerminatedTaskReleased();
