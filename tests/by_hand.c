@@ -1,18 +1,18 @@
 /* A component that declares the interface by hand, as older ones do, in a program that is not
  * position-independent and takes some of the calls' places: what it sees of widths, addresses and
  * replaced calls. Ends with the number of mistakes. */
-#include <qurnadapt/legacy_fixed.h>
-#include <stdarg.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <string.h>
-
 /* Older components declare calls without their arguments, of which newer compilers warn. */
 #if defined(__has_warning)
 #if __has_warning("-Wdeprecated-non-prototype")
 #pragma GCC diagnostic ignored "-Wdeprecated-non-prototype"
 #endif
 #endif
+
+#include <qurnadapt/legacy_fixed.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
 
 extern uint32_t FrameSignalIsSupportIgnore(), FrameIsHexNum(), FrameIsSpace();
 extern uint32_t FrameIsDeadloopThresholdValid(), FrameIsTaskDeadloopHandleValid();
