@@ -8,13 +8,15 @@
 /* Marks the names that the shared library exports; everything else stays hidden. */
 #define QURN_API __attribute__((visibility("default")))
 
-/* Stand around the declarations of a header: C linkage. */
+/* Stand around the declarations of a header: C linkage, and no warning of parameter lists that are
+ * empty on purpose, see below. */
 #ifdef __cplusplus
 #define QURN_BEGIN_DECLS extern "C" {
 #define QURN_END_DECLS }
 #else
-#define QURN_BEGIN_DECLS
-#define QURN_END_DECLS
+#define QURN_BEGIN_DECLS \
+  _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wstrict-prototypes\"")
+#define QURN_END_DECLS _Pragma("GCC diagnostic pop")
 #endif
 
 /* The parameter list of a call that takes any arguments: C before 2023

@@ -13,9 +13,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+QURN_BEGIN_DECLS
 
 /* ---- Framework log library ---- */
 
@@ -161,8 +159,6 @@ uint32_t RuloPluginAssert(const char* file, uint32_t line, uint32_t third);
  *   void RuloPluginCheckAndRepairDeadloop(void);          a plug-in's repair function
  */
 
-#ifdef __cplusplus
-}
-#endif
+QURN_END_DECLS
 
 #endif

@@ -13,9 +13,7 @@
 #include <qurnadapt/platform.h>
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+QURN_BEGIN_DECLS
 
 /* Sets the dead-loop hook that the framework keeps for a thread until it ends, null to drop it.
  * Returns 0, or 0xFFFFFFFF when there is no such thread or 64 have one already. Thread-safe. */
@@ -47,8 +45,6 @@ void TovStandInMemoryHeld(uint32_t handleId, uint64_t* blocks, uint64_t* bytes);
 /* Hands a line to print for each place whose blocks are still held. */
 void TovStandInMemoryPrint(KemPrintHook print);
 
-#ifdef __cplusplus
-}
-#endif
+QURN_END_DECLS
 
 #endif
