@@ -16,7 +16,7 @@
 #else
 #define QURN_BEGIN_DECLS \
   _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wstrict-prototypes\"")
-#define QURN_END_DECLS _Pragma("GCC diagnostic pop")
+#define QURN_END_DECLS _Pragma("GCC diagnostic pop") /* Ends what QURN_BEGIN_DECLS began. */
 #endif
 
 /* The parameter list of a call that takes any arguments: C before 2023
