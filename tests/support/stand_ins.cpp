@@ -44,6 +44,11 @@ constinit std::atomic<const char*> g_redirected{nullptr};
 constinit std::atomic<const char*> g_redirectedTo{nullptr};
 constinit std::atomic<const char*> g_symbolLine{nullptr};
 
+const char* redirected(const char* path) {
+  const char* to = g_redirectedTo;
+  return to != nullptr && std::string_view(path).ends_with(g_redirected.load()) ? to : path;
+}
+
 char** linesOfSymbol() {
   auto** lines = static_cast<char**>(malloc(sizeof(char*) + strlen(g_symbolLine) + 1));
   lines[0] = strcpy(reinterpret_cast<char*>(lines + 1), g_symbolLine);
@@ -188,11 +193,12 @@ void onThread(const std::string& name, const std::function<void()>& body) {
   }).join();
 }
 
-// Defines NAME, as it is declared, to have the result FAILURE when its fault strikes. `next()` is
-// what would have been called. The definition is inline, so there when its address is asked for.
+// Defines NAME, as it is declared, to have the result FAILURE when the fault of CALL strikes.
+// `next()` is what would have been called. The definition is inline, so there when its address is
+// asked for.
 #pragma GCC diagnostic ignored "-Wattributes"
 #pragma GCC diagnostic ignored "-Wignored-attributes"
-#define MAY_FAIL(NAME, FAILURE)                                              \
+#define MAY_FAIL_AS(CALL, NAME, FAILURE)                                     \
   template <typename>                                                        \
   struct Definition_##NAME;                                                  \
   template <typename Result, typename... Arguments, bool quiet>              \
@@ -200,14 +206,18 @@ void onThread(const std::string& name, const std::function<void()>& body) {
     friend Result NAME(Arguments... arguments) noexcept(quiet) {             \
       static constinit std::atomic<Result (*)(Arguments...)> found{nullptr}; \
       const auto next = [&] { return real(found, #NAME)(arguments...); };    \
-      return fault::strikes(#NAME) ? (FAILURE) : next();                     \
+      return fault::strikes(CALL) ? (FAILURE) : next();                      \
     }                                                                        \
   };                                                                         \
   template struct Definition_##NAME<decltype(::NAME)>;                       \
   [[gnu::used]] constexpr auto kAddressOf_##NAME = &::NAME;
+#define MAY_FAIL(NAME, FAILURE) MAY_FAIL_AS(#NAME, NAME, FAILURE)
 
 // Not variadic here: an argument that a caller leaves out is one that nobody reads.
 extern "C" int prctl(int option, void* argument) noexcept;
+// What a compiler that checks the sizes of objects calls in place of the plain ones.
+extern "C" int __poll_chk(pollfd* fds, nfds_t count, int timeout, size_t bytes);
+extern "C" ssize_t __read_chk(int fd, void* bytes, size_t count, size_t capacity);
 
 MAY_FAIL(KEM_CpuTick2Ms, 7)
 MAY_FAIL(KEM_HandleFinalize, 7)
@@ -223,6 +233,7 @@ MAY_FAIL(TovYamlLoadFile, nullptr)
 MAY_FAIL(epoll_create, -1)
 MAY_FAIL(epoll_ctl, -1)
 MAY_FAIL(poll, -1)
+MAY_FAIL_AS("poll", __poll_chk, -1)
 MAY_FAIL(epoll_wait, -1)
 MAY_FAIL(gmtime_r, nullptr)
 MAY_FAIL(localtime_r, nullptr)
@@ -239,6 +250,7 @@ MAY_FAIL(pthread_rwlock_init, errno)
 MAY_FAIL(pthread_rwlock_rdlock, errno)
 MAY_FAIL(pthread_rwlock_wrlock, errno)
 MAY_FAIL(read, -1)
+MAY_FAIL_AS("read", __read_chk, -1)
 MAY_FAIL(sigaction, -1)
 MAY_FAIL(strdup, nullptr)
 MAY_FAIL(timerfd_create, -1)
@@ -282,9 +294,12 @@ unsigned sleep(unsigned /*seconds*/) {
 
 int open(const char* path, int flags, mode_t mode) {
   static auto* const next = real<int(const char*, int, mode_t)>("open");
-  const char* to = g_redirectedTo;
-  const bool redirected = to != nullptr && std::string_view(path).ends_with(g_redirected.load());
-  return fault::strikes("open") ? -1 : next(redirected ? to : path, flags, mode);
+  return fault::strikes("open") ? -1 : next(redirected(path), flags, mode);
+}
+
+int __open_2(const char* path, int flags) {
+  static auto* const next = real<int(const char*, int)>("__open_2");
+  return fault::strikes("open") ? -1 : next(redirected(path), flags);
 }
 
 int _snprintf_s_chk(char* dest, size_t capacity, size_t /*bos*/, const char* format, ...) {
