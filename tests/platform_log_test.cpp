@@ -27,7 +27,7 @@ TEST(Log, WritesALineAMessageDropsRepeatsAndIsRotated) {
                     "echo $level:; TOV_LOG_LEVEL=$level " +
                     kLines +
                     " report; done; "
-                    "TOV_LOG_TARGET=paper TOV_LOG_FILE_BYTES=10k " +
+                    "TOV_LOG_TARGET=paper TOV_LOG_FILE_BYTES=10k TOV_LOG_FILES=100 " +
                     kLines + " odd; " + kLines + " deaf",
                 "log.txt"),
         0, ""},
@@ -40,6 +40,9 @@ TEST(Log, WritesALineAMessageDropsRepeatsAndIsRotated) {
        {"d=$(mktemp -d); TOV_LOG_FILE_BYTES=10000 TOV_LOG_TARGET=file:$d/log " + kLines +
             "; cd $d; find . -size +10000c; echo *; rm -r $d",
         0, "log log.1 log.2 log.3 log.4 log.5\n", "unit ... ./log"},
+       {"d=$(mktemp -d); TOV_LOG_FILES=1 TOV_LOG_FILE_BYTES=10000 TOV_LOG_TARGET=file:$d/log " +
+            kLines + "; ls $d; rm -r $d",
+        0, "log\nlog.1\n", "log.2"},
        {kLines + " terminal", 0, ""},
        {"{ { sleep 0.5; " + kLines + "; echo status $? >&3; } 2>&1 | true; } 3>&1", 0, "status 0"},
        {"d=$(mktemp); " + kLines + " full 2>$d; cat $d; rm $d", 0,

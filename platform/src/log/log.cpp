@@ -140,7 +140,7 @@ Take destinationFor(const Settings& settings) {
   }
   if (target.starts_with("file:")) {
     try {
-      openFile(target.substr(5), settings.fileBytes);
+      openFile(target.substr(5), settings.fileBytes, settings.rotatedKept);
       return writeToFile;
     } catch (const std::exception& mistake) {
       std::fprintf(stderr, "log file: %s; logging to standard error\n", mistake.what());

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <limits>
 #include <string_view>
 #include <system_error>
 
@@ -17,6 +18,8 @@ namespace tov::log {
 namespace {
 
 constexpr size_t kDefaultFileBytes = size_t{10} << 20U;
+constexpr size_t kDefaultRotated = 5;
+constexpr size_t kMostRotated = 99;  // each rotation renames them all
 
 // An empty value is none.
 const char* valueOf(const char* variable) {
@@ -82,28 +85,30 @@ void readTarget(Settings& settings) {
   }
 }
 
-void readFileBytes(Settings& settings) {
-  const char* value = valueOf("TOV_LOG_FILE_BYTES");
+// From 1 on; the setting is its default before.
+void readNumber(const char* variable, size_t most, size_t& setting) {
+  const char* value = valueOf(variable);
   if (value == nullptr) {
     return;
   }
   const std::string_view text(value);
-  size_t bytes = 0;
-  const auto [end, mistake] = std::from_chars(text.data(), text.data() + text.size(), bytes);
-  if (mistake == std::errc() && end == text.data() + text.size() && bytes > 0) {
-    settings.fileBytes = bytes;
+  size_t number = 0;
+  const auto [end, mistake] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (mistake == std::errc() && end == text.data() + text.size() && number > 0 && number <= most) {
+    setting = number;
   } else {
-    tellUnknown("TOV_LOG_FILE_BYTES", value, std::to_string(kDefaultFileBytes).c_str());
+    tellUnknown(variable, value, std::to_string(setting).c_str());
   }
 }
 
 }  // namespace
 
 Settings readSettings() {
-  Settings settings{false, Level::kInfo, {}, kDefaultFileBytes};
+  Settings settings{false, Level::kInfo, {}, kDefaultFileBytes, kDefaultRotated};
   readLevel(settings);
   readTarget(settings);
-  readFileBytes(settings);
+  readNumber("TOV_LOG_FILE_BYTES", std::numeric_limits<size_t>::max(), settings.fileBytes);
+  readNumber("TOV_LOG_FILES", kMostRotated, settings.rotatedKept);
   return settings;
 }
 

@@ -13,7 +13,8 @@ struct Settings {
   bool isOff;   // nothing is written at all
   Level least;  // of a message, not of a report's lines
   std::string target;
-  size_t fileBytes;  // a log file is rotated at
+  size_t fileBytes;    // a log file is rotated at
+  size_t rotatedKept;  // so many that were are kept
 };
 
 Settings readSettings();
