@@ -16,7 +16,7 @@ std::string asKnown(const std::string& command, const std::string& known) {
                           s/b:[0-9]+\]/b]/
                           s/(x|[\]x1b){20,}/.../
                           s/^(TID|THREAD_NAME)=.*/\1=/
-                          s/(management_stand_in:)[0-9]+/\1/" | diff )" GOLDEN "/" +
+                          s/(management_stand_in:| log:)[0-9]+/\1/" | diff )" GOLDEN "/" +
          known + " -";
 }
 
@@ -27,7 +27,8 @@ TEST(Log, WritesALineAMessageDropsRepeatsAndIsRotated) {
                     "echo $level:; TOV_LOG_LEVEL=$level " +
                     kLines +
                     " report; done; "
-                    "TOV_LOG_TARGET=paper TOV_LOG_FILE_BYTES=10k TOV_LOG_FILES=100 " +
+                    "TOV_LOG_TARGET=paper TOV_LOG_FILE_BYTES=10k TOV_LOG_FILES=100 "
+                    "TOV_LOG_TARGTE=syslog TOV_LOG_NONE= " +
                     kLines + " odd; " + kLines + " deaf",
                 "log.txt"),
         0, ""},

@@ -1,9 +1,10 @@
-// What the environment says about the log. What it says wrongly is told on standard error.
+// What the environment says about the log. A value that is none is told on standard error.
 #pragma once
 
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "record.h"
 
@@ -18,5 +19,8 @@ struct Settings {
 };
 
 Settings readSettings();
+
+// Whose names are as those of the log's are: misspelt, perhaps.
+std::vector<std::string> unknownVariables();
 
 }  // namespace tov::log
