@@ -61,8 +61,9 @@ std::string mistakes(const Json& found, const Inspected& program, const Hidden& 
     const bool isRight = row.is_object() && row["verdict"] == expected &&
                          (expected != verdict || holderIn(row) == holder) &&
                          (name != "blocker" || row["blocks_signal"] != false);
-    const bool blocks = std::string("working loop starved ended uninterruptible").find(verdict) ==
-                        std::string::npos;
+    const bool blocks =
+        std::string("working loop starved ended uninterruptible paging").find(verdict) ==
+        std::string::npos;
     const bool waitIsRight = !blocks || (waits.contains(tid) && waits[tid]["kind"] == kind &&
                                          holderIn(waits[tid]) == holder);
     if (!isRight || !waitIsRight) {
@@ -185,7 +186,8 @@ TEST_F(Inspection, TellsTheTruthOfATracedProcess) {
   }
 }
 
-const Hidden kDead{{"loop", "unknown"}, {"working", "sleep"}, {"timer", "syscall"}};
+const Hidden kDead{
+    {"loop", "unknown"}, {"paging", "unknown"}, {"working", "sleep"}, {"timer", "syscall"}};
 
 // A core that is cut off anywhere does no harm.
 void expectTruthOfCore(const Inspected& program, const std::string& core) {

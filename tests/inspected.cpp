@@ -3,12 +3,16 @@
 // is a second, which a hook deals with. Prints the truth, a line each: "NAME TID VERDICT HOLDER",
 // then "ready", and "disturbed" whenever a wait is interrupted; "mainless" ends the main thread
 // then.
+#include <fcntl.h>
 #include <link.h>
+#include <linux/userfaultfd.h>
 #include <netinet/in.h>
 #include <qurnadapt/qurnadapt.h>
 #include <sched.h>
 #include <semaphore.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -41,6 +45,10 @@ std::latch g_last{1};  // whose lock the others may need to get where they belon
 pthread_rwlock_t g_written = PTHREAD_RWLOCK_INITIALIZER;
 pthread_rwlock_t g_read = PTHREAD_RWLOCK_INITIALIZER;
 pthread_once_t g_once = PTHREAD_ONCE_INIT;
+
+// Gets the faults at a page that nobody fills; -1 where that is not permitted. Those of user space
+// alone need no right.
+const int g_faults = static_cast<int>(syscall(SYS_userfaultfd, O_CLOEXEC | UFFD_USER_MODE_ONLY));
 
 pthread_mutex_t mutexOf(int type, int protocol = PTHREAD_PRIO_NONE,
                         int robust = PTHREAD_MUTEX_STALLED) {
@@ -166,6 +174,17 @@ void waitForSignal() {
   while (sigtimedwait(&set, nullptr, &day) < 0) {
     std::puts("disturbed");
   }
+}
+
+void touchMissingPage() {
+  const auto bytes = static_cast<size_t>(getpagesize());
+  void* page = mmap(nullptr, bytes, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  uffdio_api api{UFFD_API, 0, 0};
+  uffdio_register range{
+      {reinterpret_cast<uintptr_t>(page), bytes}, UFFDIO_REGISTER_MODE_MISSING, 0};
+  ioctl(g_faults, UFFDIO_API, &api);
+  ioctl(g_faults, UFFDIO_REGISTER, &range);
+  static_cast<void>(*static_cast<volatile char*>(page));
 }
 
 [[gnu::noinline]] void spin() {
@@ -322,6 +341,7 @@ constexpr Place kPlaces[] = {
     {"loop", "loop", "-", spin},
     {"loader", "syscall", "-", [] { dl_iterate_phdr(holdLoader, nullptr); }},
     {"loading", "mutex", "loader", load},
+    {"paging", "paging", "-", touchMissingPage},
     {"ended", "ended", "-", [] {}},
     {"\033[2J\xFF\"", "syscall", "-", waitForEver},
     // From here on for "hard" only.
@@ -330,7 +350,7 @@ constexpr Place kPlaces[] = {
     {"vforking", "working", "-", vforkAndBeat},
     {"starved", "starved", "-", starve},
 };
-constexpr size_t kHard = 4;
+constexpr ptrdiff_t kHard = 4;
 
 }  // namespace
 
@@ -346,21 +366,23 @@ int main(int argc, char** argv) {
   if (FRAME_MntInit() != 0) {
     return 1;
   }
+  std::vector<Place> places(kPlaces, std::end(kPlaces) - (third == "hard" ? 0 : kHard));
+  std::erase_if(places, [](const Place& place) {
+    return place.getStuck == touchMissingPage && g_faults < 0;
+  });
   std::vector<std::thread> threads;  // which keep their ids, ended or not
-  const size_t count = std::size(kPlaces) - (third == "hard" ? 0 : kHard);
-  for (size_t i = 0; i < count; ++i) {
-    if (kPlaces[i].getStuck != nullptr) {
-      threads.emplace_back(run, kPlaces[i]);
+  for (const Place& place : places) {
+    if (place.getStuck != nullptr) {
+      threads.emplace_back(run, place);
     }
-    if (i == 0) {
+    if (threads.size() == 1) {
       g_kept.wait();
     }
   }
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   usleep(1'300'000);  // everybody is there, and has been silent for a second
   const std::scoped_lock lock(g_tidsMutex);
-  for (size_t i = 0; i < count; ++i) {
-    const auto& [name, verdict, holder, getStuck] = kPlaces[i];
+  for (const auto& [name, verdict, holder, getStuck] : places) {
     std::printf("%s %d %s %d\n", name, g_tids[name], verdict, g_tids[holder]);
   }
   std::puts("ready");

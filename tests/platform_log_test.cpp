@@ -16,7 +16,7 @@ std::string asKnown(const std::string& command, const std::string& known) {
                           s/b:[0-9]+\]/b]/
                           s/(x|[\]x1b){20,}/.../
                           s/^(TID|THREAD_NAME)=.*/\1=/
-                          s/(management_stand_in:)[0-9]+/\1/" | diff )" GOLDEN "/" +
+                          s/(management_stand_in:| log:)[0-9]+/\1/" | diff )" GOLDEN "/" +
          known + " -";
 }
 
@@ -27,7 +27,8 @@ TEST(Log, WritesALineAMessageDropsRepeatsAndIsRotated) {
                     "echo $level:; TOV_LOG_LEVEL=$level " +
                     kLines +
                     " report; done; "
-                    "TOV_LOG_TARGET=paper TOV_LOG_FILE_BYTES=10k " +
+                    "TOV_LOG_TARGET=paper TOV_LOG_FILE_BYTES=10k TOV_LOG_FILES=100 "
+                    "TOV_LOG_TARGTE=syslog TOV_LOG_NONE= " +
                     kLines + " odd; " + kLines + " deaf",
                 "log.txt"),
         0, ""},
@@ -40,6 +41,9 @@ TEST(Log, WritesALineAMessageDropsRepeatsAndIsRotated) {
        {"d=$(mktemp -d); TOV_LOG_FILE_BYTES=10000 TOV_LOG_TARGET=file:$d/log " + kLines +
             "; cd $d; find . -size +10000c; echo *; rm -r $d",
         0, "log log.1 log.2 log.3 log.4 log.5\n", "unit ... ./log"},
+       {"d=$(mktemp -d); TOV_LOG_FILES=1 TOV_LOG_FILE_BYTES=10000 TOV_LOG_TARGET=file:$d/log " +
+            kLines + "; ls $d; rm -r $d",
+        0, "log\nlog.1\n", "log.2"},
        {kLines + " terminal", 0, ""},
        {"{ { sleep 0.5; " + kLines + "; echo status $? >&3; } 2>&1 | true; } 3>&1", 0, "status 0"},
        {"d=$(mktemp); " + kLines + " full 2>$d; cat $d; rm $d", 0,

@@ -164,6 +164,11 @@ class Judge {
       decide(thread, Verdict::kUnknown, "takes a second look");
       return;
     }
+    const bool isNoWait = wait == nullptr && earlier == nullptr;
+    if (isNoWait && isPaging(*before) && isPaging(*after) && ran <= betweenNs_ / 10) {
+      decide(thread, Verdict::kPaging, "waits for a page that somebody in user space is to fill");
+      return;
+    }
     const auto kept = static_cast<int64_t>(after->delayNs - before->delayNs);
     // The delay is only counted once it is over.
     const bool neverSlept =
@@ -178,6 +183,11 @@ class Judge {
       thread.holder = wait->holder;
       decide(thread, wait->kind, wordsFor(*wait));
     }
+  }
+
+  // Asleep in a page fault that has been handed to whoever holds the memory's userfaultfd.
+  static bool isPaging(const Detail& detail) {
+    return detail.state == 'S' && detail.kernelPlace == "handle_userfault";
   }
 
   [[nodiscard]] std::string wordsFor(const Wait& wait) const {

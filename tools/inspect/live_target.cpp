@@ -204,7 +204,7 @@ std::optional<Detail> LiveTarget::detailOf(pid_t tid) const {
   detail.sleeps = std::strtoull(valueIn(status, "voluntary_ctxt_switches").c_str(), nullptr, 10);
   std::sscanf(textOf(tid, "schedstat").c_str(), "%" SCNu64 " %" SCNu64, &detail.runNs,
               &detail.delayNs);
-  if (detail.state == 'D') {
+  if (detail.state == 'D' || detail.state == 'S') {
     detail.kernelPlace = trimmed(textOf(tid, "wchan"));
   }
   return detail;

@@ -5,10 +5,10 @@
 namespace qurn::inspect {
 
 std::string_view wordOf(Verdict verdict) {
-  constexpr std::array<std::string_view, 16> kWords{
-      "working",   "loop",   "mutex",   "rwlock",          "lock",    "join",    "condition",
-      "semaphore", "sleep",  "syscall", "uninterruptible", "starved", "stopped", "traced",
-      "ended",     "unknown"};
+  constexpr std::array<std::string_view, 17> kWords{
+      "working",   "loop",  "mutex",   "rwlock",          "lock",   "join",    "condition",
+      "semaphore", "sleep", "syscall", "uninterruptible", "paging", "starved", "stopped",
+      "traced",    "ended", "unknown"};
   return kWords[static_cast<size_t>(verdict)];
 }
 

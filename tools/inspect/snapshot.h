@@ -26,6 +26,7 @@ enum class Verdict : uint8_t {
   kSleep,
   kSyscall,
   kUninterruptible,
+  kPaging,
   kStarved,
   kStopped,
   kTraced,

@@ -1,12 +1,5 @@
 /* What the stand-in platform offers beyond the platform interface, for hosts, examples and tests.
- *
- * Environment variables, read when the library is loaded:
- *   TOV_COMP_CFG        path of the component configuration file (parameter 12), read at each use
- *   TOV_LOG_LEVEL       "info" (default), "warning", "error" or "off", in any case
- *   TOV_LOG_TARGET      "stderr", "syslog", "journal", or "file:PATH" with rotation; by default
- *                       the journal where standard error leads to it, else standard error
- *   TOV_LOG_FILE_BYTES  size at which a log file is rotated, default 10485760; five are kept
- */
+ * The environment variables that it goes by are in docs/configuration.md. */
 #ifndef TOVPLATFORM_STAND_IN_H
 #define TOVPLATFORM_STAND_IN_H
 

@@ -20,6 +20,7 @@
 #include <memory>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "common/fork_mutex.h"
 #include "common/scoped_fd.h"
@@ -177,7 +178,8 @@ namespace {
 
 class RotatedFile {
  public:
-  RotatedFile(const std::filesystem::path& path, size_t most) : most_(most) {
+  RotatedFile(const std::filesystem::path& path, size_t most, size_t kept)
+      : paths_(1 + kept), most_(most) {
     paths_[0] = path;
     for (size_t i = 1; i < paths_.size(); ++i) {
       const std::string name = path.stem().string() + "." + std::to_string(i);
@@ -211,8 +213,6 @@ class RotatedFile {
   }
 
  private:
-  static constexpr size_t kKept = 5;
-
   bool makeRoom(size_t bytes) noexcept {
     uint64_t length = 0;
     if (!fd_.isOurs(length)) {
@@ -221,7 +221,7 @@ class RotatedFile {
     if (length == 0 || length + bytes <= most_) {
       return true;
     }
-    for (size_t i = kKept; i > 1; --i) {
+    for (size_t i = paths_.size() - 1; i > 1; --i) {
       rename(paths_[i - 1].c_str(), paths_[i].c_str());
     }
     isTorn_ = false;
@@ -233,7 +233,7 @@ class RotatedFile {
     return open();
   }
 
-  std::array<std::filesystem::path, 1 + kKept> paths_;  // the newest first
+  std::vector<std::filesystem::path> paths_;  // the newest first
   size_t most_;
   OwnFd fd_;
   bool isTorn_ = false;  // the last line has no end
@@ -243,10 +243,10 @@ constinit RotatedFile* g_file = nullptr;
 
 }  // namespace
 
-void openFile(const std::string& path, size_t bytes) {
+void openFile(const std::string& path, size_t bytes, size_t kept) {
   std::error_code none;
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), none);
-  auto file = std::make_unique<RotatedFile>(path, bytes);
+  auto file = std::make_unique<RotatedFile>(path, bytes, kept);
   if (!file->open()) {
     throw std::system_error(errno, std::generic_category(), path);
   }

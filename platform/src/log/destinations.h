@@ -17,9 +17,9 @@ namespace tov::log {
 // Past the stream of that name: a thread may be stuck with it locked.
 bool writeToStandardError(const Record& record, int patienceMs) noexcept;
 
-// Rotated at so many bytes. Throws when it cannot be opened, or is no regular file: who writes to
-// another may have to wait.
-void openFile(const std::string& path, size_t bytes);
+// Rotated at so many bytes, and so many rotated ones are kept. Throws when it cannot be opened, or
+// is no regular file: who writes to another may have to wait.
+void openFile(const std::string& path, size_t bytes, size_t kept);
 bool writeToFile(const Record& record, int patienceMs) noexcept;
 
 // Its own socket: the C library's call would take the lock of its time zones. Without one, standard

@@ -140,7 +140,7 @@ Take destinationFor(const Settings& settings) {
   }
   if (target.starts_with("file:")) {
     try {
-      openFile(target.substr(5), settings.fileBytes);
+      openFile(target.substr(5), settings.fileBytes, settings.rotatedKept);
       return writeToFile;
     } catch (const std::exception& mistake) {
       std::fprintf(stderr, "log file: %s; logging to standard error\n", mistake.what());
@@ -169,9 +169,18 @@ const Setup& setup() {
   return instance;
 }
 
+void tellUnknownVariables() {
+  static constexpr char kUnit[] = "log";
+  for (const std::string& variable : unknownVariables()) {
+    LOG_InnerPrint(0, kUnit, sizeof(kUnit) - 1, "<unknown>", 9, __LINE__, TOV_LOG_WARNING,
+                   "%s: unknown variable, nothing is taken from it", variable.c_str());
+  }
+}
+
 // At load, so that no message has to set the destination up.
 __attribute__((constructor)) void prepare() {
   setup();
+  tellUnknownVariables();
   qurn::holdAcrossFork<[]() -> qurn::ForkMutex& { return g_lock; }>();
   static_cast<void>(pthread_atfork(nullptr, nullptr, [] { t_tid = 0; }));
 }

@@ -4,19 +4,30 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <limits>
 #include <string_view>
 #include <system_error>
 
 namespace tov::log {
 namespace {
 
+constexpr const char* kLevel = "TOV_LOG_LEVEL";
+constexpr const char* kTarget = "TOV_LOG_TARGET";
+constexpr const char* kFileBytes = "TOV_LOG_FILE_BYTES";
+constexpr const char* kFiles = "TOV_LOG_FILES";
+constexpr std::array<std::string_view, 4> kVariables{kLevel, kTarget, kFileBytes, kFiles};
+constexpr std::string_view kPrefix = "TOV_LOG_";
+
 constexpr size_t kDefaultFileBytes = size_t{10} << 20U;
+constexpr size_t kDefaultRotated = 5;
+constexpr size_t kMostRotated = 99;  // each rotation renames them all
 
 // An empty value is none.
 const char* valueOf(const char* variable) {
@@ -40,7 +51,7 @@ void readLevel(Settings& settings) {
                                         {"error", false, Level::kError},
                                         {"err", false, Level::kError},
                                         {"off", true, Level::kError}}};
-  const char* value = valueOf("TOV_LOG_LEVEL");
+  const char* value = valueOf(kLevel);
   if (value == nullptr) {
     return;
   }
@@ -51,7 +62,7 @@ void readLevel(Settings& settings) {
       return;
     }
   }
-  tellUnknown("TOV_LOG_LEVEL", value, "info");
+  tellUnknown(kLevel, value, "info");
 }
 
 // The service manager says which descriptor leads to the journal.
@@ -65,7 +76,7 @@ bool standardErrorIsTheJournal() {
 }
 
 void readTarget(Settings& settings) {
-  const char* value = valueOf("TOV_LOG_TARGET");
+  const char* value = valueOf(kTarget);
   if (value == nullptr) {
     settings.target = standardErrorIsTheJournal() ? "journal" : "stderr";
     return;
@@ -77,34 +88,50 @@ void readTarget(Settings& settings) {
   const std::string& target = settings.target;
   if (target != "stderr" && target != "syslog" && target != "journal" &&
       !target.starts_with("file:")) {
-    tellUnknown("TOV_LOG_TARGET", value, "stderr");
+    tellUnknown(kTarget, value, "stderr");
     settings.target = "stderr";
   }
 }
 
-void readFileBytes(Settings& settings) {
-  const char* value = valueOf("TOV_LOG_FILE_BYTES");
+// From 1 on; the setting is its default before.
+void readNumber(const char* variable, size_t most, size_t& setting) {
+  const char* value = valueOf(variable);
   if (value == nullptr) {
     return;
   }
   const std::string_view text(value);
-  size_t bytes = 0;
-  const auto [end, mistake] = std::from_chars(text.data(), text.data() + text.size(), bytes);
-  if (mistake == std::errc() && end == text.data() + text.size() && bytes > 0) {
-    settings.fileBytes = bytes;
+  size_t number = 0;
+  const auto [end, mistake] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (mistake == std::errc() && end == text.data() + text.size() && number > 0 && number <= most) {
+    setting = number;
   } else {
-    tellUnknown("TOV_LOG_FILE_BYTES", value, std::to_string(kDefaultFileBytes).c_str());
+    tellUnknown(variable, value, std::to_string(setting).c_str());
   }
 }
 
 }  // namespace
 
 Settings readSettings() {
-  Settings settings{false, Level::kInfo, {}, kDefaultFileBytes};
+  Settings settings{false, Level::kInfo, {}, kDefaultFileBytes, kDefaultRotated};
   readLevel(settings);
   readTarget(settings);
-  readFileBytes(settings);
+  readNumber(kFileBytes, std::numeric_limits<size_t>::max(), settings.fileBytes);
+  readNumber(kFiles, kMostRotated, settings.rotatedKept);
   return settings;
+}
+
+std::vector<std::string> unknownVariables() {
+  std::vector<std::string> unknown;
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    const std::string_view text(*entry);
+    const std::string_view name = text.substr(0, text.find('='));
+    const bool hasValue = name.size() + 1 < text.size();
+    const bool isKnown = std::find(kVariables.begin(), kVariables.end(), name) != kVariables.end();
+    if (name.starts_with(kPrefix) && hasValue && !isKnown) {
+      unknown.emplace_back(name);
+    }
+  }
+  return unknown;
 }
 
 }  // namespace tov::log
