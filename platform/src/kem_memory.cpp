@@ -11,6 +11,7 @@
 #include <limits>
 #include <new>
 
+#include "common/unit_log.h"
 #include "live_blocks.h"
 #include "memory_accounts.h"
 
@@ -36,8 +37,7 @@ __attribute__((format(printf, 1, 2))) void complain(const char* format, ...) {
   std::vsnprintf(text.data(), text.size(), format, args);
   va_end(args);
   static constexpr char kUnit[] = "kem_memory";
-  LOG_InnerPrint(0, kUnit, sizeof(kUnit) - 1, "<unknown>", 9, __LINE__, TOV_LOG_ERROR, "%s",
-                 text.data());
+  QURN_LOG_AS(LOG_InnerPrint, kUnit, TOV_LOG_ERROR, "%s", text.data());
   TovStandInBoxWrite(kMistakeBox, text.data());
 }
 

@@ -2,13 +2,15 @@
 // decrypted, and nobody is left to believe so.
 #include <qurnadapt/platform.h>
 
+#include "common/unit_log.h"
+
 namespace {
 
 constexpr char kUnit[] = "key_management_stand_in";
 
 uint32_t refuse(const char* what) {
-  LOG_InnerPrint(0, kUnit, sizeof(kUnit) - 1, "<unknown>", 9, __LINE__, TOV_LOG_ERROR,
-                 "The stand-in platform has no key management: nothing was %s.", what);
+  QURN_LOG_AS(LOG_InnerPrint, kUnit, TOV_LOG_ERROR,
+              "The stand-in platform has no key management: nothing was %s.", what);
   return QURN_FAILED;
 }
 

@@ -17,6 +17,7 @@
 
 #include "common/fork_mutex.h"
 #include "common/uncancellable.h"
+#include "common/unit_log.h"
 #include "destinations.h"
 #include "events.h"
 #include "journal.h"
@@ -172,8 +173,8 @@ const Setup& setup() {
 void tellUnknownVariables() {
   static constexpr char kUnit[] = "log";
   for (const std::string& variable : unknownVariables()) {
-    LOG_InnerPrint(0, kUnit, sizeof(kUnit) - 1, "<unknown>", 9, __LINE__, TOV_LOG_WARNING,
-                   "%s: unknown variable, nothing is taken from it", variable.c_str());
+    QURN_LOG_AS(LOG_InnerPrint, kUnit, TOV_LOG_WARNING,
+                "%s: unknown variable, nothing is taken from it", variable.c_str());
   }
 }
 

@@ -2,8 +2,8 @@
 // pipes, which the framework does not provide, encryption, which it does, and the version.
 #include <qurnadapt/legacy_fixed.h>
 
+#include "common/unit_log.h"
 #include "internal/tail_jump.h"
-#include "internal/unit_log.h"
 
 namespace {
 constexpr char kUnit[] = "build/src/adapt/frame/dbg/CMakeFiles/adaptmnt.dir/src/qurn_process";

@@ -7,8 +7,8 @@
 #include <cerrno>
 
 #include "common/scoped_fd.h"
+#include "common/unit_log.h"
 #include "internal/safe_strings.h"
-#include "internal/unit_log.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include <cstring>
 #include <memory>
 
+#include "common/unit_log.h"
 #include "internal/scoped_lock.h"
 #include "internal/tail_jump.h"
-#include "internal/unit_log.h"
 
 QURN_TAIL_JUMP(ZOT_Assert, RuloPluginAssert, "");
 

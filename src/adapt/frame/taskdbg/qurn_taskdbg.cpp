@@ -5,7 +5,7 @@
 #include <qurnadapt/legacy_fixed.h>
 #include <qurnadapt/legacy_heart.h>
 
-#include "internal/unit_log.h"
+#include "common/unit_log.h"
 
 constinit TovHeartFunSet g_stTovHeartFunSet{};
 

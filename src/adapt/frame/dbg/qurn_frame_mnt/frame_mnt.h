@@ -10,7 +10,7 @@
 #include <csignal>
 #include <cstdint>
 
-#include "internal/unit_log.h"
+#include "common/unit_log.h"
 
 namespace qurn::mnt {
 

@@ -9,8 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/unit_log.h"
 #include "internal/scoped_lock.h"
-#include "internal/unit_log.h"
 
 namespace qurn::monitor {
 

@@ -13,7 +13,7 @@
 #include <cstdint>
 
 #include "common/uncancellable.h"
-#include "internal/unit_log.h"
+#include "common/unit_log.h"
 
 namespace qurn::hdl {
 

@@ -3,7 +3,7 @@
 
 #include <qurnadapt/platform.h>
 
-#include "internal/unit_log.h"
+#include "common/unit_log.h"
 
 namespace qurn::mem {
 

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <ctime>
 
-#include "internal/unit_log.h"
+#include "common/unit_log.h"
 
 namespace qurn::systime {
 
