@@ -1,4 +1,5 @@
 // Start-up, the signals that it ignores, the detection thread's set-up, and the order of a tick.
+#include <fcntl.h>
 #include <sys/prctl.h>
 
 #include "support/in_child.h"
@@ -111,6 +112,8 @@ TEST(DetectionThread, GivesBackWhatOthersRegisteredWhenItsSetUpFails) {
     EXPECT_CODES(Codes(3, 0), FRAME_MntRegSetAndEventProc("set", FrameTimerEventProc, nullptr),
                  FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event),
                  FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event));
+    fault::arm("pthread_mutex_destroy", EBUSY);
+    fault::onStrike([] { EXPECT_EQ(fcntl(next, F_GETFD), -1) << "the loop is closed first"; });
   });
   fault::arm("timerfd_create", EMFILE);
   onThread("set-up", [] { FrameDeadloopTaskProcEntry(nullptr); });
