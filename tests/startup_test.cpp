@@ -129,6 +129,8 @@ TEST(Tick, ReportsKeepAliveThenPassesThenChecksForExit) {
   onThread("worker", [] {
     FrameDeadloopHandle self = 0;
     ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 5, 9), QURN_OK);
+    FrameMonitorTaskInfo own{};
+    EXPECT_EQ(FrameIsTerminatedTaskReleased(&own), 1U) << "nobody's, and so none of the watched";
     frozen_clock::advance(1000);
     recorded::forget();
     EXPECT_EQ(FrameDeadloopDetectCallback(nullptr), QURN_OK);
