@@ -1,5 +1,6 @@
 // The dead-loop signal, its handler, what it captures, and the scan for the stack. What a report
 // names is for the hard cases.
+#include <link.h>
 #include <ucontext.h>
 
 #include <numeric>
@@ -7,6 +8,7 @@
 #include <semaphore>
 
 #include "adapt/frame/dbg/qurn_frame_mnt/capture_record.h"
+#include "common/inspection_record.h"
 #include "common/machine_context.h"
 #include "support/library_test.h"
 
@@ -35,6 +37,27 @@ INTERPOSE(
 namespace {
 
 bool raiseCaptures() { return raise(kSignal) == 0 && isCaptured(); }
+
+// As those read it who look into the process from outside.
+uint32_t storedDepth() {
+  const auto findIn = [](dl_phdr_info* module, size_t /*bytes*/, void* depth) {
+    const bool isLibrary = strstr(module->dlpi_name, "libqurnadapt") != nullptr;
+    for (int i = 0; isLibrary && i < module->dlpi_phnum; ++i) {
+      const ElfW(Phdr)& part = module->dlpi_phdr[i];
+      const bool isData = part.p_type == PT_LOAD && (part.p_flags & PF_W) != 0;
+      const auto* start = reinterpret_cast<const char*>(module->dlpi_addr + part.p_vaddr);
+      const auto& magic = qurn::inspection::kMagic;
+      if (const void* at = memmem(start, isData ? part.p_filesz : 0, magic.data(), magic.size())) {
+        const auto& capture = static_cast<const qurn::inspection::Record*>(at)->capture;
+        memcpy(depth, static_cast<const char*>(capture.address) + capture.depth, sizeof(uint32_t));
+      }
+    }
+    return 0;
+  };
+  uint32_t depth = 0;
+  dl_iterate_phdr(findIn, &depth);
+  return depth;
+}
 
 class SignalCapture : public testing::Test {
  protected:
@@ -103,6 +126,7 @@ TEST_F(SignalCapture, IsReportedInTwoLinesAndOneForEachFrameThatTheRecordHolds) 
     recorded::forget();
     FrameWriteDeadloopInfo();
     EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_IDLE);
+    EXPECT_EQ(storedDepth(), depth) << "as the platform told it";
     const std::vector<recorded::Line> lines = recorded::lines();
     ASSERT_EQ(lines.size(), 2 + std::min(depth, FRAME_CALL_STACK_DEPTH));
     const std::string& first = lines[0].text;

@@ -229,6 +229,12 @@ TEST_F(Timer, ExpiresFirstAndThenAtItsPeriodAndIsNotMadeWhenAStepFails) {
   EXPECT_TRUE(interval.tv_sec == 1 && interval.tv_nsec == 500'000'000 &&
               armed.it_value.tv_sec == 1);
 
+  const int next = dup(fd_);
+  close(next);
+  recorded::watch([next](const std::string& what) {
+    EXPECT_TRUE(what.find("node malloc") == what.npos || fcntl(next, F_GETFD) == -1)
+        << "closed before it is told";
+  });
   for (const char* call : {"timerfd_create", "timerfd_settime", "TOV_MemAllocF"}) {
     fault::arm(call, EMFILE);
     EXPECT_EQ(create(10), QURN_FAILED) << call;

@@ -318,7 +318,9 @@ TEST_F(DetectionPass, SectionOperationsLogTheirFailures) {
   FrameBeginSdkDeadloop(3);
   FrameEndSdkDeadloop(3);
   FrameUnRegSdkDeadloop(3);
-  EXPECT_EQ(FrameSetSdkDeadloopAction(3), QURN_FAILED);
+  EXPECT_CODES(Codes(2, QURN_FAILED), FrameSetSdkDeadloopAction(3),
+               Frame_SetHeartExceptionPolicy(3, 0));
+  EXPECT_EQ(recorded::sourceLines("not exist."), 4U) << "each on a line of its own";
   FrameDeadloopHandle handle = 0;
   const FrameSdkDeadloopParam param{0, 1, 2, 3};
   fault::arm("clock_gettime", EPERM, 1);  // the registration's own read succeeds

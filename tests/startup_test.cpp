@@ -1,4 +1,5 @@
 // Start-up, the signals that it ignores, the detection thread's set-up, and the order of a tick.
+#include <fcntl.h>
 #include <sys/prctl.h>
 
 #include "support/in_child.h"
@@ -111,6 +112,8 @@ TEST(DetectionThread, GivesBackWhatOthersRegisteredWhenItsSetUpFails) {
     EXPECT_CODES(Codes(3, 0), FRAME_MntRegSetAndEventProc("set", FrameTimerEventProc, nullptr),
                  FRAME_MntEpollCtl("set", EPOLL_CTL_ADD, fd, &event),
                  FRAME_MntEpollCtl("set", EPOLL_CTL_MOD, fd, &event));
+    fault::arm("pthread_mutex_destroy", EBUSY);
+    fault::onStrike([] { EXPECT_EQ(fcntl(next, F_GETFD), -1) << "the loop is closed first"; });
   });
   fault::arm("timerfd_create", EMFILE);
   onThread("set-up", [] { FrameDeadloopTaskProcEntry(nullptr); });
@@ -126,6 +129,8 @@ TEST(Tick, ReportsKeepAliveThenPassesThenChecksForExit) {
   onThread("worker", [] {
     FrameDeadloopHandle self = 0;
     ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 5, 9), QURN_OK);
+    FrameMonitorTaskInfo own{};
+    EXPECT_EQ(FrameIsTerminatedTaskReleased(&own), 1U) << "nobody's, and so none of the watched";
     frozen_clock::advance(1000);
     recorded::forget();
     EXPECT_EQ(FrameDeadloopDetectCallback(nullptr), QURN_OK);

@@ -141,7 +141,8 @@ QURN_API uint32_t FrameRemoveMonitorTaskInfo(uint64_t slot);
 QURN_API void FRAME_TaskDeadloopMonitorEntry(void);
 /* Milliseconds since the record's detect time, 0xFFFFFFFF when the clock cannot be read. */
 QURN_API uint32_t FrameGetTaskElapsedTime(const FrameMonitorTaskInfo* info);
-/* 1 when the thread has ended, its slot then freed, else 0. Its lock is held. */
+/* 1 when the thread has ended, its slot then freed, else 0. Its lock is held. A record of the
+ * caller's own is cleared in the same way, and counts for nothing. */
 QURN_API uint32_t FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info);
 /* 1 if the process has a thread of this kernel thread id, else 0. */
 QURN_API uint32_t FrameIsMonitorTaskExist(int32_t tid);

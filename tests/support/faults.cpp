@@ -50,6 +50,12 @@ bool isLibraryCode(const void* address) {
   return dladdr(address, &info) != 0 && strstr(info.dli_fname, "libqurnadapt") != nullptr;
 }
 
+bool isCodeOf(const void* address, const char* function) {
+  Dl_info info{};
+  return dladdr(address, &info) != 0 && info.dli_sname != nullptr &&
+         strcmp(info.dli_sname, function) == 0;
+}
+
 void fault::arm(const char* call, int error, int after, int times) {
   Fault& armed = faultOf(call);
   armed.after = after;

@@ -40,6 +40,8 @@ void oversleep(int64_t milliseconds);
 
 // Whether it lies in the library.
 bool isLibraryCode(const void* address);
+// Whether it lies in the exported function of this name.
+bool isCodeOf(const void* address, const char* function);
 
 // How often the library slept; a sleep takes no time, and the given one runs `action`.
 int sleeps();

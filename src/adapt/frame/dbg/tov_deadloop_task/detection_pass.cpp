@@ -266,8 +266,8 @@ uint32_t FrameIsTerminatedTaskReleased(FrameMonitorTaskInfo* info) {
   if (memset_s(info, sizeof(*info), 0, sizeof(*info)) != 0) {
     MONITOR_LOG(TOV_LOG_ERROR, "Task deadloop entry, task[%s:%d] reset unsuccessfully. (errno: %d)",
                 info->acTaskName, tid, errno);
-  } else if (FrameTaskDeadloopCtrl* ctrl = monitor(); ctrl != nullptr) {
-    --ctrl->uiTaskNum;
+  } else if (FrameTaskDeadloopCtrl* ctrl = monitor(); ctrl != nullptr && isNodeOf(*ctrl, info)) {
+    --ctrl->uiTaskNum;  // of which a record of the caller's own is none
   }
   return 1;
 }
