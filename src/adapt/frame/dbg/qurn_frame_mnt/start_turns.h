@@ -11,7 +11,7 @@ namespace qurn::mnt {
 // Otherwise 0, and `result` is that of the start-up which the caller has waited for, or a failure
 // when it asked from within one.
 uint32_t takeStartTurn(uint32_t* result) noexcept;
-void endStartTurn(uint32_t turn, uint32_t result) noexcept;
+void endStartTurn(uint32_t number, uint32_t result) noexcept;
 
 // In the child of a fork, where nobody waits for the parent's start-up.
 void dropStartTurnAfterFork() noexcept;
