@@ -157,15 +157,19 @@ TEST_F(EventSets, NumbersUsedTwiceAreSettledForMostOfThemAtOnce) {
 
 TEST_F(EventSets, AFunctionMayUseItsEventToRemoveTheDescriptor) {
   static std::atomic<uint32_t> answer{QURN_FAILED};
+  static size_t blocksAfterwards = 0;
   static const int fd = fd_;
   const auto remove = [](epoll_event* event, void*) -> uint32_t {
-    return answer = FRAME_MntEpollCtl("set", EPOLL_CTL_DEL, fd, event);
+    const uint32_t removed = FRAME_MntEpollCtl("set", EPOLL_CTL_DEL, fd, event);
+    blocksAfterwards = recorded::blocksHeld();
+    return answer = removed;
   };
   ASSERT_EQ(FRAME_MntRegSetAndEventProc("set", remove, nullptr), QURN_OK);
   held_ = recorded::blocksHeld();
   ASSERT_EQ(change(EPOLL_CTL_ADD), QURN_OK);
   eventfd_write(fd_, 1);
   EXPECT_TRUE(eventually([this] { return answer == QURN_OK && recorded::blocksHeld() == held_; }));
+  EXPECT_EQ(blocksAfterwards, held_ + 1) << "the record lives as long as its event";
 }
 
 // The sanitizers see a record that is released under the dispatcher's hands.

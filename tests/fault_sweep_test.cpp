@@ -255,15 +255,19 @@ TEST(FaultSweep, Startup) {
 }
 
 TEST(FaultSweep, Monitor) {
-  sweep({[] {},
-         useTheMonitor,
-         {"pthread_rwlock_rdlock", "pthread_rwlock_wrlock"},
-         {{"pthread_mutex_lock", QURN_OK, "Frame task deadloop lock mistake, errno(5)."},
-          {"pthread_mutex_unlock", QURN_OK, "Frame task deadloop unlock mistake errno(5)."},
-          {"prctl", QURN_FAILED, "monitor task name set unsuccessfully. (errno: 5)"},
-          {"clock_gettime", QURN_FAILED, "get current time unsuccessfully. (errno: 5)"},
-          {"clock_gettime", QURN_FAILED, "update detect time unsuccessfully. (errno: 5)"},
-          {"memset_s", QURN_FAILED, "task info reset unsuccessfully. (errno: 5)"}}});
+  constexpr const char* noTime = "get current time unsuccessfully. (errno: 5)";
+  sweep(
+      {[] {},
+       useTheMonitor,
+       {"pthread_rwlock_rdlock", "pthread_rwlock_wrlock"},
+       {{"pthread_mutex_lock", QURN_OK, "Frame task deadloop lock mistake, errno(5)."},
+        {"pthread_mutex_unlock", QURN_OK, "Frame task deadloop unlock mistake errno(5)."},
+        {"prctl", QURN_FAILED, "monitor task name set unsuccessfully. (errno: 5)"},
+        {"clock_gettime", QURN_FAILED, noTime, "Frame add monitor task info, task key info set"},
+        {"clock_gettime", QURN_FAILED, noTime, "Frame set monitor task info, task key info update"},
+        {"clock_gettime", QURN_FAILED, noTime, "Frame update inteval by name, key info update"},
+        {"clock_gettime", QURN_FAILED, "update detect time unsuccessfully. (errno: 5)"},
+        {"memset_s", QURN_FAILED, "task info reset unsuccessfully. (errno: 5)"}}});
 }
 
 TEST(FaultSweep, Tick) {
