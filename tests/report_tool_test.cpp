@@ -65,6 +65,10 @@ TEST(Report, IsTheSameWhateverStandsBeforeTheLine) {
         "<13>1 2026-11-26T06:59:26.1+01:00 alpha app 1 - [m@1 a=b] "}) {
     logs.push_back("sed \"s/^/" + prefix + "/\" loop.log");
   }
+  // More times and words than anybody writes, some of them other ones in each line.
+  logs.emplace_back(
+      R"(perl -pe "s/^/q{<< 2026-11-26T06:59:26Z a 2026-11-26T06:59:} . (10 + \$. % 50) .
+                                     q{Z b } . q{2026-11-26T06:59:26Z c } x 9/e" loop.log)");
   // A thread's name may hold what looks like a message, or like the end of a prefix.
   for (const std::string thread :
        {"worker #1", "Signal Proc", "#1 ", "] 0 a:1 #1 f", "x:1] 0 a:1 #1 "}) {
