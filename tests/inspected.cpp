@@ -37,10 +37,16 @@ std::map<std::string, pid_t> g_tids;
 std::latch g_kept{1};
 std::latch g_two{2};
 std::latch g_three{3};
+std::latch g_waiting{1};
+std::latch g_left{1};
+std::latch g_never{1};
 std::latch g_last{1};  // whose lock the others may need to get where they belong
 pthread_rwlock_t g_written = PTHREAD_RWLOCK_INITIALIZER;
 pthread_rwlock_t g_read = PTHREAD_RWLOCK_INITIALIZER;
+pthread_rwlock_t g_forgotten = PTHREAD_RWLOCK_INITIALIZER;
 pthread_once_t g_once = PTHREAD_ONCE_INIT;
+pthread_mutex_t g_wakersMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t g_wakersCondition = PTHREAD_COND_INITIALIZER;
 
 pthread_mutex_t mutexOf(int type, int protocol = PTHREAD_PRIO_NONE,
                         int robust = PTHREAD_MUTEX_STALLED) {
@@ -125,6 +131,36 @@ void waitForCondition() {
   const timespec until = tomorrow();
   pthread_mutex_lock(&mutex);
   pthread_cond_timedwait(&condition, &mutex, &until);
+}
+
+// Back from the wait, and on the way to the mutex.
+void waitForWaker() {
+  pthread_mutex_lock(&g_wakersMutex);
+  g_waiting.count_down();
+  pthread_cond_wait(&g_wakersCondition, &g_wakersMutex);
+}
+
+void wakeAndKeepMutex() {
+  g_waiting.wait();
+  pthread_mutex_lock(&g_wakersMutex);
+  pthread_cond_signal(&g_wakersCondition);
+  waitForEver();
+}
+
+[[gnu::noinline]] void waitForLatch() {
+  char unused[600];  // NOLINT: as the stack was left
+  asm volatile("" ::"r"(unused) : "memory");
+  g_never.wait();
+}
+
+// Its stack still shows a wait that is over.
+void waitForConditionAndThenLatch() {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+  const timespec past{};
+  pthread_mutex_lock(&mutex);
+  pthread_cond_timedwait(&condition, &mutex, &past);
+  waitForLatch();
 }
 
 void waitForSemaphore() {
@@ -310,6 +346,10 @@ constexpr Place kPlaces[] = {
     {"future", "lock", "-", [] { std::promise<int>().get_future().wait(); }},
     {"future_timed", "lock", "-", waitForFuture},
     {"condition", "condition", "-", waitForCondition},
+    {"waker", "syscall", "-", wakeAndKeepMutex},
+    {"woken", "mutex", "waker", waitForWaker},
+    {"latch", "lock", "-", waitForConditionAndThenLatch},
+    {"left", "rwlock", "-", [] { g_left.wait(), pthread_rwlock_rdlock(&g_forgotten); }},
     {"semaphore", "semaphore", "-", waitForSemaphore},
     {"pipe", "syscall", "-", readPipe},
     {"accept", "syscall", "-", acceptSocket},
@@ -322,8 +362,8 @@ constexpr Place kPlaces[] = {
     {"loop", "loop", "-", spin},
     {"loader", "syscall", "-", [] { dl_iterate_phdr(holdLoader, nullptr); }},
     {"loading", "mutex", "loader", load},
-    {"ended", "ended", "-", [] {}},
-    {"\033[2J\xFF\"", "syscall", "-", waitForEver},
+    {"ended", "ended", "-", [] { pthread_rwlock_wrlock(&g_forgotten), g_left.count_down(); }},
+    {"\033[\u202E\xFF\"", "syscall", "-", waitForEver},
     // From here on for "hard" only.
     {"vfork", "uninterruptible", "-", vforkLong},
     {"busy", "loop", "-", spinAndSleep},
