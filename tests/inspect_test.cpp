@@ -134,6 +134,9 @@ TEST_F(Inspection, TellsTheTruthOfAProcessThatRunsAndDoesNotDisturbIt) {
     }
   }
   EXPECT_LE(asleep, 2) << "though it computes a quarter of the time";
+  const std::string vfork = std::to_string(program.tids().at("vfork"));
+  const Json child = inspected("$(cat /proc/" + vfork + "/task/" + vfork + "/children)", 1);
+  EXPECT_EQ(child["watched"][0]["verdict"], "unknown") << "its threads are its parent's";
 }
 
 TEST_F(Inspection, TellsTheTruthOfAStoppedProcessAndOnceItGoesOn) {
@@ -147,14 +150,42 @@ TEST_F(Inspection, TellsTheTruthOfAStoppedProcessAndOnceItGoesOn) {
   expectTruth(program, program.pid());
 }
 
+// As a container that is paused.
+TEST_F(Inspection, TellsTheTruthOfAFrozenProcess) {
+  const Inspected program({"1", "600000"});
+  for (const auto& [root, file, on] :
+       {std::array{"/sys/fs/cgroup/", "cgroup.freeze", "1"},
+        std::array{"/sys/fs/cgroup/unified/", "cgroup.freeze", "1"},
+        std::array{"/sys/fs/cgroup/freezer/", "freezer.state", "FROZEN"}}) {
+    const std::string group = root + ("inspected-" + program.pid());
+    std::error_code mistake;
+    std::filesystem::create_directory(group, mistake);
+    if (std::filesystem::exists(group + "/" + file)) {
+      std::ofstream(group + "/cgroup.procs") << program.pid() << std::flush;
+      std::ofstream(group + "/" + file) << on << std::flush;
+      const std::string isThere = "grep -qE \"frozen 1|FROZEN\" " + group + "/*";
+      Inspected::waitUntil([&] { return runProgram(isThere).status == 0; });
+      expectTruth(program, program.pid(), {{"ended", "ended"}, {"*", "stopped"}});
+      std::ofstream(group + "/" + file) << (*on == '1' ? "0" : "THAWED") << std::flush;
+      std::ofstream(root + std::string("cgroup.procs")) << program.pid() << std::flush;
+    }
+    std::filesystem::remove(group, mistake);
+  }
+}
+
 // Where thread ids are others than here, and as small as the words of locks; the main one is gone.
 TEST_F(Inspection, TellsTheTruthOfAProcessInANamespace) {
   const int own = open("/proc/self/ns/pid", O_RDONLY);
+  const int ownTime = open("/proc/self/ns/time", O_RDONLY);
   if (unshare(CLONE_NEWPID) != 0) {
     GTEST_SKIP() << "no namespaces for this user";
   }
+  if (unshare(CLONE_NEWTIME) == 0) {
+    std::ofstream("/proc/self/timens_offsets") << "monotonic 5000 0";  // later than here
+  }
   const Inspected program({"1", "600000", "mainless"});
   ASSERT_EQ(setns(own, CLONE_NEWPID), 0);
+  setns(ownTime, CLONE_NEWTIME);
   expectTruth(program, program.pid());
   const Json found = inspected("--stacks=all " + program.pid(), 1);
   EXPECT_NE(found["stacks"].dump().find("::joinOne()"), std::string::npos);
@@ -315,8 +346,9 @@ TEST_F(Inspection, EndsWithAStatusAndALine) {
   };
   const auto harmless = [](const std::string& output) {
     EXPECT_EQ(output.find('\033'), std::string::npos);
+    EXPECT_EQ(output.find("\u202E"), std::string::npos);
   };
-  expectAll({{kInspect + calm.pid(), 0, "keeper", "", harmless},
+  expectAll({{kInspect + calm.pid(), 0, "keeper ... no thread of this process", "", harmless},
              {kInspect + "--metrics " + calm.pid(), 0, "qurn_deadlocks{ ... 4", "", lines},
              {kInspect + "--json " + keeper, 0, "\"pid\": " + calm.pid() + ","},
              {kInspect + "4194305", 2, "no process 4194305"},
