@@ -39,7 +39,6 @@ std::latch g_two{2};
 std::latch g_three{3};
 std::latch g_waiting{1};
 std::latch g_left{1};
-std::latch g_never{1};
 std::latch g_last{1};  // whose lock the others may need to get where they belong
 pthread_rwlock_t g_written = PTHREAD_RWLOCK_INITIALIZER;
 pthread_rwlock_t g_read = PTHREAD_RWLOCK_INITIALIZER;
@@ -125,10 +124,9 @@ void keep() {
 // On a word that is not private, and waits under another number once it was interrupted.
 void waitForFuture() { std::promise<int>().get_future().wait_for(std::chrono::hours(24)); }
 
-void waitForCondition() {
+void waitForCondition(const timespec& until) {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
-  const timespec until = tomorrow();
   pthread_mutex_lock(&mutex);
   pthread_cond_timedwait(&condition, &mutex, &until);
 }
@@ -147,20 +145,11 @@ void wakeAndKeepMutex() {
   waitForEver();
 }
 
+// On a stack that may still show a wait that is over.
 [[gnu::noinline]] void waitForLatch() {
   char unused[600];  // NOLINT: as the stack was left
   asm volatile("" ::"r"(unused) : "memory");
-  g_never.wait();
-}
-
-// Its stack still shows a wait that is over.
-void waitForConditionAndThenLatch() {
-  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
-  const timespec past{};
-  pthread_mutex_lock(&mutex);
-  pthread_cond_timedwait(&condition, &mutex, &past);
-  waitForLatch();
+  std::latch(1).wait();
 }
 
 void waitForSemaphore() {
@@ -345,10 +334,10 @@ constexpr Place kPlaces[] = {
     {"once", "lock", "-", [] { pthread_once(&g_once, waitForEver); }},
     {"future", "lock", "-", [] { std::promise<int>().get_future().wait(); }},
     {"future_timed", "lock", "-", waitForFuture},
-    {"condition", "condition", "-", waitForCondition},
+    {"condition", "condition", "-", [] { waitForCondition(tomorrow()); }},
     {"waker", "syscall", "-", wakeAndKeepMutex},
     {"woken", "mutex", "waker", waitForWaker},
-    {"latch", "lock", "-", waitForConditionAndThenLatch},
+    {"latch", "lock", "-", [] { waitForCondition({}), waitForLatch(); }},
     {"left", "rwlock", "-", [] { g_left.wait(), pthread_rwlock_rdlock(&g_forgotten); }},
     {"semaphore", "semaphore", "-", waitForSemaphore},
     {"pipe", "syscall", "-", readPipe},

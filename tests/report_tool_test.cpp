@@ -65,7 +65,8 @@ TEST(Report, IsTheSameWhateverStandsBeforeTheLine) {
         "<13>1 2026-11-26T06:59:26.1+01:00 alpha app 1 - [m@1 a=b] "}) {
     logs.push_back("sed \"s/^/" + prefix + "/\" loop.log");
   }
-  logs.emplace_back(R"x(sed "s/.*/{\"log\":\"&\\\\n\",\"stream\":\"a\",\"time\":\"\"}/" loop.log)x");
+  logs.emplace_back(
+      R"x(sed "s/.*/{\"log\":\"&\\\\n\",\"stream\":\"a\",\"time\":\"\"}/" loop.log)x");
   // A thread's name may hold what looks like a message, or like the end of a prefix.
   for (const std::string thread :
        {"worker #1", "Signal Proc", "#1 ", "] 0 a:1 #1 f", "x:1] 0 a:1 #1 "}) {
