@@ -4,6 +4,7 @@
 // then "ready", and "disturbed" whenever a wait is interrupted; "mainless" ends the main thread
 // then.
 #include <link.h>
+#include <linux/futex.h>
 #include <netinet/in.h>
 #include <qurnadapt/qurnadapt.h>
 #include <sched.h>
@@ -38,11 +39,9 @@ std::latch g_kept{1};
 std::latch g_two{2};
 std::latch g_three{3};
 std::latch g_waiting{1};
-std::latch g_left{1};
 std::latch g_last{1};  // whose lock the others may need to get where they belong
 pthread_rwlock_t g_written = PTHREAD_RWLOCK_INITIALIZER;
 pthread_rwlock_t g_read = PTHREAD_RWLOCK_INITIALIZER;
-pthread_rwlock_t g_forgotten = PTHREAD_RWLOCK_INITIALIZER;
 pthread_once_t g_once = PTHREAD_ONCE_INIT;
 pthread_mutex_t g_wakersMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_wakersCondition = PTHREAD_COND_INITIALIZER;
@@ -67,7 +66,7 @@ pthread_mutex_t g_mutexes[] = {
     mutexOf(PTHREAD_MUTEX_NORMAL, PTHREAD_PRIO_INHERIT),
     mutexOf(PTHREAD_MUTEX_NORMAL, PTHREAD_PRIO_NONE, PTHREAD_MUTEX_ROBUST),
 };
-pthread_mutex_t g_ring[6] = {};  // two, three, and the joined one's
+pthread_mutex_t g_ring[7] = {};  // two, three, the joined one's, and one that is left locked
 
 void waitForEver() {
   for (;;) {
@@ -131,11 +130,10 @@ void waitForCondition(const timespec& until) {
   pthread_cond_timedwait(&condition, &mutex, &until);
 }
 
-// Back from the wait, and on the way to the mutex.
 void waitForWaker() {
   pthread_mutex_lock(&g_wakersMutex);
   g_waiting.count_down();
-  pthread_cond_wait(&g_wakersCondition, &g_wakersMutex);
+  pthread_cond_wait(&g_wakersCondition, &g_wakersMutex);  // woken, it wants the mutex
 }
 
 void wakeAndKeepMutex() {
@@ -145,11 +143,11 @@ void wakeAndKeepMutex() {
   waitForEver();
 }
 
-// On a stack that may still show a wait that is over.
-[[gnu::noinline]] void waitForLatch() {
-  char unused[600];  // NOLINT: as the stack was left
-  asm volatile("" ::"r"(unused) : "memory");
-  std::latch(1).wait();
+// On a stack that may still show a wait that is over, at words that look like a mutex's.
+[[gnu::noinline]] void waitForOwnLock() {
+  asm volatile("" ::"r"(alloca(600)) : "memory");  // as the stack was left
+  static const pid_t words[] = {2, 0, gettid(), 1};
+  syscall(SYS_futex, words, FUTEX_WAIT_PRIVATE, 2, nullptr);
 }
 
 void waitForSemaphore() {
@@ -337,8 +335,9 @@ constexpr Place kPlaces[] = {
     {"condition", "condition", "-", [] { waitForCondition(tomorrow()); }},
     {"waker", "syscall", "-", wakeAndKeepMutex},
     {"woken", "mutex", "waker", waitForWaker},
-    {"latch", "lock", "-", [] { waitForCondition({}), waitForLatch(); }},
-    {"left", "rwlock", "-", [] { g_left.wait(), pthread_rwlock_rdlock(&g_forgotten); }},
+    {"own", "lock", "-", [] { waitForCondition({}), waitForOwnLock(); }},
+    {"left", "mutex", "-",
+     [] { std::thread(pthread_mutex_lock, &g_ring[6]).join(), pthread_mutex_lock(&g_ring[6]); }},
     {"semaphore", "semaphore", "-", waitForSemaphore},
     {"pipe", "syscall", "-", readPipe},
     {"accept", "syscall", "-", acceptSocket},
@@ -351,7 +350,7 @@ constexpr Place kPlaces[] = {
     {"loop", "loop", "-", spin},
     {"loader", "syscall", "-", [] { dl_iterate_phdr(holdLoader, nullptr); }},
     {"loading", "mutex", "loader", load},
-    {"ended", "ended", "-", [] { pthread_rwlock_wrlock(&g_forgotten), g_left.count_down(); }},
+    {"ended", "ended", "-", [] {}},
     {"\033[\u202E\xFF\"", "syscall", "-", waitForEver},
     // From here on for "hard" only.
     {"vfork", "uninterruptible", "-", vforkLong},

@@ -57,11 +57,6 @@ constexpr NameRule kNameRules[] = {
 };
 
 Verdict kindByNames(const Target& target, const Call& call, const NameOfCode& nameOfCode) {
-  // The C library's own waits do not go through its function for everybody else's, whose stacks may
-  // still show what was waited for earlier.
-  if (nameOfCode(call.programCounter) == "syscall") {
-    return Verdict::kLock;
-  }
   constexpr size_t kWordsOfStack = 128;
   std::array<uint64_t, kWordsOfStack> stack{};
   size_t count = stack.size();
@@ -116,6 +111,11 @@ void explainPlainWait(const Target& target, const Call& call, const Words& words
                       const std::set<pid_t>& threads, const NameOfCode& nameOfCode, Wait& wait) {
   const auto value = static_cast<uint32_t>(call.arguments[2]);
   const bool isBitset = isBitsetWait(call);
+  // The C library's own waits do not go through its function for everybody else's, whose words may
+  // mean anything, and whose stacks may still show what was waited for earlier.
+  if (nameOfCode(call.programCounter) == "syscall") {
+    return;
+  }
   wait.kind = kindByNames(target, call, nameOfCode);
   // Who was told to go on takes the mutex again within the same function.
   if (wait.kind == Verdict::kCondition && !isBitset && value != 0) {
