@@ -2,7 +2,10 @@
 // runs, is stopped, traced or dead, and that it leaves the process as it was.
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -300,6 +303,20 @@ TEST_F(Inspection, ShowsTheLastCaptureOfADeadLoopThatAHookDealtWith) {
   EXPECT_EQ(record["registers"][programCounter], record["frames"][0]["address"]);
   EXPECT_NE(record["stack"].dump().find(record["registers"][stackPointer]), std::string::npos);
   EXPECT_NE(record["stack"].dump().find("run("), std::string::npos);
+}
+
+TEST_F(Inspection, TakesNoMemoryForAProcessWithoutTheLibrary) {
+  constexpr size_t kBytes = size_t{1} << 26U;
+  const int shared = memfd_create("shared", MFD_CLOEXEC);
+  ASSERT_EQ(ftruncate(shared, kBytes), 0);
+  void* unused = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_SHARED, shared, 0);
+  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+  const Program none{kInspect + std::to_string(getpid()), 2, "no libqurnadapt in the process"};
+  expectOne(none, runProgram(none.command));
+  struct stat status {};
+  EXPECT_EQ(fstat(shared, &status), 0);
+  EXPECT_EQ(status.st_blocks, 0);
+  munmap(unused, kBytes);
 }
 
 Json writtenFile(const Inspected& program) {

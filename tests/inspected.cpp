@@ -351,7 +351,7 @@ constexpr Place kPlaces[] = {
     {"loader", "syscall", "-", [] { dl_iterate_phdr(holdLoader, nullptr); }},
     {"loading", "mutex", "loader", load},
     {"ended", "ended", "-", [] {}},
-    {"\033[\u202E\xFF\"", "syscall", "-", waitForEver},
+    {"\033[\u202E\xFF\"", "syscall", "-", waitForEver},  // NOLINT: hostile
     // From here on for "hard" only.
     {"vfork", "uninterruptible", "-", vforkLong},
     {"busy", "loop", "-", spinAndSleep},

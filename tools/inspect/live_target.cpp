@@ -136,10 +136,12 @@ std::vector<Mapping> LiveTarget::mappings() const {
   for (std::string line; std::getline(lines, line);) {
     Mapping mapping;
     char mayWrite = '-';
+    char sharing = '-';
     int path = 0;
-    if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64 " %*c%c%*s %*s %*s %*s %n", &mapping.start,
-                    &mapping.end, &mayWrite, &path) == 3) {
-      mapping.isWritable = mayWrite == 'w';
+    if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64 " %*c%c%*c%c %*s %*s %*s %n",
+                    &mapping.start, &mapping.end, &mayWrite, &sharing, &path) == 4) {
+      // To look into what is shared would take memory for it, where it has not been used yet.
+      mapping.isWritable = mayWrite == 'w' && sharing == 'p';
       mapping.path = path > 0 ? line.substr(static_cast<size_t>(path)) : std::string();
       all.push_back(std::move(mapping));
     }
