@@ -361,7 +361,7 @@ TEST_F(Inspection, EndsWithAStatusAndALine) {
   };
   const auto harmless = [](const std::string& output) {
     EXPECT_EQ(output.find('\033'), std::string::npos);
-    EXPECT_EQ(output.find("\u202E"), std::string::npos);
+    EXPECT_EQ(output.find("\u202E"), std::string::npos);  // NOLINT: hostile
   };
   expectAll({{kInspect + calm.pid(), 0, "keeper ... no thread of this process", "", harmless},
              {kInspect + "--metrics " + calm.pid(), 0, "qurn_deadlocks{ ... 4", "", lines},
