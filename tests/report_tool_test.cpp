@@ -69,6 +69,8 @@ TEST(Report, IsTheSameWhateverStandsBeforeTheLine) {
   logs.emplace_back(
       R"(perl -pe "s/^/q{<< 2026-11-26T06:59:26Z a 2026-11-26T06:59:} . (10 + \$. % 50) .
                                      q{Z b } . q{2026-11-26T06:59:26Z c } x 9/e" loop.log)");
+  logs.emplace_back(
+      R"x(sed "s/.*/{\"log\":\"&\\\\n\",\"stream\":\"a\",\"time\":\"\"}/" loop.log)x");
   // A thread's name may hold what looks like a message, or like the end of a prefix.
   for (const std::string thread :
        {"worker #1", "Signal Proc", "#1 ", "] 0 a:1 #1 f", "x:1] 0 a:1 #1 "}) {
@@ -221,6 +223,9 @@ TEST(Report, TellsWhatCouldBeReadOfADamagedArchive) {
        {damaged(packed + "(head -c -8; echo 12345678)"), 0,
         "status\": 88 ... input: incorrect data check ... \"thread_hook\": true" + one},
        {damaged(R"(printf "\3757zXZ"; cat loop.log)"), 0, "neither gzip nor zstd ... []\n2"},
+       {damaged("printf BZh1; cat loop.log"), 0, "neither gzip nor zstd ... []\n2"},
+       {damaged(R"(printf "\377\376"; cat loop.log)"), 0, "not UTF-8 ... []\n2"},
+       {damaged(R"(printf "\357\273\277"; cat mixed.journal.json)"), 0, "88 ... ]\n0", "the first"},
        {damaged("cat loop.log.zst; cat hook.log"), 0, "88 ... \"thread_hook\": true ... ]\n0"},
        {damaged("cat loop.log.zst; head -c 300 loop.log.zst"), 0,
         "status\": 88 ... input: ends before its archive does ... ]\n2"},
@@ -247,6 +252,7 @@ TEST(Report, TellsOnlyWhatWasAskedFor) {
              told("--process qurn-host --thread w", "1"),
              told("--thread 2468", "0"),
              {REPORT "--since 2026-13-01", 2, "no time: 2026-13-01"},
+             {REPORT "--since 2026-02-29", 2, "no time: 2026-02-29"},
              {REPORT "--until -2y", 2, "no time"}});
 }
 

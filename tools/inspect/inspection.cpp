@@ -92,6 +92,18 @@ class Looker {
 
 // ---- the verdict on one thread
 
+// With its control group, as a container is paused: where the older kind freezes a thread within a
+// wait, only others tell.
+bool isFrozen(const Detail& detail, const Look& look) {
+  const auto isInOldFreezer = [](const auto& known) {
+    return known.second.state == 'D' && known.second.kernelPlace == "__refrigerator";
+  };
+  return (detail.state == 'S' &&
+          (detail.kernelPlace == "do_freezer_trap" || detail.kernelPlace == "get_signal")) ||
+         (detail.state == 'D' &&
+          std::any_of(look.details.begin(), look.details.end(), isInOldFreezer));
+}
+
 class Judge {
  public:
   Judge(const Snapshot& snapshot, const Look& first, const Look& second,
@@ -101,7 +113,10 @@ class Judge {
   void judge(WatchedThread& thread, bool hasBeaten) const {
     if (!second_.threads.contains(thread.tid)) {
       snapshot_.process.hasOtherIds
-          ? decide(thread, Verdict::kUnknown, "the core has the ids of another namespace")
+          ? decide(thread, Verdict::kUnknown,
+                   snapshot_.process.isCore
+                       ? "the core has the ids of another namespace"
+                       : "was watched in the process that this one was forked from")
           : decide(thread, Verdict::kEnded, "ended without stopping its heartbeat");
       return;
     }
@@ -131,6 +146,8 @@ class Judge {
              "stopped by its tracer, process " + std::to_string(after->tracer));
     } else if (state == 'T') {
       decide(thread, Verdict::kStopped, "stopped by a signal" + alsoWaits(thread.tid));
+    } else if (after != nullptr && isFrozen(*after, second_)) {
+      decide(thread, Verdict::kStopped, "frozen with its control group" + alsoWaits(thread.tid));
     } else if (state == 'D' && isStuckInKernel) {
       decide(thread, Verdict::kUninterruptible,
              "does not return from the kernel, in " +
@@ -191,7 +208,11 @@ class Judge {
   }
 
   [[nodiscard]] std::string wordsFor(const Wait& wait) const {
-    const std::string holder = wait.holder == 0 ? "" : snapshot_.nameOf(wait.holder);
+    const std::string holder =
+        wait.holder != 0 ? snapshot_.nameOf(wait.holder)
+        : wait.stranger == 0 || snapshot_.process.hasOtherIds
+            ? ""
+            : std::to_string(wait.stranger) + ", which is no thread of this process, or no more";
     switch (wait.kind) {
       case Verdict::kMutex:
         return "waits for a mutex" + (holder.empty() ? "" : ", held by " + holder);

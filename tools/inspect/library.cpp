@@ -94,6 +94,14 @@ void forEachNode(const Target& target, const Record& record, Visit visit) {
   }
 }
 
+bool isOwnId(const Target& target, pid_t pid) {
+  if (target.isCore()) {
+    return pid == target.pid();
+  }
+  const std::vector<pid_t> threads = target.threads();
+  return std::find(threads.begin(), threads.end(), pid) != threads.end();
+}
+
 }  // namespace
 
 int64_t msBetween(const timespec& from, const timespec& to) {
@@ -146,7 +154,7 @@ Process readProcess(const Target& target, const Library& library, const timespec
   process.isCore = target.isCore();
   const auto ownPid =
       target.get<pid_t>(addressOf(record.process.address) + record.process.pid).value_or(0);
-  process.hasOtherIds = process.isCore && ownPid != 0 && ownPid != process.pid;
+  process.hasOtherIds = ownPid != 0 && !isOwnId(target, ownPid);
   process.library = library.path;
   process.platform = library.platform;
   process.periodMs = target.get<uint32_t>(addressOf(record.detectionPeriod)).value_or(0);

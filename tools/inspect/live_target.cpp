@@ -63,6 +63,15 @@ pid_t processOf(pid_t id) {
   return of.empty() ? id : static_cast<pid_t>(std::atol(of.c_str()));
 }
 
+// Of the monotonic clock in the namespace of a process or thread.
+int64_t clockOffset(const std::string& directory) {
+  const std::string offsets = readAt(AT_FDCWD, (directory + "/timens_offsets").c_str());
+  int64_t seconds = 0;
+  int64_t nanoseconds = 0;
+  std::sscanf(offsets.c_str(), "monotonic %" SCNd64 " %" SCNd64, &seconds, &nanoseconds);
+  return seconds * 1'000'000'000 + nanoseconds;
+}
+
 void expectAllowed(bool isOpen, pid_t pid) {
   if (!isOpen && (errno == EACCES || errno == EPERM)) {
     throw Mistake("process " + std::to_string(pid) + " may not be looked into: " + strerror(errno) +
@@ -78,6 +87,7 @@ LiveTarget::LiveTarget(pid_t pid)
       tasks_(openat(process_.get(), "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
       isInNamespace_(valueIn(textOf("status"), "NSpid").find('\t') != std::string::npos),
       living_(findLivingThread()),
+      clockAheadNs_(clockOffset(inProc(living_)) - clockOffset("/proc/self")),
       home_(openat(tasks_.get(), std::to_string(living_).c_str(),
                    O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
       memory_(openat(home_.get(), "mem", O_RDONLY | O_CLOEXEC)) {
@@ -126,10 +136,12 @@ std::vector<Mapping> LiveTarget::mappings() const {
   for (std::string line; std::getline(lines, line);) {
     Mapping mapping;
     char mayWrite = '-';
+    char sharing = '-';
     int path = 0;
-    if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64 " %*c%c%*s %*s %*s %*s %n", &mapping.start,
-                    &mapping.end, &mayWrite, &path) == 3) {
-      mapping.isWritable = mayWrite == 'w';
+    if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64 " %*c%c%*c%c %*s %*s %*s %n",
+                    &mapping.start, &mapping.end, &mayWrite, &sharing, &path) == 4) {
+      // To look into what is shared would take memory for it, where it has not been used yet.
+      mapping.isWritable = mayWrite == 'w' && sharing == 'p';
       mapping.path = path > 0 ? line.substr(static_cast<size_t>(path)) : std::string();
       all.push_back(std::move(mapping));
     }
@@ -224,7 +236,8 @@ std::string LiveTarget::name() const { return trimmed(textOf("comm")); }
 std::optional<timespec> LiveTarget::now() const {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  return now;
+  const int64_t ns = now.tv_sec * 1'000'000'000 + now.tv_nsec + clockAheadNs_;
+  return timespec{ns / 1'000'000'000, ns % 1'000'000'000};
 }
 
 // The start is told in ticks since the machine's.

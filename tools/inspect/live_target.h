@@ -40,10 +40,11 @@ class LiveTarget final : public Target {
   pid_t pid_;
   ScopedFd process_;  // its directory in /proc, which stays that process's
   ScopedFd tasks_;
-  bool isInNamespace_;  // of process ids
-  pid_t living_;        // as seen from here
-  ScopedFd home_;       // its directory
-  ScopedFd memory_;     // which stays that program's, whoever gets the id
+  bool isInNamespace_;    // of process ids
+  pid_t living_;          // as seen from here
+  int64_t clockAheadNs_;  // of ours, in a time namespace
+  ScopedFd home_;         // its directory
+  ScopedFd memory_;       // which stays that program's, whoever gets the id
 };
 
 }  // namespace qurn::inspect

@@ -1,6 +1,7 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "../common/printable.h"
 #include "output.h"
 
 namespace qurn::inspect {

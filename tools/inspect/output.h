@@ -12,7 +12,4 @@ void writeJson(std::ostream& out, const Snapshot& snapshot);
 // The Prometheus text format.
 void writeMetrics(std::ostream& out, const Snapshot& snapshot);
 
-// Without what would do something to a terminal.
-std::string printable(std::string_view text);
-
 }  // namespace qurn::inspect

@@ -40,6 +40,7 @@ struct Wait {
   pid_t tid = 0;
   Verdict kind = Verdict::kUnknown;
   pid_t holder = 0;      // a thread of the process, 0 where none is known
+  pid_t stranger = 0;    // who holds it instead, and is none
   uint64_t address = 0;  // of the lock
   std::string call;      // the system call, and what its descriptor is
 
@@ -77,7 +78,8 @@ struct Process {
   uint32_t keepAlivePeriodMs = 0;
   int64_t lastReportMs = -1;  // since the last one; -1 before the first
   bool isCore = false;
-  bool hasOtherIds = false;  // than it knows itself: a debugger's core, taken outside its namespace
+  // Than it knows itself: a debugger's core, taken outside its namespace, or the child of a fork.
+  bool hasOtherIds = false;
 };
 
 struct Stack {

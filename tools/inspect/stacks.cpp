@@ -173,6 +173,10 @@ std::vector<Stack> stacksOf(const Target& target, const std::vector<pid_t>& thre
       for (size_t frame = 0; frame < addresses.size(); ++frame) {
         symbols.explain(addresses[frame], frame > 0, stack.frames);
       }
+      if (addresses.size() == Symbols::kMostFrames) {
+        stack.note += stack.note.empty() ? "" : "; ";
+        stack.note += "the innermost " + std::to_string(addresses.size()) + " frames";
+      }
     }
     stacks.push_back(std::move(stack));
   }

@@ -12,7 +12,6 @@
 namespace qurn::inspect {
 namespace {
 
-constexpr size_t kMostFrames = 256;
 constexpr size_t kMostNames = 100'000;
 
 // As the process sees its files, which may be in another mount namespace; what stands there now may

@@ -35,6 +35,7 @@ class Symbols {
     explainCode(session_.get(), address, isCaller, frames);
   }
 
+  static constexpr size_t kMostFrames = 256;  // of a stack
   using ReadWord = std::function<bool(uint64_t address, uint64_t* word)>;
   // The addresses on a stack, innermost first.
   std::vector<uint64_t> unwind(const Registers& registers, const ReadWord& readWord);

@@ -24,8 +24,8 @@ struct Mistake : std::runtime_error {
 struct Mapping {
   uint64_t start = 0;
   uint64_t end = 0;
-  bool isWritable = false;
-  std::string path;  // empty where it is no file
+  bool isWritable = false;  // and no other's too
+  std::string path;         // empty where it is no file
 };
 
 // The system call that a thread is in.

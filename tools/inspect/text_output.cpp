@@ -5,6 +5,7 @@
 #include <sstream>
 #include <utility>
 
+#include "../common/printable.h"
 #include "output.h"
 
 namespace qurn::inspect {
@@ -182,49 +183,7 @@ void writeCapture(std::ostream& out, const Capture& capture) {
   }
 }
 
-// Of the one that the text begins with, 0 where that is none in UTF-8.
-size_t lengthOfCharacter(std::string_view text) {
-  const auto byte = [text](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const size_t length = byte(0) < 0x80                       ? 1
-                        : byte(0) >= 0xC2 && byte(0) < 0xE0  ? 2
-                        : byte(0) >= 0xE0 && byte(0) < 0xF0  ? 3
-                        : byte(0) >= 0xF0 && byte(0) <= 0xF4 ? 4
-                                                             : 0;
-  if (length > text.size()) {
-    return 0;
-  }
-  for (size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xC0U) != 0x80) {
-      return 0;
-    }
-  }
-  // Longer than it needs to be, half of a pair, or beyond the last one.
-  const bool isNone =
-      length > 2 && ((byte(0) == 0xE0 && byte(1) < 0xA0) || (byte(0) == 0xED && byte(1) >= 0xA0) ||
-                     (byte(0) == 0xF0 && byte(1) < 0x90) || (byte(0) == 0xF4 && byte(1) >= 0x90));
-  return isNone ? 0 : length;
-}
-
 }  // namespace
-
-std::string printable(std::string_view text) {
-  std::string safe;
-  while (!text.empty()) {
-    const size_t length = lengthOfCharacter(text);
-    const auto byte = static_cast<unsigned char>(text[0]);
-    const bool isC1 = byte == 0xC2 && length == 2 && static_cast<unsigned char>(text[1]) < 0xA0;
-    if (length != 0 && byte >= 0x20 && byte != 0x7F && !isC1) {
-      safe += text.substr(0, length);
-    } else {
-      std::array<char, 8> escaped{};
-      std::snprintf(escaped.data(), escaped.size(), "\\x%02x",
-                    static_cast<unsigned char>(text[isC1 ? 1 : 0]));
-      safe += escaped.data();
-    }
-    text.remove_prefix(std::max<size_t>(length, 1));
-  }
-  return safe;
-}
 
 void writeText(std::ostream& out, const Snapshot& snapshot) {
   writeProcess(out, snapshot.process);

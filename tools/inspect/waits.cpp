@@ -77,22 +77,28 @@ Verdict kindByNames(const Target& target, const Call& call, const NameOfCode& na
 }
 
 // The writer of the read-write lock in which one waits at this word. Readers leave no name.
-pid_t writerOf(const Target& target, uint64_t futex, const std::set<pid_t>& threads) {
+uint32_t writerOf(const Target& target, uint64_t futex) {
   using Data = decltype(pthread_rwlock_t::__data);
   const uint64_t lock = futex % 8 == 0 ? futex - offsetof(Data, __wrphase_futex)
                                        : futex - offsetof(Data, __writers_futex);
-  return asThread(target.get<uint32_t>(lock + offsetof(Data, __cur_writer)).value_or(0), threads);
+  return target.get<uint32_t>(lock + offsetof(Data, __cur_writer)).value_or(0);
 }
 
-pid_t ownerOf(const Words& words, const std::set<pid_t>& threads) {
-  return asThread(words.word[offsetof(decltype(pthread_mutex_t::__data), __owner) / 4], threads);
+uint32_t ownerOf(const Words& words) {
+  return words.word[offsetof(decltype(pthread_mutex_t::__data), __owner) / 4];
+}
+
+// It may have ended, or belong to another process where the lock is shared.
+void setHolder(Wait& wait, uint32_t word, const std::set<pid_t>& threads) {
+  wait.holder = asThread(word, threads);
+  wait.stranger = wait.holder == 0 ? static_cast<pid_t>(word & kTidMask) : 0;
 }
 
 // Where no name tells, as on the way of a timed mutex: its owner also counts as one of its users,
 // which tells it from other locks whose word is 2 as well.
 bool looksLikeMutex(uint32_t value, const Words& words, const std::set<pid_t>& threads) {
   const uint32_t users = words.word[offsetof(decltype(pthread_mutex_t::__data), __nusers) / 4];
-  return value == 2 && words.word[0] == 2 && ownerOf(words, threads) != 0 && users != 0 &&
+  return value == 2 && words.word[0] == 2 && asThread(ownerOf(words), threads) != 0 && users != 0 &&
          users <= threads.size();
 }
 
@@ -105,7 +111,16 @@ void explainPlainWait(const Target& target, const Call& call, const Words& words
                       const std::set<pid_t>& threads, const NameOfCode& nameOfCode, Wait& wait) {
   const auto value = static_cast<uint32_t>(call.arguments[2]);
   const bool isBitset = isBitsetWait(call);
+  // The C library's own waits do not go through its function for everybody else's, whose words may
+  // mean anything, and whose stacks may still show what was waited for earlier.
+  if (nameOfCode(call.programCounter) == "syscall") {
+    return;
+  }
   wait.kind = kindByNames(target, call, nameOfCode);
+  // Who was told to go on takes the mutex again within the same function.
+  if (wait.kind == Verdict::kCondition && !isBitset && value != 0) {
+    wait.kind = Verdict::kMutex;
+  }
   const bool isNamed = wait.kind != Verdict::kLock && wait.kind != Verdict::kJoin;
   // In a container a thread's id may be as small as any lock's word. Who waits for the end of a
   // thread names it alone; in a robust mutex's word its owner is marked as waited for.
@@ -121,24 +136,23 @@ void explainPlainWait(const Target& target, const Call& call, const Words& words
     wait.kind = Verdict::kSemaphore;
   }
   if (wait.kind == Verdict::kMutex) {
-    wait.holder = isRobust ? asThread(words.word[0], threads) : ownerOf(words, threads);
+    setHolder(wait, isRobust ? words.word[0] : ownerOf(words), threads);
   } else if (wait.kind == Verdict::kRwlock) {
-    wait.holder = writerOf(target, words.address, threads);
+    setHolder(wait, writerOf(target, words.address), threads);
   }
 }
 
 Wait explainFutex(const Target& target, pid_t tid, const Call& call, const std::set<pid_t>& threads,
                   const NameOfCode& nameOfCode) {
-  Wait wait{tid, Verdict::kLock, 0, call.arguments[0], "futex"};
+  Wait wait{tid, Verdict::kLock, 0, 0, call.arguments[0], "futex"};
   const Words words{
       call.arguments[0],
       target.get<std::array<uint32_t, 4>>(call.arguments[0]).value_or(std::array<uint32_t, 4>{})};
   switch (commandOf(call)) {
     case FUTEX_LOCK_PI:
     case FUTEX_LOCK_PI2:
-    case FUTEX_WAIT_REQUEUE_PI:
       wait.kind = Verdict::kMutex;
-      wait.holder = asThread(words.word[0], threads);
+      setHolder(wait, words.word[0], threads);
       break;
     case FUTEX_WAIT:
     case FUTEX_WAIT_BITSET:
@@ -164,15 +178,25 @@ constexpr CallRule kCalls[] = {
     {SYS_writev, "writev", true},
     {SYS_pread64, "pread64", true},
     {SYS_pwrite64, "pwrite64", true},
+    {SYS_preadv, "preadv", true},
+    {SYS_pwritev, "pwritev", true},
+    {SYS_sendfile, "sendfile", true},
+    {SYS_splice, "splice", true},
+    {SYS_copy_file_range, "copy_file_range", true},
+    {SYS_getdents64, "getdents64", true},
+    {SYS_close, "close", true},
     {SYS_recvfrom, "recvfrom", true},
     {SYS_recvmsg, "recvmsg", true},
     {SYS_recvmmsg, "recvmmsg", true},
     {SYS_sendto, "sendto", true},
     {SYS_sendmsg, "sendmsg", true},
+    {SYS_sendmmsg, "sendmmsg", true},
     {SYS_accept, "accept", true},
     {SYS_accept4, "accept4", true},
     {SYS_connect, "connect", true},
     {SYS_epoll_pwait, "epoll_pwait", true},
+    {SYS_epoll_pwait2, "epoll_pwait2", true},
+    {SYS_io_uring_enter, "io_uring_enter", true},
     {SYS_flock, "flock", true},
     {SYS_fcntl, "fcntl", true},
     {SYS_fsync, "fsync", true},
@@ -242,7 +266,7 @@ bool isTimer(const std::string& descriptor) {
 }
 
 Wait explainCall(const Target& target, pid_t tid, const Call& call) {
-  Wait wait{tid, Verdict::kSyscall, 0, 0, "system call " + std::to_string(call.number)};
+  Wait wait{tid, Verdict::kSyscall, 0, 0, 0, "system call " + std::to_string(call.number)};
   for (const CallRule& rule : kCalls) {
     if (rule.number == call.number) {
       wait.call = rule.name;
@@ -284,7 +308,7 @@ std::optional<Wait> waitOf(const Target& target, pid_t tid, const Call& call,
     return explainFutex(target, tid, call, threads, nameOfCode);
   }
   if (isSleep(call)) {
-    return Wait{tid, Verdict::kSleep, 0, 0, ""};
+    return Wait{tid, Verdict::kSleep, 0, 0, 0, ""};
   }
   return explainCall(target, tid, call);
 }

@@ -16,8 +16,11 @@ namespace {
 constexpr std::array<std::string_view, 6> kWriterFields{
     "_BOOT_ID", "_HOSTNAME", "CONTAINER_NAME", "SYSLOG_IDENTIFIER", "_PID", "TID"};
 
-constexpr std::array<std::pair<std::string_view, std::string JournalRecord::*>, 4> kTold{
+// The journal's fields, and those of Docker's own file.
+constexpr std::array<std::pair<std::string_view, std::string JournalRecord::*>, 6> kTold{
     {{"MESSAGE", &JournalRecord::message},
+     {"log", &JournalRecord::message},
+     {"time", &JournalRecord::at},
      {"QURN_SILENCE_MS", &JournalRecord::silenceMs},
      {"QURN_FRAME_NUMBER", &JournalRecord::frameNumber},
      {"QURN_FRAME", &JournalRecord::frame}}};
@@ -96,7 +99,8 @@ std::string wholeMessage(const JournalRecord& record) {
 bool beginsExportedRecord(std::string_view line) { return line.starts_with("__CURSOR="); }
 
 bool readJsonRecord(std::string_view line, JournalRecord& record) {
-  if (!line.starts_with('{') || line.find("\"MESSAGE\"") == std::string_view::npos) {
+  if (!line.starts_with("{\"log\":") &&
+      (!line.starts_with('{') || line.find("\"MESSAGE\"") == std::string_view::npos)) {
     return false;
   }
   const auto fields = nlohmann::json::parse(line, nullptr, false);

@@ -1,4 +1,5 @@
-// One record of the system's journal, as `journalctl -o json` and `-o export` write them.
+// One record of the system's journal, as `journalctl -o json` and `-o export` write them, or of
+// what Docker keeps of a container.
 #pragma once
 
 #include <string>

@@ -4,8 +4,8 @@
 #include <nlohmann/json.hpp>
 
 #include "../common/code_frame.h"
+#include "../common/printable.h"
 #include "output.h"
-#include "printable.h"
 
 namespace qurn::report {
 namespace {

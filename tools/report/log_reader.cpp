@@ -26,7 +26,7 @@ void LogReader::takeLine(std::string_view line) {
 // A service's standard error may be kept in the journal, each line with a prefix of its own.
 void LogReader::take(std::string_view text, const JournalRecord& record) {
   text = text.substr(0, kMostLineBytes);
-  text.remove_suffix(text.ends_with('\r') ? 1 : 0);
+  text = text.substr(0, text.find_last_not_of("\r\n") + 1);
   const LogLine line = takeApart(text, beginsMessage);
   if (beginsMessage(line.message)) {
     Storyteller& teller = tellerOf(record.writer + line.writer());

@@ -10,6 +10,7 @@ namespace qurn::report {
 namespace {
 
 constexpr size_t kLengthBytes = 8;
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // some begin a file of UTF-8 so
 constexpr uint64_t kMostBytes = 1 << 20;  // nothing that the library writes is as long
 
 // The lowest byte comes first.
@@ -124,6 +125,7 @@ void LogText::step(std::string_view piece) {
   } else if (beginsExportedRecord(piece)) {
     expected_ = Expected::kField;
   } else {
+    piece.remove_prefix(piece.starts_with(kByteOrderMark) ? kByteOrderMark.size() : 0);
     reader_.takeLine(piece);
   }
 }

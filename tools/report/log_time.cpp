@@ -92,9 +92,12 @@ bool takeZone(Scanner& rest, std::chrono::minutes& east) {
   return rest.text().empty();
 }
 
-bool isWithinBounds(const tm& parts) {
-  return parts.tm_mon >= 0 && parts.tm_mon < 12 && parts.tm_mday >= 1 && parts.tm_mday <= 31 &&
-         parts.tm_hour < 25 && parts.tm_min < 60 && parts.tm_sec <= 60;
+bool isTimeOfDay(const tm& parts) {
+  return parts.tm_hour < 25 && parts.tm_min < 60 && parts.tm_sec <= 60;
+}
+
+bool isDay(const tm& parts) {
+  return (std::chrono::year(parts.tm_year + 1900) / (parts.tm_mon + 1) / parts.tm_mday).ok();
 }
 
 Time pointAt(tm parts, microseconds fraction, std::chrono::minutes east) {
@@ -116,20 +119,23 @@ std::optional<Time> timeIn(std::string_view text, Time now) {
       (!takeTimeOfDay(rest, parts, fraction) || !takeZone(rest, east))) {
     return std::nullopt;
   }
-  if (!rest.text().empty() || !isWithinBounds(parts)) {
+  if (!rest.text().empty() || !isTimeOfDay(parts)) {
     return std::nullopt;
   }
   if (hasYear) {
-    return pointAt(parts, fraction, east);
+    return isDay(parts) ? std::optional(pointAt(parts, fraction, east)) : std::nullopt;
   }
   const auto seconds = std::chrono::system_clock::to_time_t(now);
   tm today{};
   gmtime_r(&seconds, &today);
-  parts.tm_year = today.tm_year;
-  if (pointAt(parts, fraction, east) > now + std::chrono::hours(24)) {
-    --parts.tm_year;
+  constexpr int kMostBetweenLeapYears = 8;
+  for (int ago = 0; ago <= kMostBetweenLeapYears; ++ago) {
+    parts.tm_year = today.tm_year - ago;
+    if (isDay(parts) && pointAt(parts, fraction, east) <= now + std::chrono::hours(24)) {
+      return pointAt(parts, fraction, east);
+    }
   }
-  return pointAt(parts, fraction, east);
+  return std::nullopt;
 }
 
 std::optional<Time> timeOrAgeIn(std::string_view text, Time now) {

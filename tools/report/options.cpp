@@ -8,7 +8,7 @@
 #include <cstring>
 #include <iostream>
 
-#include "printable.h"
+#include "../common/printable.h"
 
 namespace qurn::report {
 namespace {

@@ -5,8 +5,8 @@
 #include <string_view>
 
 #include "../common/code_frame.h"
+#include "../common/printable.h"
 #include "output.h"
-#include "printable.h"
 
 namespace qurn::report {
 namespace {

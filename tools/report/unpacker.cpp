@@ -78,10 +78,17 @@ class Zstd : public Archive {
 // It must not pass for a log that tells of nothing.
 class Other : public Archive {
  public:
-  std::string unpack(std::string_view& /*packed*/, const Take& /*take*/) override {
-    return "packed by neither gzip nor zstd";
-  }
+  explicit Other(const char* why) : why_(why) {}
+  std::string unpack(std::string_view& /*packed*/, const Take& /*take*/) override { return why_; }
+
+ private:
+  const char* why_;
 };
+
+std::unique_ptr<Archive> otherPacking() {
+  return std::make_unique<Other>("packed by neither gzip nor zstd");
+}
+std::unique_ptr<Archive> otherEncoding() { return std::make_unique<Other>("not UTF-8"); }
 
 struct Format {
   std::string_view start;
@@ -94,13 +101,18 @@ std::unique_ptr<Archive> make() {
   return std::make_unique<Kind>();
 }
 
-constexpr std::array<Format, 6> kFormats{{
+constexpr std::array<Format, 11> kFormats{{
     {"\x1F\x8B", 0xFF, make<Gzip>},
     {"\x28\xB5\x2F\xFD", 0xFF, make<Zstd>},
-    {"\x50\x2A\x4D\x18", 0xF0, make<Zstd>},   // a frame that is passed over
-    {"\xFD\x37zX", 0xFF, make<Other>},        // xz
-    {"BZh9", 0xFF, make<Other>},              // bzip2
-    {"\x04\x22\x4D\x18", 0xFF, make<Other>},  // lz4
+    {"\x50\x2A\x4D\x18", 0xF0, make<Zstd>},    // a frame that is passed over
+    {"\xFD\x37zX", 0xFF, otherPacking},        // xz
+    {"BZh", 0xFF, otherPacking},               // bzip2
+    {"\x04\x22\x4D\x18", 0xFF, otherPacking},  // lz4
+    {"PK\x03\x04", 0xFF, otherPacking},        // zip
+    {"LZIP", 0xFF, otherPacking},
+    {"\x1F\x9D", 0xFF, otherPacking},   // compress
+    {"\xFF\xFE", 0xFF, otherEncoding},  // UTF-16, as it begins in files
+    {"\xFE\xFF", 0xFF, otherEncoding},
 }};
 constexpr size_t kStartBytes = 4;
 

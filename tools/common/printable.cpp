@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 
-namespace qurn::report {
+namespace qurn {
 namespace {
 
 struct Lead {
@@ -18,9 +18,11 @@ constexpr std::array<Lead, 4> kLeads{
 
 bool isShown(uint32_t character) {
   const bool isControl = character < ' ' || (character >= 0x7F && character < 0xA0);
+  const bool isTurn = (character >= 0x202A && character < 0x202F) ||  // of the direction
+                      (character >= 0x2066 && character < 0x206A);
   const bool isHalf = character >= 0xD800 && character < 0xE000;
   const bool isNone = (character & 0xFFFE) == 0xFFFE;  // which no document may hold
-  return !isControl && !isHalf && !isNone && character <= 0x10FFFF;
+  return !isControl && !isTurn && !isHalf && !isNone && character <= 0x10FFFF;
 }
 
 // The length of the character that the text begins with, 0 when it is not to be shown.
@@ -62,4 +64,4 @@ std::string printable(std::string_view text) {
   return shown;
 }
 
-}  // namespace qurn::report
+}  // namespace qurn
