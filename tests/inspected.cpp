@@ -4,18 +4,24 @@
 // then "ready", and "disturbed" whenever a wait is interrupted; "mainless" ends the main thread
 // then.
 #include <link.h>
+#include <poll.h>
 #include <qurnadapt/qurnadapt.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/select.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <latch>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -147,6 +153,23 @@ void joinOne() {
   std::thread(run, kJoined).join();
 }
 
+// Of whom the watch knows nothing.
+void waitForOutsider() {
+  static std::latch taken{1};
+  std::thread([] {
+    pthread_setname_np(pthread_self(), "outsider");
+    {
+      const std::scoped_lock lock(g_tidsMutex);
+      g_tids["outsider"] = gettid();
+    }
+    pthread_mutex_lock(&g_ring[7]);
+    taken.count_down();
+    waitForEver();
+  }).detach();
+  taken.wait();
+  pthread_mutex_lock(&g_ring[7]);
+}
+
 constexpr Place kPlaces[] = {
     {"keeper", "syscall", "-", keep},
     {"normal", "mutex", "keeper", lockMutex<0>},
@@ -163,6 +186,7 @@ constexpr Place kPlaces[] = {
     {"itself", "mutex", "itself", lockTwice},
     {"joiner", "join", "joined", joinOne},
     {"joined", "mutex", "joiner", nullptr},
+    {"outsiders", "mutex", "outsider", waitForOutsider},
     {"read_written", "rwlock", "keeper", [] { pthread_rwlock_rdlock(&g_written); }},
     {"write_written", "rwlock", "keeper", [] { pthread_rwlock_wrlock(&g_written); }},
     {"robust_timed", "mutex", "keeper", lockRobustTimed},
@@ -180,6 +204,8 @@ constexpr Place kPlaces[] = {
     {"pipe", "syscall", "-", readPipe},
     {"accept", "syscall", "-", acceptSocket},
     {"nanosleep", "sleep", "-", [] { sleep(86400); }},
+    {"poll", "sleep", "-", [] { ppoll(nullptr, 0, nullptr, nullptr); }},
+    {"select", "sleep", "-", [] { select(0, nullptr, nullptr, nullptr, nullptr); }},
     {"timer", "sleep", "-", [] { readFrom(timerfd_create(CLOCK_MONOTONIC, 0)); }},
     {"epoll", "syscall", "-", waitForEvent},
     {"sigtimedwait", "syscall", "-", waitForSignal},
@@ -198,6 +224,18 @@ constexpr Place kPlaces[] = {
     {"starved", "starved", "-", starve},
 };
 constexpr ptrdiff_t kHard = 4;
+
+// Whether nobody runs of those who wait once they are where they belong.
+bool everybodyWaits(const std::vector<Place>& places) {
+  const std::set<std::string> runners{"loop", "starved", "working", "ended"};
+  const std::scoped_lock lock(g_tidsMutex);
+  return std::ranges::all_of(places, [&](const Place& place) {
+    std::ifstream file("/proc/self/task/" + std::to_string(g_tids[place.name]) + "/stat");
+    std::string stat;
+    std::getline(file, stat);
+    return runners.contains(place.verdict) || stat.find(") R ") == std::string::npos;
+  });
+}
 
 }  // namespace
 
@@ -227,7 +265,10 @@ int main(int argc, char** argv) {
     }
   }
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  usleep(1'300'000);  // everybody is there, and has been silent for a second
+  for (int calm = 0; calm < 13;) {  // everybody is there, and has been silent for a second
+    usleep(100'000);
+    calm = everybodyWaits(places) ? calm + 1 : 0;
+  }
   const std::scoped_lock lock(g_tidsMutex);
   for (const auto& [name, verdict, holder, getStuck] : places) {
     std::printf("%s %d %s %d\n", name, g_tids[name], verdict, g_tids[holder]);

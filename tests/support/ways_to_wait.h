@@ -62,7 +62,8 @@ pthread_mutex_t g_mutexes[] = {
     mutexOf(PTHREAD_MUTEX_NORMAL, PTHREAD_PRIO_INHERIT),
     mutexOf(PTHREAD_MUTEX_NORMAL, PTHREAD_PRIO_NONE, PTHREAD_MUTEX_ROBUST),
 };
-pthread_mutex_t g_ring[7] = {};  // two, three, the joined one's, and one that is left locked
+// Two, three, the joined one's, one that is left locked, and an outsider's.
+pthread_mutex_t g_ring[8] = {};
 
 void waitForEver() {
   for (;;) {
