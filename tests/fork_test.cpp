@@ -143,8 +143,13 @@ bool startsAnewUnwatched() {
 }
 
 std::atomic<bool> g_hooked{false};
+std::atomic<bool> g_letsSignalsIn{false};
 
+// What it starts is to take signals as the host does.
 uint32_t hook(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
+  sigset_t blocked;
+  pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  g_letsSignalsIn = sigismember(&blocked, SIGTERM) == 0;
   g_hooked = true;
   return 0;
 }
@@ -157,7 +162,7 @@ bool startsAnew() {
                     Frame_RegDeadloopInfoHook(&self, hook) == QURN_OK && FRAME_MntInit() == QURN_OK;
   while (good && !g_hooked) {
   }
-  return good;
+  return good && g_letsSignalsIn;
 }
 
 // Also of a fork, in which the handler may use the tables. With a second thread the C library

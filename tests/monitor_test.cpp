@@ -225,6 +225,21 @@ TEST_F(DetectionPass, AThreadThatEndsInItsHandlerLeavesTheRecordToTheNextOne) {
   EXPECT_TRUE(isCaptured());
 }
 
+TEST_F(DetectionPass, AStrayCaptureUnderWayIsNotTakenForOneThatIsAskedForMeanwhile) {
+  SilentThread stuck;
+  fault::arm("KEM_TaskStackInfoGet", EIO);
+  fault::onStrike([] {
+    passAfter(1000);
+    EXPECT_TRUE(eventually([] { return sleeps() == 5; })) << "it waits its turn";
+    std::thread([] { raise(SIGRTMIN + 2); }).join();
+    EXPECT_EQ(sleeps(), 5) << "nobody waits for this one's";
+  });
+  raise(SIGRTMIN + 2);
+  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_SIGNALED);
+  stuck.interrupt();
+  EXPECT_TRUE(eventually(isCaptured));
+}
+
 // Its heartbeat reads the clock under its own lock, and never comes back.
 TEST_F(DetectionPass, IsNotHeldUpByAThreadStuckInItsHeartbeat) {
   static std::binary_semaphore isStuck{0};
@@ -242,8 +257,13 @@ TEST_F(DetectionPass, IsNotHeldUpByAThreadStuckInItsHeartbeat) {
   });
   isStuck.acquire();
   const SilentThread stuck;
+  Frame_RegThreadDeadloopWarningHook([](uint64_t, uint32_t, uint32_t, uint32_t) {
+    EXPECT_EQ(FRAME_UpdateDeadloopThresholdByName("silent", 1, 1, 1), QURN_OK);
+  });
+  EXPECT_EQ(passAfter(1000), 2U);
+  Frame_RegThreadDeadloopWarningHook(nullptr);
   EXPECT_EQ(passAfter(1000), 3U);
-  EXPECT_EQ(recorded::count("task [silent:"), 3U);
+  EXPECT_EQ(recorded::count("task [silent:"), 5U);
   end.release();
   inside.join();
 }

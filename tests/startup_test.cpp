@@ -23,6 +23,17 @@ TEST(Startup, RunsOneDetectionThreadUnderItsNameWhichTicksAtItsPeriod) {
   EXPECT_EQ(fault::calls("epoll_create"), 1);
 }
 
+TEST(Startup, LeavesTheHostsSignalsToTheHostsThreads) {
+  startDetection(20);
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  kill(getpid(), SIGTERM);
+  const timespec most{10, 0};
+  EXPECT_EQ(sigtimedwait(&signals, nullptr, &most), SIGTERM);
+}
+
 TEST(Startup, APeriodCanBeSetOnceAndOnlyBefore) {
   EXPECT_CODES((Codes{QURN_FAILED, 0, QURN_FAILED, 0, QURN_FAILED}), FrameSetDeadloopPeriodDelay(0),
                FrameSetDeadloopPeriodDelay(3000), FrameSetDeadloopPeriodDelay(4000),

@@ -20,9 +20,9 @@ typedef struct FrameMntEpollData {
 } FrameMntEpollData;
 
 /* Handles one readable descriptor of a set. Runs on the detection thread with the event-set lock
- * held: it must not call FRAME_MntRegSetAndEventProc (the lock is not recursive), and while it
- * runs no other event is served. FRAME_MntEpollCtl is allowed. Returns 0 for success; any other
- * value is logged. */
+ * held and all signals held back: it must not call FRAME_MntRegSetAndEventProc (the lock is not
+ * recursive), and while it runs no other event is served. FRAME_MntEpollCtl is allowed. Returns 0
+ * for success; any other value is logged. */
 typedef uint32_t (*FrameMntEventProc)(struct epoll_event* event, void* param);
 
 /* Registers proc and param under setName, or replaces those of an earlier registration of the same
