@@ -169,10 +169,12 @@ TEST(Tick, GivesThreadsTheTimeByWhichItIsLateBeforeItJudgesThem) {
             (Texts{kept, "asleep for 400", kept, "asleep for 400", kept, "asleep for 200", over}))
       << "a second at most";
   EXPECT_EQ(tickAfter(100), Texts{over}) << "in time again";
-  frozen_clock::oversleep(60'000);
+  frozen_clock::oversleep(60'000, 1);
   EXPECT_EQ(tickAfter(121), (Texts{kept, "asleep for 21", kept, "asleep for 400", kept,
                                    "asleep for 400", kept, "asleep for 200", over}))
       << "stopped again meanwhile";
+  frozen_clock::oversleep(90, 1000);
+  EXPECT_LT(tickAfter(190).size(), 50U) << "every sleep is late";
 }
 
 TEST(IgnoredSignals, NoLongerDisturbTheProcessUpToTheFirstBadEntry) {
