@@ -138,6 +138,7 @@ bool signalThread(pthread_t thread, uint32_t tid) noexcept {
 }
 
 uint32_t sendSignal(pthread_t thread, uint32_t tid) noexcept {
+  const Uncancellable uncancellable;  // or the status would tell of a signal that was never sent
   const auto shortId = static_cast<uint32_t>(thread);
   g_dump.awaitedTid.store(tid);
   g_dump.status.store(FRAME_DEADLOOP_STATUS_SIGNALED, std::memory_order_release);
