@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <qurnadapt/qurnadapt.h>
 #include <sys/epoll.h>
+#include <sys/prctl.h>
 #include <sys/single_threaded.h>
 #include <sys/time.h>
 #include <tovplatform/stand_in.h>
@@ -137,7 +138,10 @@ bool hasNoDescriptorOfTheLoop() {
 // A worker that has promised no heartbeat in the child.
 bool startsAnewUnwatched() {
   Frame_RegThreadDeadloopWarningHook(nullptr);
-  const bool good = FRAME_MntInit() == QURN_OK;
+  char name[FRAME_TASK_NAME_LEN];
+  prctl(PR_GET_NAME, name);
+  const bool good =
+      FRAME_UpdateDeadloopThresholdByName(name, 1, 1, 1) == QURN_OK && FRAME_MntInit() == QURN_OK;
   sleep(3);
   return good;
 }
