@@ -262,6 +262,7 @@ TEST_F(Fork, BesideAThreadThatNeverEndsItsLogLineTheChildGoesOn) {
     fcntl(ends[1], F_SETFL, 0);
     std::thread([] { ZotKemLogPrint("for good"); }).detach();
     usleep(50000);
+    ZotKemLogPrint("dropped, as nobody else is to get stuck");
     return isFull &&
            inChild([] { return dup2(open("/dev/null", O_WRONLY), 2) == 2 && useEverything(); });
   }));
