@@ -250,7 +250,7 @@ TEST_F(Fork, BesideAThreadThatNeverLeavesATableTheChildGoesOn) {
   }
 }
 
-// Its line does not fit into what standard error leads to.
+// While it waits for room in what standard error leads to, a handler holds it up for good.
 TEST_F(Fork, BesideAThreadThatNeverEndsItsLogLineTheChildGoesOn) {
   if (!kThreadsInChild) {
     GTEST_SKIP();
@@ -259,9 +259,15 @@ TEST_F(Fork, BesideAThreadThatNeverEndsItsLogLineTheChildGoesOn) {
     int ends[2];
     const bool isFull = pipe2(ends, O_NONBLOCK) == 0 && dup2(ends[1], STDERR_FILENO) > 0 &&
                         write(ends[1], std::string(1U << 20U, '.').data(), 1U << 20U) > 0;
-    fcntl(ends[1], F_SETFL, 0);
-    std::thread([] { ZotKemLogPrint("for good"); }).detach();
+    signal(SIGUSR1, [](int) {
+      g_isStuck.release();
+      pause();
+    });
+    std::thread stuck([] { ZotKemLogPrint("for good"); });
     usleep(50000);
+    pthread_kill(stuck.native_handle(), SIGUSR1);
+    stuck.detach();
+    g_isStuck.acquire();
     ZotKemLogPrint("dropped, as nobody else is to get stuck");
     return isFull &&
            inChild([] { return dup2(open("/dev/null", O_WRONLY), 2) == 2 && useEverything(); });
