@@ -109,7 +109,7 @@ PassStep measureNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
   FrameMonitorTaskInfo& info = ctrl.astNode[slot].stTaskInfo;
   int32_t elapsedMs = 0;
   constexpr int kLooks = 3;
-  if (staysLocked(ctrl.astNode[slot], kLooks, sched_yield)) [[unlikely]] {
+  if (staysLocked(ctrl.astNode[slot], kLooks, [] { sched_yield(); })) [[unlikely]] {
     return PassStep::kNextSlot;
   }
   {

@@ -126,9 +126,10 @@ inline bool isHandledByCaller(const FrameTaskDeadloopCtrl& ctrl,
 // end the watch over all others. A look at the C library's word spares the calls where, as nearly
 // always, nobody has it.
 template <typename Pause>
-bool staysLocked(FrameDeadloopMonitorNode& node, int looks, Pause pause) noexcept {
+[[gnu::always_inline]] inline bool staysLocked(FrameDeadloopMonitorNode& node, int looks,
+                                               Pause pause) noexcept {
   for (int i = 0; i < looks; ++i) {
-    if (__atomic_load_n(&node.stInfoMutex.__data.__lock, __ATOMIC_RELAXED) == 0) {
+    if (__atomic_load_n(&node.stInfoMutex.__data.__lock, __ATOMIC_RELAXED) == 0) [[likely]] {
       return false;
     }
     pause();
