@@ -142,7 +142,8 @@ bool startsAnewUnwatched() {
   prctl(PR_GET_NAME, name);
   const bool good =
       FRAME_UpdateDeadloopThresholdByName(name, 1, 1, 1) == QURN_OK && FRAME_MntInit() == QURN_OK;
-  sleep(3);
+  for (unsigned left = 3; left != 0; left = sleep(left)) {  // the signal would end it
+  }
   return good;
 }
 
