@@ -231,7 +231,7 @@ TEST_F(Fork, DuringAPassTheChildGoesOnUnreportedAndMayStartAnew) {
 
 // The thread that changes a table is in the platform's allocator, the other in its log.
 TEST_F(Fork, BesideAThreadThatNeverLeavesATableTheChildGoesOn) {
-  if (!kThreadsInChild) {
+  if (!kThreadsInChild || !kAllocatorSurvivesFork) {
     GTEST_SKIP();
   }
   for (const auto& [where, asks] : {std::pair{Stuck::kReadingATable, &findsTablesWhole},
@@ -253,7 +253,7 @@ TEST_F(Fork, BesideAThreadThatNeverLeavesATableTheChildGoesOn) {
 
 // While it waits for room in what standard error leads to, a handler holds it up for good.
 TEST_F(Fork, BesideAThreadThatNeverEndsItsLogLineTheChildGoesOn) {
-  if (!kThreadsInChild) {
+  if (!kThreadsInChild || !kAllocatorSurvivesFork) {
     GTEST_SKIP();
   }
   EXPECT_TRUE(inChild([] {
