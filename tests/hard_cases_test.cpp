@@ -43,8 +43,9 @@ Program hardCase(const std::string& arguments, size_t count, const std::string& 
     expectSafeHandler(output, std::max(count, size_t{1}), painted ? 1001 : 0,
                       kMostHandlerStack * (faults ? 2 : 1));
   };
-  const int status = arguments.starts_with("reported") ? 88 : 0;
-  return {QURN_EMULATOR HARD_CASE " " + arguments, status, says, "forbidden: ... CHANGED", more};
+  const bool ends = arguments.starts_with("reported") || arguments.starts_with("left");
+  return {QURN_EMULATOR HARD_CASE " " + arguments, ends ? 88 : 0, says, "forbidden: ... CHANGED",
+          more};
 }
 
 std::string twelve() {
@@ -89,6 +90,7 @@ TEST(HardCases, EveryReportNamesThePlaceAndTheProcessEndsAsItShould) {
       hardCase("reported leaf 0", 1, spinning),
       hardCase("rescued registers", 1, "at_registers"),
       hardCase("rescued leaf 2", 2, spinning),
+      hardCase("left leaf", 1, spinning, "deadloop process hook start. ... with code 88"),
       hardCase("rescued leaf 5", 5, spinning),
       hardCase("silenced loading", 0, "", silence),
       hardCase("silenced leaf 1 loading", 0, "", silence),

@@ -1,11 +1,10 @@
 // The monitor beyond its model: real threads that are watched, end and are handled, its
 // initialisation, the legacy heart calls, and dead-loop sections.
-#include <sys/syscall.h>
-
 #include <barrier>
 #include <filesystem>
 #include <semaphore>
 
+#include "support/detection_pass.h"
 #include "support/in_child.h"
 #include "support/library_test.h"
 #include "support/run_program.h"
@@ -30,6 +29,32 @@ TEST(Registration, ARenewalFindsAndChangesItsRecordUnderOneHoldOfItsLock) {
   const int locks = fault::calls("pthread_mutex_lock");
   ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
   EXPECT_EQ(fault::calls("pthread_mutex_lock"), locks + 1);
+}
+
+TEST(Registration, InProgressIsWaitedForByHeartbeatsAndChanges) {
+  static std::binary_semaphore goesOn{0};
+  static std::binary_semaphore isRegistered{0};
+  static std::atomic<int> done{0};
+  std::thread other([] {
+    FrameDeadloopHandle own = 0;
+    EXPECT_EQ(Frame_SetHeartbeatToMon(&own, 1, 2, 3), QURN_OK);
+    isRegistered.release();
+    goesOn.acquire();
+    EXPECT_EQ(Frame_SendHeartbeatToMon(&own), QURN_OK);
+    EXPECT_EQ(++done, 1);
+    EXPECT_EQ(FrameSetDetectSwitch(own, 0), QURN_OK);
+    EXPECT_EQ(++done, 2);
+  });
+  isRegistered.acquire();
+  fault::arm("clock_gettime", EPERM);
+  fault::onStrike([] {
+    goesOn.release();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(done, 0);
+  });
+  FrameDeadloopHandle self = 0;
+  EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_FAILED);
+  other.join();
 }
 
 TEST(Registration, RefusesNullAndKeepsThresholdsInMillisecondsAsFarAsTheyFit) {
@@ -107,24 +132,6 @@ TEST(Monitor, RefusesEverythingUntilItsInitialisationHasSucceeded) {
   }
 }
 
-class DetectionPass : public testing::Test {
- protected:
-  void SetUp() override {
-    frozen_clock::start();
-    // With this period every heartbeat is due.
-    EXPECT_CODES(Codes(3, 0), FrameSetDeadloopPeriodDelay(1), FrameDeadloopInit(),
-                 FrameRegDeadloopCapability());
-    recorded::forget();
-  }
-  // Answers how many threshold lines this pass writes after so much more silence.
-  static uint32_t passAfter(int64_t milliseconds) {
-    const size_t before = recorded::count("trigger");
-    frozen_clock::advance(milliseconds);
-    FRAME_TaskDeadloopMonitorEntry();
-    return static_cast<uint32_t>(recorded::count("trigger") - before);
-  }
-};
-
 void noteProcessHook(uint64_t /*threadId*/, uint32_t /*tid*/, uint32_t elapsedMs, uint32_t policy) {
   recorded::note("process " + std::to_string(elapsedMs) + " " + std::to_string(policy));
 }
@@ -172,100 +179,6 @@ TEST_F(DetectionPass, TheWarningHookMayTuneTheThreadThatItIsToldAbout) {
   EXPECT_EQ(passAfter(1000), 2U) << "its third threshold is far again";
   EXPECT_EQ(passAfter(4999), 0U);
   EXPECT_EQ(passAfter(1), 1U);
-}
-
-TEST_F(DetectionPass, ThatIsSuspendedSaysSoOnceAfterTenTicksAndTenSeconds) {
-  SilentThread stuck;
-  const std::string told = "Dead-loop signal not handled, detection suspended. (task [silent:" +
-                           std::to_string(stuck.tid()) + "])";
-  fault::arm("pthread_kill", 0);  // succeeds, sends nothing
-  EXPECT_EQ(passAfter(1000), 3U);
-  const auto ticks = [](int count, int64_t milliseconds) {
-    for (int i = 0; i < count; ++i) {
-      passAfter(milliseconds);
-    }
-    return recorded::texts(100).size() - 1;  // without the third threshold's
-  };
-  EXPECT_EQ(ticks(9, 2000), 0U);
-  EXPECT_EQ(ticks(1, 0), 1U);
-  EXPECT_EQ(ticks(20, 2000), 1U);
-  EXPECT_ERROR(told);
-}
-
-// Somebody else raises the signal before each tick: only the second tick finds the thread's
-// capture.
-TEST_F(DetectionPass, GoesOnBesideStraySignalsAndTheirCapturesAreNoOnesReport) {
-  SilentThread stuck;
-  const auto tickAfterAStray = [](int64_t milliseconds) {
-    frozen_clock::advance(milliseconds);
-    recorded::forget();
-    raise(SIGRTMIN + 2);
-    FrameDeadloopDetectCallback(nullptr);
-  };
-  fault::arm("pthread_kill", 0);
-  tickAfterAStray(1000);
-  EXPECT_EQ(recorded::count("trigger third threshold"), 1U);
-  raise(SIGRTMIN + 2);
-  EXPECT_EQ(FrameGetDeadloopStatus(), FRAME_DEADLOOP_STATUS_SIGNALED) << "not for this one";
-  stuck.interrupt();
-  EXPECT_TRUE(eventually(isCaptured));
-}
-
-TEST_F(DetectionPass, AThreadThatEndsInItsHandlerLeavesTheRecordToTheNextOne) {
-  if (kSanitizers == "thread") {
-    GTEST_SKIP();  // it waits for the thread itself
-  }
-  SilentThread stuck;
-  fault::arm("KEM_TaskStackInfoGet", EIO);
-  fault::onStrike([] { syscall(SYS_exit, 0); });
-  EXPECT_EQ(passAfter(1000), 3U);
-  stuck.end();
-  passAfter(0);
-  raise(SIGRTMIN + 2);
-  EXPECT_TRUE(isCaptured());
-}
-
-// Its heartbeat reads the clock under its own lock, and never comes back.
-TEST_F(DetectionPass, IsNotHeldUpByAThreadStuckInItsHeartbeat) {
-  static std::binary_semaphore isStuck{0};
-  static std::binary_semaphore end{0};
-  std::thread inside([] {
-    FrameDeadloopHandle self = 0;
-    ASSERT_EQ(Frame_SetHeartbeatToMon(&self, 1, 1, 1), QURN_OK);
-    fault::arm("clock_gettime", EIO);
-    fault::onStrike([] {
-      isStuck.release();
-      end.acquire();
-    });
-    Frame_SendHeartbeatToMon(&self);
-    EXPECT_EQ(Frame_StopHeartbeatToMon(&self), QURN_OK);
-  });
-  isStuck.acquire();
-  const SilentThread stuck;
-  EXPECT_EQ(passAfter(1000), 3U);
-  EXPECT_EQ(recorded::count("task [silent:"), 3U);
-  end.release();
-  inside.join();
-}
-
-// Where it would end the thread: in the log's writing, under a lock.
-TEST_F(DetectionPass, AThreadThatIsCancelledLeavesNoLockBehind) {
-  ASSERT_NE(nbb_handle_initialize(), 0U);
-  pthread_t thread{};
-  const auto body = [](void*) -> void* {
-    const FrameDeadloopHandle nobodys = 5;
-    pthread_cancel(pthread_self());
-    EXPECT_EQ(Frame_StopHeartbeatToMon(&nobodys), QURN_FAILED);
-    EXPECT_EQ(nbb_validate_handle(0), nullptr);
-    return nullptr;
-  };
-  recorded::watch([](const std::string&) { pthread_testcancel(); });
-  ASSERT_EQ(pthread_create(&thread, nullptr, body, nullptr), 0);
-  pthread_join(thread, nullptr);
-  recorded::watch(nullptr);
-  FrameDeadloopHandle self = 9;
-  EXPECT_EQ(Frame_SetHeartbeatToMon(&self, 1, 2, 3), QURN_OK);
-  EXPECT_NE(nbb_create_handle(&self), 0U);
 }
 
 TEST_F(DetectionPass, ARecordOfTheCallersOwnIsSignalledByItsPosixIdAloneAndNeverReleased) {

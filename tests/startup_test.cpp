@@ -24,6 +24,17 @@ TEST(Startup, RunsOneDetectionThreadUnderItsNameWhichTicksAtItsPeriod) {
   EXPECT_EQ(fault::calls("epoll_create"), 1);
 }
 
+TEST(Startup, LeavesTheHostsSignalsToTheHostsThreads) {
+  startDetection(20);
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  kill(getpid(), SIGTERM);
+  const timespec most{10, 0};
+  EXPECT_EQ(sigtimedwait(&signals, nullptr, &most), SIGTERM);
+}
+
 TEST(Startup, APeriodCanBeSetOnceAndOnlyBefore) {
   EXPECT_CODES((Codes{QURN_FAILED, 0, QURN_FAILED, 0, QURN_FAILED}), FrameSetDeadloopPeriodDelay(0),
                FrameSetDeadloopPeriodDelay(3000), FrameSetDeadloopPeriodDelay(4000),
@@ -163,10 +174,12 @@ TEST(Tick, GivesThreadsTheTimeByWhichItIsLateBeforeItJudgesThem) {
             (Texts{kept, "asleep for 400", kept, "asleep for 400", kept, "asleep for 200", over}))
       << "a second at most";
   EXPECT_EQ(tickAfter(100), Texts{over}) << "in time again";
-  frozen_clock::oversleep(60'000);
+  frozen_clock::oversleep(60'000, 1);
   EXPECT_EQ(tickAfter(121), (Texts{kept, "asleep for 21", kept, "asleep for 400", kept,
                                    "asleep for 400", kept, "asleep for 200", over}))
       << "stopped again meanwhile";
+  frozen_clock::oversleep(90, 1000);
+  EXPECT_LT(tickAfter(190).size(), 50U) << "every sleep is late";
 }
 
 TEST(IgnoredSignals, NoLongerDisturbTheProcessUpToTheFirstBadEntry) {

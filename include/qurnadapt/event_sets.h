@@ -20,18 +20,19 @@ typedef struct FrameMntEpollData {
 } FrameMntEpollData;
 
 /* Handles one readable descriptor of a set. Runs on the detection thread with the event-set lock
- * held: it must not call FRAME_MntRegSetAndEventProc (the lock is not recursive), and while it
- * runs no other event is served. FRAME_MntEpollCtl is allowed. Returns 0 for success; any other
- * value is logged. */
+ * held and all signals held back: it must not call FRAME_MntRegSetAndEventProc (the lock is not
+ * recursive), and while it runs no other event is served. FRAME_MntEpollCtl is allowed. Returns 0
+ * for success; any other value is logged. */
 typedef uint32_t (*FrameMntEventProc)(struct epoll_event* event, void* param);
 
 /* Registers proc and param under setName, or replaces those of an earlier registration of the same
  * name. setName has at most 127 characters and is copied; param is handed to proc as it is and
- * stays the caller's. Returns 0, 2 for a null proc, 0xFFFFFFFF while the loop does not exist, for
- * a name that does not fit, or without memory. Thread-safe; waits for a running callback. Not to be
- * called from a library's load-time constructor: a callback that needs the loader's lock (a tick
- * does, to look symbols up) and the constructor would wait for each other. A thread that registers
- * sets between its heartbeats waits for a tick that runs: better register at start-up. */
+ * stays the caller's. "tov_timer" is the name of the watch's own set. Returns 0, 2 for a null proc,
+ * 0xFFFFFFFF while the loop does not exist, for a name that does not fit, or without memory.
+ * Thread-safe; waits for a running callback. Not to be called from a library's load-time
+ * constructor: a callback that needs the loader's lock (a tick does, to look symbols up) and the
+ * constructor would wait for each other. A thread that registers sets between its heartbeats waits
+ * for a tick that runs: better register at start-up. */
 QURN_API uint32_t FRAME_MntRegSetAndEventProc(const char* setName, FrameMntEventProc proc,
                                               void* param);
 

@@ -20,7 +20,7 @@ typedef uint64_t FrameDeadloopHandle;
  * ends with status 88. Gets a copy of the slot, the POSIX thread id and the silence in
  * milliseconds; its result is not read. Runs on the detection thread, under the event-set lock but
  * under no monitor lock: every monitor operation may be called, FRAME_MntRegSetAndEventProc may
- * not. */
+ * not. A hook that throws or ends the thread ends the process. */
 typedef uint32_t (*FrameDeadloopInfoHook)(FrameDeadloopHandle* handle, uint64_t threadId,
                                           uint32_t elapsedMs);
 

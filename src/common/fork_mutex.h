@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstdint>
 #include <ctime>
 
 #include "common/uncancellable.h"
@@ -46,6 +47,24 @@ class ForkMutex {
     }
     pthread_mutex_lock(&mutex_);
     owner_.store(pthread_self(), std::memory_order_relaxed);
+  }
+  // Returns false where another thread keeps it for longer.
+  bool lockFor(int64_t milliseconds) noexcept {
+    if (isHeldForFork()) {
+      ++nestedLocks_;
+      return true;
+    }
+    if (pthread_mutex_trylock(&mutex_) != 0) {
+      timespec end{};
+      clock_gettime(CLOCK_REALTIME, &end);
+      const int64_t nanoseconds = end.tv_nsec + milliseconds * 1'000'000;
+      end = {end.tv_sec + nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
+      if (pthread_mutex_timedlock(&mutex_, &end) != 0) {
+        return false;
+      }
+    }
+    owner_.store(pthread_self(), std::memory_order_relaxed);
+    return true;
   }
   void unlock() noexcept {
     if (nestedLocks_ > 0) {

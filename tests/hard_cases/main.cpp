@@ -3,6 +3,7 @@
 // passes come ten times a second. END:
 //   reported  the process ends with status 88
 //   rescued   the threads' hooks end the trouble, and the process goes on
+//   left      the threads' hooks end the thread that runs them: the process ends with status 88
 //   silenced  no report is possible: heartbeats stop, so that the guard acts
 //   unseen    the same, where each heartbeat looks the guard up
 //   sampled   captured and reported many times, at moments that nobody chose
@@ -54,13 +55,17 @@ uint32_t rescue(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t
   return 0;
 }
 
+uint32_t leave(FrameDeadloopHandle* /*handle*/, uint64_t /*threadId*/, uint32_t /*elapsedMs*/) {
+  pthread_exit(nullptr);
+}
+
 // Without a hook the library ends the process.
 void getStuck(Place place) {
   waitFor(g_go);
   FrameDeadloopHandle self = 0;
   Frame_SetHeartbeatToMon(&self, 1, 1, 1);
-  if (g_end == "rescued") {
-    Frame_RegDeadloopInfoHook(&self, rescue);
+  if (g_end == "rescued" || g_end == "left") {
+    Frame_RegDeadloopInfoHook(&self, g_end == "left" ? leave : rescue);
   }
   place();
   Frame_StopHeartbeatToMon(&self);

@@ -34,7 +34,7 @@ namespace frozen_clock {
 void start();
 void advance(int64_t milliseconds);
 // The next nanosleep takes so much longer.
-void oversleep(int64_t milliseconds);
+void oversleep(int64_t milliseconds, int times);
 
 }  // namespace frozen_clock
 

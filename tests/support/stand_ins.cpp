@@ -37,6 +37,7 @@ namespace {
 
 constinit std::atomic<int64_t> g_frozenMs{-1};
 constinit std::atomic<int64_t> g_oversleepMs{0};
+constinit std::atomic<int> g_oversleeps{0};  // sleeps that take so much longer
 constinit std::atomic<int> g_sleeps{0};
 constinit int g_actingSleep = 0;
 constinit std::atomic<void (*)()> g_onSleep{nullptr};
@@ -110,7 +111,10 @@ void onSleep(int number, void (*action)()) {
 
 void frozen_clock::start() { g_frozenMs = 100'000'000; }
 void frozen_clock::advance(int64_t milliseconds) { g_frozenMs += milliseconds; }
-void frozen_clock::oversleep(int64_t milliseconds) { g_oversleepMs = milliseconds; }
+void frozen_clock::oversleep(int64_t milliseconds, int times) {
+  g_oversleepMs = milliseconds;
+  g_oversleeps = times;
+}
 void redirectFile(const char* ending, const char* path) {
   g_redirected = ending;
   g_redirectedTo = path;
@@ -274,7 +278,7 @@ INTERPOSE(
     int, nanosleep, (const timespec* span, timespec* rest), (span, rest),
     if (g_frozenMs >= 0 && isLibraryCode(__builtin_return_address(0))) {
       const int64_t ms = span->tv_sec * 1000 + span->tv_nsec / 1'000'000;
-      frozen_clock::advance(ms + g_oversleepMs.exchange(0));
+      frozen_clock::advance(ms + (g_oversleeps-- > 0 ? g_oversleepMs.load() : 0));
       recorded::note("asleep for " + std::to_string(ms));
       return 0;
     })

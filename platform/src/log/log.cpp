@@ -7,12 +7,13 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <string>
 
 #include "common/fork_mutex.h"
@@ -37,6 +38,7 @@ constexpr size_t kTextBytes = 2048;
 class Outlet {
  public:
   void set(Take take) noexcept { take_ = take; }
+  void addLost(uint64_t count) noexcept { lost_ += count; }
 
   // A destination that takes nothing is waited for once. From then on lines are dropped, and
   // counted, until it takes one: the number.
@@ -114,6 +116,38 @@ class RepeatFilter {
 constinit qurn::ForkMutex g_lock;  // for what follows
 constinit Outlet g_outlet{};
 constinit RepeatFilter g_repeats{};
+
+// A thread may be stuck within its line, in a signal's handler, with the lock. It is waited for
+// once; then lines are dropped, and counted, until the lock is free: nobody else is to get stuck,
+// least of all the thread that watches the others.
+class Turn {
+ public:
+  Turn() noexcept : isMine_(g_lock.lockFor(g_isHeldUp ? 0 : kPatienceMs)) {
+    g_isHeldUp = !isMine_;
+    if (isMine_) {
+      g_outlet.addLost(g_dropped.exchange(0));
+    } else {
+      ++g_dropped;
+    }
+  }
+  ~Turn() {
+    if (isMine_) {
+      g_lock.unlock();
+    }
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  [[nodiscard]] bool isMine() const noexcept { return isMine_; }
+
+ private:
+  static constexpr int64_t kPatienceMs = 500;
+  static constinit std::atomic<bool> g_isHeldUp;
+  static constinit std::atomic<uint64_t> g_dropped;
+
+  const bool isMine_;
+};
+constinit std::atomic<bool> Turn::g_isHeldUp{false};
+constinit std::atomic<uint64_t> Turn::g_dropped{0};
 
 // Asked for once: a system call that every line would make.
 [[gnu::tls_model("initial-exec")]] constinit thread_local pid_t t_tid = 0;
@@ -194,7 +228,10 @@ Level levelFor(uint32_t level) noexcept {
 }
 
 void writeUnlessRepeated(const Record& record) noexcept {
-  const std::lock_guard lock(g_lock);
+  const Turn turn;
+  if (!turn.isMine()) {
+    return;
+  }
   const RepeatFilter::Verdict verdict = g_repeats.judge(record);
   if (verdict.droppedBefore != 0) {
     std::array<char, 64> bytes{};
@@ -215,8 +252,9 @@ void writeAlways(const Record& record) noexcept {
   if (beginsReport(record) && !setup().mapDirectory.empty()) {
     keepMemoryMap(setup().mapDirectory);
   }
-  const std::lock_guard lock(g_lock);
-  g_outlet.deliver(record);
+  if (const Turn turn; turn.isMine()) {
+    g_outlet.deliver(record);
+  }
 }
 
 struct Place {

@@ -19,6 +19,7 @@ constexpr uint32_t kPluginPeriodMs = 10000;
 // How much later than its period a tick may begin without anything having happened.
 constexpr int64_t kUsualLatenessMs = 20;
 constexpr int64_t kLongestWaitMs = 1000;
+constexpr int kMostStops = 10;  // during one tick's wait
 
 // When the last tick ended, at first when the timer was started; all zero before that.
 constinit timespec g_lastTickEnd{};
@@ -56,14 +57,19 @@ int64_t oversleptMs(int64_t milliseconds) noexcept {
 
 // A process that was stopped, by a signal, a debugger or with its machine, goes on with every
 // thread silent for that long. They get as long as the tick is late to send their next heartbeat,
-// and the guard gets its own meanwhile. The process may be stopped again while they do.
+// and the guard gets its own meanwhile. The process may be stopped again while they do; but where
+// every sleep is late, as processor time is rationed, that is no stop, and the pass comes all the
+// same.
 void giveThreadsTime(int64_t lateMs) noexcept {
   int64_t leftMs = std::min(lateMs, kLongestWaitMs);
-  while (leftMs > 0) {
+  for (int stops = 0; leftMs > 0;) {
     const int64_t pieceMs = std::min<int64_t>(leftMs, qurn::mnt::msToNextKeepAlive());
-    const int64_t stoppedMs = oversleptMs(pieceMs);
+    const int64_t stoppedMs = std::min(oversleptMs(pieceMs), kLongestWaitMs);
     FRAME_KeepAliveReport();
-    leftMs = std::max(leftMs - pieceMs, std::min(stoppedMs, kLongestWaitMs));
+    leftMs -= pieceMs;
+    if (stoppedMs > leftMs && ++stops <= kMostStops) {
+      leftMs = stoppedMs;
+    }
   }
 }
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -47,6 +48,8 @@ constinit Records g_records{PTHREAD_MUTEX_INITIALIZER, {}, nullptr, 0, 0};
 // Reading the kernel's list takes as long as it is. So the number of doubts that lead to it grows
 // with it; what was let go in the meantime stays until then.
 constexpr uint32_t kListedPerDoubt = 16;
+
+constexpr useconds_t kUnaskedWaitUs = 10000;
 
 Record*& placeOf(int32_t fd) noexcept {
   return g_records.live[static_cast<uint32_t>(fd) % kPlaces];
@@ -188,7 +191,10 @@ bool changeRegistration(int32_t epollFd, int32_t op, int32_t fd, epoll_event* ev
 int fetchBatch(int32_t epollFd, epoll_event* events) noexcept {
   pollfd ready{epollFd, POLLIN, 0};
   if (poll(&ready, 1, -1) < 0) {
-    return -1;
+    if (errno != EINVAL) {
+      return -1;
+    }
+    usleep(kUnaskedWaitUs);  // nor may a process poll that may not open any descriptor
   }
   const MutexLock lock(g_records.lock);
   const int count = epoll_wait(epollFd, events, kMaxEvents, 0);

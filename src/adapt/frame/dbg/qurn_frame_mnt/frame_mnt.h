@@ -34,6 +34,20 @@ bool setPeriodIfUnset(uint32_t periodMs) noexcept;
 // Creates the event control's epoll instance; false with errno set on failure.
 bool createEpollInstance() noexcept;
 
+// Lets the host's signals through for a scope, on the detection thread, which holds them back
+// elsewhere: a hook may start a program, which would go on without them.
+class HostsSignals {
+ public:
+  HostsSignals() noexcept;
+  ~HostsSignals();
+  HostsSignals(const HostsSignals&) = delete;
+  HostsSignals& operator=(const HostsSignals&) = delete;
+
+ private:
+  const bool isNeeded_;
+  sigset_t before_{};
+};
+
 // Read anew each time: the C library may keep more of the first ones for itself.
 inline int deadloopSignal() noexcept { return SIGRTMIN + 2; }
 

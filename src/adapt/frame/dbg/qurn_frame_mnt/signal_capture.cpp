@@ -3,6 +3,7 @@
 // only. Everything else runs at start-up or on the detection thread.
 #include <pthread.h>
 #include <qurnadapt/keep_alive.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -26,6 +27,7 @@ namespace {
 constexpr uint32_t kDefaultPeriodMs = 10000;
 constexpr uint64_t kBytesBelowStackPointer = 512;
 constexpr uint16_t kBusyAttempts = 5;
+constexpr int kYieldsBeforeSleep = 100;
 
 // What the handler is installed with; components may have set signals for it to keep out.
 constinit sigset_t g_handlerMask{};
@@ -42,42 +44,9 @@ class ErrnoKeeper {
   const int saved_;
 };
 
-// Handlers on different threads take turns with the one record; a handler that has waited for five
-// seconds gives up.
-bool takeRecord() noexcept {
-  for (uint16_t attempts = kBusyAttempts; attempts > 0; --attempts) {
-    if (g_dump.captureBusy.exchange(1, std::memory_order_seq_cst) == 0) {
-      g_dump.captureTid.store(static_cast<uint32_t>(syscall(SYS_gettid)));
-      return true;
-    }
-    sleep(1);
-  }
-  return false;
-}
-
 void giveRecordBack() noexcept {
   g_dump.captureTid.store(0, std::memory_order_relaxed);
   g_dump.captureBusy.store(0, std::memory_order_release);
-}
-
-// The depth and the length come before the release of the flag and the status, so that whoever sees
-// the status sees the finished record.
-void publish(uint32_t depth, uint32_t stackLength) noexcept {
-  g_dump.capturedDepth = depth;
-  g_dump.capturedStackLength = stackLength;
-  giveRecordBack();
-  g_dump.status.store(FRAME_DEADLOOP_STATUS_CAPTURED, std::memory_order_release);
-}
-
-void capture(FrameDeadloopDumpInfo* dumpInfo, void* context) noexcept {
-  uint32_t depth = 0;
-  uint32_t stackLength = 0;
-  memcpy_s(dumpInfo->registers, sizeof(dumpInfo->registers), machineWords(context),
-           sizeof(dumpInfo->registers));
-  KEM_ExceptCallStackGetEx(context, FRAME_CALL_STACK_DEPTH, 0, g_dump.callStack, &depth);
-  FrameStackMemoryGet(dumpInfo, &stackLength);
-  FrameStackContentGet(dumpInfo, g_dump.callStack, depth);
-  publish(depth, stackLength);
 }
 
 // While one thread's capture is awaited, and the thread is there, the signal that somebody else
@@ -87,6 +56,56 @@ bool isMistaken() noexcept {
   return awaited != 0 && FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_SIGNALED &&
          awaited != static_cast<uint32_t>(syscall(SYS_gettid)) &&
          syscall(SYS_tgkill, getpid(), awaited, 0) == 0;
+}
+
+// A finished record belongs to the detection thread until its report is written; a signal that
+// nobody asked for must not tear it.
+bool isWanted() noexcept {
+  return FrameGetDeadloopStatus() != FRAME_DEADLOOP_STATUS_CAPTURED && !isMistaken();
+}
+
+// Handlers on different threads take turns with the one record; a handler that has waited for five
+// seconds gives up. Before it sleeps it lets the other one finish, and one that is not wanted does
+// not wait: where signals come in numbers, healthy threads would fall silent in here.
+bool takeRecord() noexcept {
+  for (uint16_t attempts = kBusyAttempts; attempts > 0; --attempts) {
+    for (int yields = kYieldsBeforeSleep; yields > 0 && isWanted(); --yields) {
+      if (g_dump.captureBusy.exchange(1, std::memory_order_seq_cst) == 0) {
+        g_dump.captureTid.store(static_cast<uint32_t>(syscall(SYS_gettid)));
+        return true;
+      }
+      sched_yield();
+    }
+    if (!isWanted()) {
+      return false;
+    }
+    sleep(1);
+  }
+  return false;
+}
+
+// The depth and the length come before the release of the flag and the status, so that whoever sees
+// the status sees the finished record. A thread whose capture has been asked for since it began
+// gets the record, and its status, for itself.
+void publish(uint32_t statusBefore, uint32_t depth, uint32_t stackLength) noexcept {
+  g_dump.capturedDepth = depth;
+  g_dump.capturedStackLength = stackLength;
+  giveRecordBack();
+  if (!isMistaken()) {
+    g_dump.status.compare_exchange_strong(statusBefore, FRAME_DEADLOOP_STATUS_CAPTURED,
+                                          std::memory_order_release);
+  }
+}
+
+void capture(uint32_t statusBefore, FrameDeadloopDumpInfo* dumpInfo, void* context) noexcept {
+  uint32_t depth = 0;
+  uint32_t stackLength = 0;
+  memcpy_s(dumpInfo->registers, sizeof(dumpInfo->registers), machineWords(context),
+           sizeof(dumpInfo->registers));
+  KEM_ExceptCallStackGetEx(context, FRAME_CALL_STACK_DEPTH, 0, g_dump.callStack, &depth);
+  FrameStackMemoryGet(dumpInfo, &stackLength);
+  FrameStackContentGet(dumpInfo, g_dump.callStack, depth);
+  publish(statusBefore, depth, stackLength);
 }
 
 bool isOurs(const struct sigaction& action) noexcept {
@@ -119,6 +138,7 @@ bool signalThread(pthread_t thread, uint32_t tid) noexcept {
 }
 
 uint32_t sendSignal(pthread_t thread, uint32_t tid) noexcept {
+  const Uncancellable uncancellable;  // or the status would tell of a signal that was never sent
   const auto shortId = static_cast<uint32_t>(thread);
   g_dump.awaitedTid.store(tid);
   g_dump.status.store(FRAME_DEADLOOP_STATUS_SIGNALED, std::memory_order_release);
@@ -246,13 +266,13 @@ void FrameDeadLoopSignalHandle(int sig, siginfo_t* info, void* context) {
       !takeRecord()) {
     return;
   }
-  // A finished record belongs to the detection thread until its report is written; a signal that
-  // nobody asked for must not tear it.
-  if (FrameGetDeadloopStatus() == FRAME_DEADLOOP_STATUS_CAPTURED || isMistaken()) {
+  // It may have been finished, or asked for by another thread, at this very moment.
+  const uint32_t status = FrameGetDeadloopStatus();
+  if (!isWanted()) {
     giveRecordBack();
     return;
   }
-  capture(dumpInfo, context);
+  capture(status, dumpInfo, context);
 }
 
 void FrameStackMemoryGet(FrameDeadloopDumpInfo* dumpInfo, uint32_t* length) {

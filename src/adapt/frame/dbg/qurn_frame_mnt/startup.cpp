@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstring>
 
 #include "common/scoped_fd.h"
@@ -35,6 +36,8 @@ constexpr char kTimerSetName[] = "tov_timer";
 
 constinit std::atomic<bool> g_detectionRuns{false};
 constinit std::atomic<int32_t> g_detectionTimer{-1};  // its descriptor
+constinit std::atomic<pthread_t> g_detectionThread{0};
+constinit sigset_t g_hostsMask{};  // of the thread that started it
 
 struct StartStep {
   uint32_t (*run)();
@@ -121,6 +124,25 @@ bool setUpDetection(FrameTimerCtrl** timerCtrl) noexcept {
   return true;
 }
 
+// Keeps every signal but faults from the threads that are made meanwhile.
+class SignalsHeldBack {
+ public:
+  SignalsHeldBack() noexcept {
+    sigset_t signals;
+    sigfillset(&signals);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) {
+      sigdelset(&signals, fault);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, &g_hostsMask);
+  }
+  ~SignalsHeldBack() { pthread_sigmask(SIG_SETMASK, &g_hostsMask, nullptr); }
+  SignalsHeldBack(const SignalsHeldBack&) = delete;
+  SignalsHeldBack& operator=(const SignalsHeldBack&) = delete;
+};
+
+// A hook has ended the detection thread, whose locks stay taken: nothing is watched any more.
+void endUnwatched(void* /*unused*/) noexcept { FrameKeepAliveStop(); }
+
 // A service that goes on in the child starts up anew there.
 void forgetDetectionInChild() noexcept {
   dropStartTurnAfterFork();
@@ -136,6 +158,18 @@ void forgetDetectionInChild() noexcept {
 }  // namespace
 
 const FrameProcInfo& procInfo() noexcept { return g_procInfo; }
+
+HostsSignals::HostsSignals() noexcept : isNeeded_(g_detectionThread == pthread_self()) {
+  if (isNeeded_) {
+    pthread_sigmask(SIG_SETMASK, &g_hostsMask, &before_);
+  }
+}
+
+HostsSignals::~HostsSignals() {
+  if (isNeeded_) {
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  }
+}
 
 bool setPeriodIfUnset(uint32_t periodMs) noexcept {
   uint32_t unset = 0;
@@ -182,7 +216,11 @@ uint32_t FRAME_PeriodTaskInit(void) {
     return QURN_OK;
   }
   pthread_t thread{};
-  const int ret = pthread_create(&thread, nullptr, FrameDeadloopTaskProcEntry, nullptr);
+  int ret = 0;
+  {
+    const SignalsHeldBack heldBack;
+    ret = pthread_create(&thread, nullptr, FrameDeadloopTaskProcEntry, nullptr);
+  }
   if (ret != 0) {
     g_detectionRuns = false;
     MNT_LOG(TOV_LOG_ERROR, "Frame period task init unsuccessfully. (ret = %d)", ret);
@@ -196,10 +234,14 @@ void* FrameDeadloopTaskProcEntry(void* /*arg*/) {
   // Whoever cancelled it would leave its locks held.
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   prctl(PR_SET_NAME, kDetectionThreadName);
+  g_detectionThread = pthread_self();
   FrameTimerCtrl* timerCtrl = nullptr;
   if (setUpDetection(&timerCtrl)) {
+    pthread_cleanup_push(endUnwatched, nullptr);
     FRAME_MntDispatch();
+    pthread_cleanup_pop(0);
   }
+  g_detectionThread = 0;
   FrameMntClearEpollEventCtrl();
   g_detectionTimer = -1;
   if (timerCtrl != nullptr) {

@@ -105,24 +105,11 @@ PassStep applyRules(FrameTaskDeadloopCtrl& ctrl, uint64_t slot, uint32_t elapsed
   return PassStep::kNextSlot;
 }
 
-// A thread that is stuck within its own heartbeat, in a signal's handler, holds its lock for good:
-// waiting for it would end the watch over all others. The look at the C library's word spares the
-// calls where, as nearly always, nobody has it.
-bool staysLocked(FrameDeadloopMonitorNode& node) noexcept {
-  constexpr int kTries = 3;
-  for (int i = 0; i < kTries; ++i) {
-    if (__atomic_load_n(&node.stInfoMutex.__data.__lock, __ATOMIC_RELAXED) == 0) {
-      return false;
-    }
-    sched_yield();
-  }
-  return true;
-}
-
 PassStep measureNode(FrameTaskDeadloopCtrl& ctrl, uint64_t slot) noexcept {
   FrameMonitorTaskInfo& info = ctrl.astNode[slot].stTaskInfo;
   int32_t elapsedMs = 0;
-  if (staysLocked(ctrl.astNode[slot])) [[unlikely]] {
+  constexpr int kLooks = 3;
+  if (staysLocked(ctrl.astNode[slot], kLooks, [] { sched_yield(); })) [[unlikely]] {
     return PassStep::kNextSlot;
   }
   {
@@ -212,14 +199,20 @@ FatalView viewFatalNode(FrameTaskDeadloopCtrl& ctrl) noexcept {
 void runThreadHook(const FrameTaskDeadloopCtrl& ctrl, const FrameMonitorTaskInfo& info) noexcept {
   MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, deadloop process hook start.");
   FrameDeadloopHandle slot = ctrl.ulFatalTaskIndex;
-  info.pfnDeadloopInfoHook(&slot, info.ulThreadId, ctrl.uiFatalElapsedTime);
+  {
+    const mnt::HostsSignals open;
+    info.pfnDeadloopInfoHook(&slot, info.ulThreadId, ctrl.uiFatalElapsedTime);
+  }
   MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, deadloop process hook end.");
 }
 
 void runProcessHook(const FrameTaskDeadloopCtrl& ctrl, const FatalView& view) noexcept {
   MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, deadloop process global hook start.");
-  view.processHook(view.info.ulThreadId, view.info.uiTid, ctrl.uiFatalElapsedTime,
-                   view.info.uiExceptionPolicy);
+  {
+    const mnt::HostsSignals open;
+    view.processHook(view.info.ulThreadId, view.info.uiTid, ctrl.uiFatalElapsedTime,
+                     view.info.uiExceptionPolicy);
+  }
   MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, deadloop process global hook end.");
 }
 
@@ -316,7 +309,10 @@ void FrameWarnThresholdTimeoutAction(uint64_t /*slot*/, FrameMonitorTaskInfo* in
   const FrameTaskDeadloopCtrl* ctrl = monitor();
   if (ctrl != nullptr && ctrl->pfnWarningHook != nullptr) {
     MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, global warn hook start.");
-    ctrl->pfnWarningHook(info->ulThreadId, info->uiTid, elapsedMs, info->uiExceptionPolicy);
+    {
+      const qurn::mnt::HostsSignals open;
+      ctrl->pfnWarningHook(info->ulThreadId, info->uiTid, elapsedMs, info->uiExceptionPolicy);
+    }
     MONITOR_LOG(TOV_LOG_WARNING, "Frame task deadloop detect, global warn hook end.");
   }
   FRAME_KeepAliveReport();

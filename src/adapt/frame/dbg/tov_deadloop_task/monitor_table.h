@@ -121,6 +121,22 @@ inline bool isHandledByCaller(const FrameTaskDeadloopCtrl& ctrl,
          ctrl.passThread.load(std::memory_order_relaxed) == pthread_self();
 }
 
+// Whether a node's lock is taken at each of so many looks, with a pause behind each. A thread that
+// is stuck within its own heartbeat, in a signal's handler, holds it for good: waiting for it would
+// end the watch over all others. A look at the C library's word spares the calls where, as nearly
+// always, nobody has it.
+template <typename Pause>
+[[gnu::always_inline]] inline bool staysLocked(FrameDeadloopMonitorNode& node, int looks,
+                                               Pause pause) noexcept {
+  for (int i = 0; i < looks; ++i) {
+    if (__atomic_load_n(&node.stInfoMutex.__data.__lock, __ATOMIC_RELAXED) == 0) [[likely]] {
+      return false;
+    }
+    pause();
+  }
+  return true;
+}
+
 // The timeout level is atomic beyond its lock, so that the exported rules and diagnostics may look
 // at it at any time.
 inline uint8_t timeoutLevel(const FrameMonitorTaskInfo& info) noexcept {

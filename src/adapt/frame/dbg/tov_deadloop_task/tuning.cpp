@@ -4,6 +4,7 @@
 #include <cstring>
 #include <optional>
 
+#include "common/fork_mutex.h"
 #include "common/uncancellable.h"
 #include "monitor_table.h"
 #include "node_change.h"
@@ -18,8 +19,12 @@ enum class NameMatch { kNone, kUpdated, kFailed };
 NameMatch updateIfNamed(FrameTaskDeadloopCtrl& ctrl, FrameDeadloopMonitorNode& node,
                         const char* name, uint32_t firstThreshold, uint32_t secondThreshold,
                         uint32_t thirdThreshold) noexcept {
+  constexpr int kLooks = 100;  // a millisecond each
   std::optional<NodeLock> lock;
   if (!isHandledByCaller(ctrl, node)) {
+    if (staysLocked(node, kLooks, qurn::sleepAMillisecond)) {
+      return NameMatch::kNone;
+    }
     lock.emplace(node);
   }
   if (strcmp(node.stTaskInfo.acTaskName, name) != 0) {
