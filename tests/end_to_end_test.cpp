@@ -150,7 +150,7 @@ TEST(Guarded, StopsWhateverItWaitsForAndTakesEvidenceBeforeItKills) {
        {silentHost("kill $PPID; sleep 1; echo taken"), 128 + SIGKILL,
         silent + "taken ... " + killed, never},
        // Nobody reads what it tells, for now and for good.
-       {"{ head -c 65536 /dev/zero; " GUARD + shell("kill $PPID; sleep 60") +
+       {"{ head -c 65536 /dev/zero; " GUARD + shell("kill $PPID; exec sleep 60") +
             "; echo status $? >&2; } | { sleep 5; echo late; }",
         0, "status 143 ... late"},
        {"{ " GUARD + shell("sleep 1; exit 5") + "; echo status $? >&2; } | true", 0, "status 5"},
