@@ -80,6 +80,7 @@ void tellMistakes() {
   EXPECT_EQ(KEM_BoxextRecordShow(3, 0, 99, 0xFFFFFFFF) | KEM_BoxextRegionClean(3) |
                 KEM_BoxextRecordShow(3, 0, 99, 0xFFFFFFFF),
             QURN_OK);
+  EXPECT_EQ(KEM_BoxextRegionClean(8), QURN_FAILED) << "there are eight";
 }
 
 TEST(KemMemory, IsAccountedForByHandlePartitionAndPlaceAndMistakesAreSaid) {
