@@ -38,6 +38,15 @@ namespace {
 
 bool raiseCaptures() { return raise(kSignal) == 0 && isCaptured(); }
 
+// Looks between what a sanitizer has put around each variable, too.
+__attribute__((no_sanitize("address"))) const uint64_t* find(uint64_t word, const uint64_t* at,
+                                                             const uint64_t* end) {
+  while (at != end && *at != word) {
+    ++at;
+  }
+  return at;
+}
+
 // As those read it who look into the process from outside.
 uint32_t storedDepth() {
   const auto findIn = [](dl_phdr_info* module, size_t /*bytes*/, void* depth) {
@@ -45,10 +54,12 @@ uint32_t storedDepth() {
     for (int i = 0; isLibrary && i < module->dlpi_phnum; ++i) {
       const ElfW(Phdr)& part = module->dlpi_phdr[i];
       const bool isData = part.p_type == PT_LOAD && (part.p_flags & PF_W) != 0;
-      const auto* start = reinterpret_cast<const char*>(module->dlpi_addr + part.p_vaddr);
-      const auto& magic = qurn::inspection::kMagic;
-      if (const void* at = memmem(start, isData ? part.p_filesz : 0, magic.data(), magic.size())) {
-        const auto& capture = static_cast<const qurn::inspection::Record*>(at)->capture;
+      const auto* start = reinterpret_cast<const uint64_t*>(module->dlpi_addr + part.p_vaddr);
+      const uint64_t* end = start + (isData ? part.p_filesz / sizeof(*start) : 0);
+      uint64_t magic = 0;
+      memcpy(&magic, qurn::inspection::kMagic.data(), sizeof(magic));
+      if (const uint64_t* at = find(magic, start, end); at != end) {
+        const auto& capture = reinterpret_cast<const qurn::inspection::Record*>(at)->capture;
         memcpy(depth, static_cast<const char*>(capture.address) + capture.depth, sizeof(uint32_t));
       }
     }
